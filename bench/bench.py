@@ -1,0 +1,190 @@
+"""Measures the bridge and socat with the same loads and prints a table in Markdown."""
+import argparse
+import json
+import os
+import platform
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+from pathlib import Path
+
+from relays import ADDRESS, LOAD, PROGRAM, Bridge, Socat, stop
+
+# At zero credits the sender sleeps 20 ms, and it uses up a few hundred faster than the thread that brings new ones wakes
+# up. So the bridge itself is measured with plenty; what fewer credits cost is shown beside it.
+PLENTY = {"initial_credits": 32000, "regrant_at": 16000}
+FEWER = {"255, again at 200": {"initial_credits": 255, "regrant_at": 200}, "32, again at 8 (default)": {}}
+# A block of 2048 bytes makes eight packets of 244 bytes and one of 96: 769 packets a second carry 175 kB/s each way.
+LINK_2M = {"interval_us": 13003, "packets_per_interval": 10}
+PACE = 2048 / 9 * 10 / 13003e-6
+SOCAT_PACE = (round(10 * 244 / PACE * 1e6), 10)  # its stand-in has full packets only
+SOURCE = "source:1000000000000"
+
+
+def run_load(relay, mode, seconds):
+    """Plays a client; the result gets the CPU seconds that the relay used meanwhile and its peak memory."""
+    cpu = relay.cpu_seconds()
+    load = subprocess.Popen([LOAD, mode, relay.near, str(seconds)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                            text=True)
+    try:
+        relay.client_connected()
+        line = load.stdout.readline()
+        if not line:
+            raise RuntimeError(f"pipe_load {mode} against {relay.name} failed")
+        result = json.loads(line)
+        if mode == "send" and isinstance(relay, Bridge):
+            result["end"] = relay.all_arrived(result["sent"])
+        result["cpu"] = relay.cpu_seconds() - cpu
+        result["memory"] = relay.peak_megabytes()
+        load.stdin.close()
+        if mode == "send" and isinstance(relay, Socat):
+            result["end"] = relay.all_arrived(result["sent"])
+        return result
+    finally:
+        load.stdin.close()
+        stop(load)
+
+
+def throughput(relay, mode, seconds):
+    """Bytes per second one way, CPU seconds per megabyte moved (both ways counted), CPU share, peak memory in MB."""
+    result = run_load(relay, mode, seconds)
+    if mode == "echo" and not (result["same"] and result["sent"] == result["received"]):
+        raise RuntimeError(f"{relay.name}: the echo lost or changed bytes: {result}")
+    count = result["sent"] if mode == "send" else result["received"]
+    moved = count * (2 if mode == "echo" else 1)
+    duration = result["end"] - result["start"]
+    return {"rate": count / duration, "cpu": result["cpu"] / (moved / 1e6), "share": result["cpu"] / duration,
+            "memory": result["memory"]}
+
+
+class Bench:
+    def __init__(self, folder):
+        self.folder = folder
+        self.rows = []
+        self.accounts = []
+        self.runs = 0
+
+    def fresh_folder(self):
+        self.runs += 1
+        folder = self.folder / str(self.runs)
+        folder.mkdir()
+        return folder
+
+    def bridge(self, what, measure, **peripheral):
+        print(f"{what}: the bridge ...", file=sys.stderr, flush=True)
+        relay = Bridge(self.fresh_folder(), {"address": ADDRESS, "name": "BENCH", "tx_mtu": 244, **peripheral})
+        with relay:
+            result = measure(relay)
+        self.accounts.append(f"{what}: {relay.account}")
+        return result
+
+    def socat(self, what, measure, part, pace=()):
+        print(f"{what}: socat ...", file=sys.stderr, flush=True)
+        with Socat(self.fresh_folder(), part, pace) as relay:
+            return measure(relay)
+
+    def row(self, what, ours, theirs=None, form="{:.1f}"):
+        cells = [what, form.format(ours)]
+        cells += [form.format(theirs), f"{ours / theirs:.2f}" if theirs else "-"] if theirs is not None else ["-", "-"]
+        self.rows.append(cells)
+
+    def one_way(self, what, mode, serial, part, seconds):
+        def measure(relay):
+            return throughput(relay, mode, seconds)
+        ours = self.bridge(what, measure, serial=serial, **PLENTY)
+        theirs = self.socat(what, measure, part)
+        self.row(f"{what}, MB/s" + (" each way" if mode == "echo" else ""), ours["rate"] / 1e6, theirs["rate"] / 1e6)
+        self.row(f"{what}, CPU seconds per MB moved", ours["cpu"], theirs["cpu"], "{:.4f}")
+        self.row(f"{what}, peak memory in MB", ours["memory"], theirs["memory"])
+
+    def round_trip(self, what, seconds, pace=(), **link):
+        def measure(relay):
+            return run_load(relay, "rtt", seconds)
+        ours = self.bridge(what, measure, serial="echo", **PLENTY, **link)
+        theirs = self.socat(what, measure, "far-echo", pace)
+        for part in ("p50", "p99"):
+            self.row(f"{what}, {part} in µs", ours[part] * 1e6, theirs[part] * 1e6)
+
+    def fewer_credits(self, seconds):
+        for credits, settings in FEWER.items():
+            for way, mode, serial in (("out", "send", "sink"), ("both at once", "echo", "echo")):
+                what = f"{way}, credits {credits}"
+                ours = self.bridge(what, lambda relay: throughput(relay, mode, seconds), serial=serial, **settings)
+                self.row(f"{what}, MB/s" + (" each way" if mode == "echo" else ""), ours["rate"] / 1e6)
+
+    def paced(self, seconds):
+        what = f"paced, both at once for {seconds:g} s"
+        ours = self.bridge(what, lambda relay: paced_echo(relay, seconds), serial="echo", link=LINK_2M)
+        theirs = self.socat(what, lambda relay: throughput(relay, "echo", seconds), "far-echo", SOCAT_PACE)
+        self.row(f"{what}, out in % of the pace", 100 * ours["out"] / PACE, 100 * theirs["rate"] / PACE, "{:.2f}")
+        self.row(f"{what}, in in % of the pace", 100 * ours["in"] / PACE, 100 * theirs["rate"] / PACE, "{:.2f}")
+        self.row(f"{what}, CPU share in %", 100 * ours["share"], 100 * theirs["share"], "{:.2f}")
+        self.row(f"{what}, peak memory in MB", ours["memory"], theirs["memory"])
+
+    def startup(self):
+        times = sorted(startup_milliseconds(self.fresh_folder()) for _ in range(9))
+        self.row("start to waiting for a client, median in ms", times[len(times) // 2])
+
+    def report(self):
+        print(f"\n{platform.platform()}, {os.cpu_count()} cores; pace {PACE / 1000:.1f} kB/s each way\n")
+        print("| measure | ZIQBLEConnect-sim | socat | ratio |\n| --- | --: | --: | --: |")
+        for cells in self.rows:
+            print("| " + " | ".join(cells) + " |")
+        print("\nWhat the simulated peripherals counted:\n")
+        for account in self.accounts:
+            print(f"    {account}")
+
+
+def paced_echo(relay, seconds):
+    """As throughput(), with the rates of both directions taken between two looks at the bridge's own counters."""
+    looks = []
+
+    def look():
+        looks.append((time.monotonic(), *relay.counters()))
+
+    timers = [threading.Timer(delay, look) for delay in (0.5, seconds - 0.1)]
+    for timer in timers:
+        timer.start()
+    result = throughput(relay, "echo", seconds)
+    for timer in timers:
+        timer.join()
+    (begin, in0, out0), (end, in1, out1) = looks
+    return result | {"in": (in1 - in0) / (end - begin), "out": (out1 - out0) / (end - begin)}
+
+
+def startup_milliseconds(folder):
+    start = time.monotonic()
+    program = subprocess.Popen([PROGRAM, "--cmdPipe", folder / "command"], stdin=subprocess.DEVNULL,
+                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    try:
+        for line in program.stdout:
+            if "Waiting for a client to connect" in line:
+                return (time.monotonic() - start) * 1000
+        raise RuntimeError("the program ended before it waited for a client")
+    finally:
+        stop(program)
+        program.stdout.close()
+
+
+def main():
+    options = argparse.ArgumentParser(prog="tools/bench", description=__doc__)
+    options.add_argument("--seconds", type=float, default=3, help="for each unpaced measurement (3)")
+    options.add_argument("--paced-seconds", type=float, default=30, help="for the paced measurement (30)")
+    chosen = options.parse_args()
+    with tempfile.TemporaryDirectory(prefix="ziqble-bench-") as temporary:
+        bench = Bench(Path(temporary))
+        bench.one_way("out", "send", "sink", "sink", chosen.seconds)
+        bench.one_way("in", "recv", SOURCE, "source", chosen.seconds)
+        bench.one_way("both at once", "echo", "echo", "far-echo", chosen.seconds)
+        bench.fewer_credits(chosen.seconds)
+        bench.round_trip("round trip of 20 bytes", chosen.seconds)
+        bench.paced(chosen.paced_seconds)
+        bench.round_trip("paced round trip of 20 bytes", chosen.seconds, SOCAT_PACE, link=LINK_2M)
+        bench.startup()
+        bench.report()
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,92 @@
+// What the program does with the machine's Bluetooth adapters: radio switches, protocol versions, the scan
+// interval of the driver, and answering pairing requests.
+//
+// Threads: everything runs and blocks on the calling thread unless said otherwise. Nothing is locked: two
+// resets at the same time are possible and harmless.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/adapter.h"
+#include "platform/pairing.h"
+#include "platform/radio.h"
+
+namespace blescanner {
+
+// --- Radios ---
+
+enum class RadioCheckResult : std::uint8_t { BluetoothOff = 0, BluetoothOn = 1 };
+
+// Null: no operation came back. Throws PlatformError.
+platform::AsyncOperationPtr<platform::RadioList> requestRadioList();
+
+// Looks for a Bluetooth radio that is on. Adds one to `counter` for each Bluetooth radio that it examines
+// (the walk ends at the first that is on) and never resets it: 0 tells "no Bluetooth hardware" from "switched
+// off". When there is no list of radios at all, Bluetooth is taken to be on. `runDriverCheck` appends
+// checkBluetoothDrivers(). Throws PlatformError.
+RadioCheckResult checkBluetoothRadio(std::uint32_t& counter, bool runDriverCheck);
+
+// Switches every Bluetooth radio off and on again, whatever its state: 4 to 16 s for each. Throws nothing;
+// radios already switched when a call fails stay as they are.
+void resetBluetooth();
+
+// Switches on the Bluetooth radios that are off: at most 5 s for each. Throws nothing.
+void switchBluetoothOn();
+
+// --- Protocol versions ---
+
+struct RadioVersionInfo {
+    std::wstring name;
+    std::int32_t lmpVersion = 0;  // Link Manager Protocol
+    std::int32_t hciVersion = 0;
+    bool operator==(const RadioVersionInfo&) const = default;
+};
+
+// The smallest LMP version of an adapter with Low Energy: Bluetooth 4.0.
+inline constexpr std::int32_t kLowestLeLmpVersion = 6;
+
+// Fills `list` with the adapters that answered, in the driver's order. False: there is no adapter at all.
+bool enumerateRadioVersions(std::vector<RadioVersionInfo>& list);
+
+// Logs what each adapter supports and adds the number of those with Low Energy to `leCount`, which may be
+// null. False: there is no adapter at all.
+bool getBLEProtocolSupport(std::uint32_t* leCount);
+
+// --- Scan interval ---
+
+// The scan interval was sent to the driver; never cleared in a running program. Any thread.
+extern std::atomic<bool> scanIntervalsConfigured;
+
+struct ScanConfigArgs {
+    std::shared_ptr<platform::Adapter> adapter;
+    std::uint16_t interval = 0;
+};
+
+// Has the scan interval sent to the first adapter, once per process, and returns scanIntervalsConfigured as
+// it stands 250 ms later: whether the command was issued, not whether the driver liked it. One thread at a
+// time.
+bool setScanIntervals();
+
+// The body of the configuration thread.
+void scanConfigThread(const ScanConfigArgs& args);
+
+// Waits for a configuration thread that still runs. It is waited for at the end of the process in any case;
+// whoever takes the Bluetooth side down earlier calls this before. Not at the same time as
+// setScanIntervals().
+void joinScanConfigThread();
+
+// 1 when the driver took the command, otherwise its error number.
+std::uint32_t applyScanWorkaround1809(platform::Adapter& adapter);
+std::uint32_t applyScanWorkaround1903(platform::Adapter& adapter);
+
+// --- Pairing ---
+
+// Answers every kind of ceremony that the link may ask for without a user. Runs on a thread of the Bluetooth
+// side. Throws PlatformError, which makes the pairing fail.
+void onPairingRequested(platform::DevicePairingRequestedEventArgs& args);
+
+}  // namespace blescanner

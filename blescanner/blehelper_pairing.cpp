@@ -1,0 +1,36 @@
+#include <loguru.hpp>
+
+#include "blescanner/blehelper.h"
+
+namespace blescanner {
+
+using platform::DevicePairingKinds;
+
+void onPairingRequested(platform::DevicePairingRequestedEventArgs& args) {
+    switch (args.pairingKind()) {
+        case DevicePairingKinds::confirmOnly:
+            args.accept();
+            LOG_S(INFO) << "Custom BLE connecting - ConfirmOnly";
+            break;
+        case DevicePairingKinds::displayPin:
+            args.accept();
+            LOG_S(INFO) << "Custom BLE connecting - DisplayPin";
+            break;
+        case DevicePairingKinds::providePin:
+            args.acceptWithPin({});
+            LOG_S(INFO) << "Custom BLE connecting - ProvidePin";
+            break;
+        case DevicePairingKinds::confirmPinMatch:
+            // Fetched because the platform expects it, never compared: there is nobody to show it to.
+            args.pin();
+            args.accept();
+            LOG_S(INFO) << "Custom BLE connecting - ConfirmPinMatch";
+            break;
+        case DevicePairingKinds::none:
+            break;
+    }
+    // Any other kind gets no answer at all: the platform then ends the ceremony with a failure that the
+    // caller reports.
+}
+
+}  // namespace blescanner

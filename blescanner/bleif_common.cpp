@@ -1,0 +1,226 @@
+#include "blescanner/bleif_common.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <loguru.hpp>
+#include <span>
+#include <string>
+
+#include "blescanner/cmdpipe.h"
+#include "blescanner/platform_error_text.h"
+#include "platform/clock.h"
+
+namespace blescanner {
+
+using platform::AsyncStatus;
+using platform::GattCommunicationStatus;
+
+namespace {
+
+constexpr std::size_t kLongestNotification = 1024;  // bytes; what is longer is cut
+
+void signalConnectionDrop(const std::shared_ptr<TioContext>& context) {
+    // The exchange makes it once, however many writes fail at the same moment.
+    if (context->dataPipe.exchange(nullptr) != nullptr) notifyClient(context, L"TIO DROP\r\n");
+}
+
+// Little-endian; a missing high byte counts as zero.
+std::uint16_t readU16(std::span<const std::uint8_t> value) {
+    const unsigned high = value.size() > 1 ? value[1] : 0U;
+    return static_cast<std::uint16_t>(value[0] | high << 8);
+}
+
+std::string withoutBraces(const platform::Guid& uuid) {
+    const std::string text = platform::toString(uuid);
+    return text.substr(1, text.size() - 2);
+}
+
+}  // namespace
+
+void awaitOperation(const platform::AsyncInfo& operation) {
+    while (operation.status() == AsyncStatus::started)
+        platform::sleepFor(std::chrono::milliseconds(0));
+    switch (operation.status()) {
+        case AsyncStatus::error: {
+            const platform::HResult code = operation.errorCode();
+            LOG_S(ERROR) << "Error on op: " << operation.typeName() << " ( " << code << ":"
+                         << platform::systemMessage(code) << " )";
+            break;
+        }
+        case AsyncStatus::canceled:
+            LOG_S(ERROR) << "Cancel on op: " << operation.typeName();
+            break;
+        case AsyncStatus::started:
+        case AsyncStatus::completed:
+            break;
+    }
+}
+
+std::optional<GattCommunicationStatus> recoverOnError(const std::shared_ptr<TioContext>& context,
+                                                      GattWriteOperation& operation) {
+    if (operation.status() != AsyncStatus::error) {
+        const GattCommunicationStatus status = operation.getResults();
+        if (status == GattCommunicationStatus::unreachable) {
+            LOG_S(ERROR) << "Unreachable endpoint! Signalling connection drop!";
+            signalConnectionDrop(context);
+        }
+        return status;
+    }
+    const platform::HResult code = operation.errorCode();
+    if (code == platform::kRoEClosed) {
+        LOG_S(ERROR) << "The object has been closed (RO_E_CLOSED)! Signalling connection drop!";
+        signalConnectionDrop(context);
+    } else {
+        LOG_S(ERROR) << "Recover on error: " << code << ":" << platform::systemMessage(code);
+    }
+    return std::nullopt;
+}
+
+platform::AsyncOperationPtr<std::shared_ptr<platform::BluetoothLEDevice>> IBLEIF::startDeviceLookUp(
+    std::uint64_t address) {
+    LOG_S(INFO) << "Get device from address " << formatBleAddress(address);
+    auto lookUp = platform::bluetoothLEDeviceFromAddressAsync(address);
+    if (!lookUp) LOG_S(ERROR) << "Could not get LE device!";
+    return lookUp;
+}
+
+void IBLEIF::__setSubscription(const std::shared_ptr<platform::GattCharacteristic>& characteristic,
+                               bool indicate) {
+    if (!characteristic) return;
+    using Descriptor = platform::GattClientCharacteristicConfigurationDescriptorValue;
+    const char* const kind = indicate ? "INDICATION" : "NOTIFICATION";
+    LOG_S(INFO) << "__setSubscription " << platform::toString(characteristic->uuid()) << " " << kind;
+
+    LOG_S(INFO) << "Setting onChange function";
+    context_.subscriptions.push_back(characteristic->onValueChanged(
+        [this](platform::GattCharacteristic* sender, const platform::GattValueChangedEventArgs* args) {
+            __chValueChanged(sender, args);
+        }));
+
+    const auto write = characteristic->writeClientCharacteristicConfigurationDescriptorAsync(
+        indicate ? Descriptor::indicate : Descriptor::notify);
+    if (!write) return;
+    awaitOperation(*write);
+    const GattCommunicationStatus status = write->getResults();
+    if (status == GattCommunicationStatus::success) {
+        LOG_S(INFO) << kind << "set OK";
+    } else if (status == GattCommunicationStatus::unreachable) {
+        LOG_S(ERROR) << "__setSubscriptions: Error when setting client characteristics configuration "
+                        "descriptor UNREACHABLE!";
+    } else {
+        LOG_S(ERROR) << "Error when setting client characteristics configuration descriptor"
+                     << static_cast<int>(status);
+    }
+}
+
+void IBLEIF::grantCredits(const std::shared_ptr<platform::GattCharacteristic>& characteristic,
+                          std::uint32_t count, bool wait) {
+    if (!characteristic) {
+        LOG_S(ERROR) << "Granting credits with NULL characteristic!";
+        return;
+    }
+    const std::array<std::uint8_t, 1> value{static_cast<std::uint8_t>(count)};
+    const auto write = characteristic->writeValueAsync(value, platform::GattWriteOption::writeWithResponse);
+    if (!write) {
+        LOG_S(ERROR) << "Set credits result: NULL!";
+        return;
+    }
+    if (wait) {
+        awaitOperation(*write);
+        recoverOnError(shared_, *write);
+    }
+    if (write->getResults() == GattCommunicationStatus::success) return;
+    LOG_S(ERROR) << "Error setting credits!";
+    if (context_.device) {
+        LOG_S(ERROR) << "LE Connection is " << static_cast<int>(context_.device->connectionStatus());
+    }
+}
+
+void IBLEIF::replenishLocalCredits() {
+    const std::int32_t grant = TIO_LOCAL_CREDIT_TARGET - context_.localCredits;
+    const std::int32_t total = context_.localCredits.fetch_add(grant) + grant;
+    LOG_S(INFO) << "Granting local credits " << grant << " (" << total << ")";
+    grantCredits(context_.crrxChar, static_cast<std::uint32_t>(grant), true);
+}
+
+void IBLEIF::writeCharacteristicU16(const std::shared_ptr<platform::GattCharacteristic>& characteristic,
+                                    std::uint16_t value) {
+    if (!characteristic) return;
+    const std::array<std::uint8_t, 2> bytes{static_cast<std::uint8_t>(value & 0xFF),
+                                            static_cast<std::uint8_t>(value >> 8)};
+    const auto write = characteristic->writeValueAsync(bytes, platform::GattWriteOption::writeWithResponse);
+    if (!write)
+        throw platform::PlatformError(platform::kEFail, "No operation came back for a characteristic write");
+    awaitOperation(*write);
+    recoverOnError(shared_, *write);
+}
+
+void IBLEIF::__chValueChanged(platform::GattCharacteristic* sender,
+                              const platform::GattValueChangedEventArgs* args) {
+    try {
+        valueChanged(sender, args);
+    } catch (const platform::PlatformError& error) {
+        LOG_S(ERROR) << "Unknown exception in __chValueChanged";
+        LOG_S(ERROR) << describe(error);
+    } catch (...) {
+        LOG_S(ERROR) << "Unknown exception in __chValueChanged";
+    }
+}
+
+void IBLEIF::valueChanged(platform::GattCharacteristic* sender,
+                          const platform::GattValueChangedEventArgs* args) {
+    if (sender == nullptr) {
+        LOG_S(ERROR) << "__chValueChanged called with NULL sender!";
+        return;
+    }
+    const platform::Guid uuid = sender->uuid();
+    if (uuid == context_.txUuid) return dataReceived(args);
+    if (uuid == context_.crtxUuid) return creditsReceived(args);
+    if (uuid == context_.txmtuUuid) return mtuReceived(args);
+    LOG_S(INFO) << "Notification from {" << withoutBraces(uuid) << "} : " << (args ? args->value.size() : 0)
+                << " bytes";
+}
+
+void IBLEIF::dataReceived(const platform::GattValueChangedEventArgs* args) {
+    context_.localCredits.fetch_sub(1);  // whatever the notification turns out to carry
+    if (args == nullptr) {
+        LOG_S(ERROR) << "__chValueChanged (TX_UUID) with NULL data!";
+    } else if (!args->value.empty()) {
+        const auto bytes = args->value.first(std::min(args->value.size(), kLongestNotification));
+        if (CNamedPipe* const pipe = context_.dataPipe) {
+            pipe->writeBytes(bytes);
+            context_.rxBytes.fetch_add(bytes.size(), std::memory_order_relaxed);
+        } else {
+            LOG_S(ERROR) << "ERR(W) - NULL";
+        }
+    }
+    if (context_.localCredits <= TIO_CREDIT_REGRANT_THRESHOLD) replenishLocalCredits();
+}
+
+void IBLEIF::creditsReceived(const platform::GattValueChangedEventArgs* args) {
+    if (args == nullptr) {
+        LOG_S(ERROR) << "__chValueChanged (CRTX_UUID) with NULL data!";
+        return;
+    }
+    if (args->value.empty()) return;
+    const std::int32_t increment = args->value[0];  // any further byte has no meaning
+    const std::int32_t total = context_.remoteCredits.fetch_add(increment) + increment;
+    LOG_S(INFO) << "New TX credits (remote) = " << total << "(" << increment << ")";
+}
+
+void IBLEIF::mtuReceived(const platform::GattValueChangedEventArgs* args) {
+    if (args == nullptr) {
+        LOG_S(ERROR) << "__chValueChanged (TXMTU_UUID) with NULL data!";
+        return;
+    }
+    if (args->value.empty()) return;
+    const std::uint16_t mtu = readU16(args->value);
+    LOG_S(INFO) << "New TX MTU = " << mtu;
+    context_.txMtu = mtu;
+    if (!context_.rxmtuChar) return;
+    LOG_S(INFO) << "Setting MTU (RX MTU) = " << mtu << "...";
+    writeCharacteristicU16(context_.rxmtuChar, mtu);
+}
+
+}  // namespace blescanner

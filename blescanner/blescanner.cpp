@@ -1,0 +1,129 @@
+#include "blescanner/blescanner.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <loguru.hpp>
+#include <thread>
+
+#include "blescanner/cmdpipe.h"
+#include "blescanner/lecomm.h"
+#include "platform/runtime.h"
+#include "platform/text.h"
+#include "platform/version.h"
+
+namespace blescanner {
+
+namespace {
+
+constexpr const char* kVersion = "1.00.4";
+constexpr std::chrono::seconds kLinkSessionEndTime{2};
+
+void logToStandardOutput(void*, const loguru::Message& line) {
+    print(std::string(line.preamble) + line.indentation + line.prefix + line.message + '\n');
+}
+
+// The log belongs on standard output, while the library's own console sink is standard error: off, before
+// init writes anything to it. The library never sees the real arguments, and it keeps pointers into the ones
+// that it gets.
+void setUpLogging() {
+    static char programName[] = "ZIQBLEConnect.exe";
+    static char* arguments[] = {programName, nullptr};
+    int argumentCount = 1;
+    loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
+    loguru::init(argumentCount, arguments);
+    loguru::g_preamble_date = false;
+    loguru::g_preamble_time = false;
+    loguru::g_preamble_uptime = false;
+    loguru::g_preamble_thread = false;
+    loguru::add_callback("stdout", logToStandardOutput, nullptr, loguru::Verbosity_INFO);
+}
+
+// The warning names v1607 and the test is for v1703: users look for this text, so it stays.
+void logBanner() {
+    LOG_S(INFO) << "ZIQBLEConnect " << kVersion;
+    LOG_S(INFO) << "Build " << __DATE__ << " " << __TIME__;
+    LOG_S(INFO) << "Version check: Windows " << platform::toUtf8(windowsVersionText());
+    if (isOlderThanThresholdBuild()) {
+        LOG_S(WARNING) << "[WARNING] It is recommended to use Windows 10 v1607 or later!";
+    }
+}
+
+void shellThread() {
+    try {
+        LOG_S(INFO) << "Starting shell pipe...";
+        runShellSession();
+        LOG_S(INFO) << "Shell pipe terminated...";
+    } catch (...) {
+        LOG_S(ERROR) << "Unknown exception in shell thread!";
+    }
+}
+
+// The end of the Bluetooth runtime calls back whatever a link session may still be waiting for.
+void runBridge(const std::vector<std::string>& arguments) {
+    const platform::BluetoothRuntime bluetooth;
+    setUpLogging();
+    logBanner();
+    setUpOptions(arguments);
+    std::thread shell(shellThread);
+    shell.join();
+    platform::requestStop();  // a session that is still winding down has nothing more to wait for
+    if (!waitForLinkSessions(kLinkSessionEndTime)) {
+        LOG_S(WARNING)
+            << "[WARNING] A Bluetooth call of the link session has not come back, it is cancelled!";
+    }
+    LOG_S(INFO) << "Goodbye!";
+}
+
+// Link sessions are detached threads. One that outlives even the cancelling of its Bluetooth call hangs in
+// the system: then the process goes without destroying anything under it.
+void endProcessUnderHangingSession() {
+    if (waitForLinkSessions(kLinkSessionEndTime)) return;
+    loguru::flush();
+    std::fflush(stdout);
+    std::_Exit(0);
+}
+
+}  // namespace
+
+// Narrow throughout, also for texts that are wide in the program: a stream of a POSIX host is either narrow
+// or wide for its whole life, and wide output in the C locale ends at the first character beyond ASCII. One
+// call writes one text, so that lines of several threads stay whole.
+void print(std::string_view utf8) {
+    std::fwrite(utf8.data(), 1, utf8.size(), stdout);
+    std::fflush(stdout);
+}
+
+bool isOlderThanThresholdBuild() {
+    const platform::OsVersion version = platform::osVersion();
+    if (version.major < 10) return true;
+    if (version.major > 10 || version.minor != 0) return false;
+    return version.build < 15063;
+}
+
+std::wstring windowsVersionText() {
+    const platform::OsVersion version = platform::osVersion();
+    return std::to_wstring(version.major) + L'.' + std::to_wstring(version.minor) + L'.' +
+           std::to_wstring(version.build);
+}
+
+int runProgram(const std::vector<std::string>& arguments) {
+    const platform::HostRuntime host;
+    if (!host.ready()) return 0;
+    try {
+        runBridge(arguments);
+    } catch (const platform::BluetoothConfigError& error) {
+        std::fprintf(stderr, "ZIQBLEConnect: %s\n", error.what());
+        return 2;
+    } catch (const std::exception& error) {
+        print(std::string(*error.what() ? error.what() : "Unknown exception") + '\n');
+    } catch (...) {
+        print("Unknown exception in main! Terminating application...\n");
+    }
+    endProcessUnderHangingSession();
+    loguru::remove_all_callbacks();
+    return 0;
+}
+
+}  // namespace blescanner

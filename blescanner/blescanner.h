@@ -1,0 +1,38 @@
+// Start-up and shutdown of the program, its command line and the version rule.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace blescanner {
+
+// From the command line. Written by the main thread before any other thread exists, read-only afterwards.
+struct ProcessSettings {
+    // The separator behind the point is doubled; the system takes the name all the same.
+    std::wstring cmdPipeName = L"\\\\.\\\\pipe\\ZIQBLESh";
+    std::wstring datPipeName = L"\\\\.\\\\pipe\\ZIQBLECOM";
+    std::wstring logFileName = L"nul";
+};
+
+ProcessSettings& settings();
+
+// Reads the arguments (UTF-8, without the program's name) into the settings; prints help and stray arguments.
+// Throws std::invalid_argument when an option lacks its value.
+void setUpOptions(const std::vector<std::string>& arguments);
+
+// Older than Windows 10 build 15063: the one threshold between the two generations of GATT calls. Asks the
+// system anew at each call; any thread.
+bool isOlderThanThresholdBuild();
+
+// For example "10.0.19041". Any thread.
+std::wstring windowsVersionText();
+
+// Writes to standard output at once. Any thread; texts of several threads are not mixed.
+void print(std::string_view utf8);
+
+// The whole program, from start-up to "Goodbye!". Once, on the main thread. Returns the exit code: 0, or 2
+// when the Bluetooth side rejects its configuration.
+int runProgram(const std::vector<std::string>& arguments);
+
+}  // namespace blescanner

@@ -1,0 +1,64 @@
+#include <loguru.hpp>
+#include <popl.hpp>
+
+#include "blescanner/blescanner.h"
+#include "platform/text.h"
+
+namespace blescanner {
+
+namespace {
+
+void printHelp(const popl::OptionParser& parser, std::size_t timesAsked) {
+    if (timesAsked == 0) return;
+    if (timesAsked == 1) return print(parser.help(popl::Attribute::optional));
+    print(parser.help(timesAsked == 2 ? popl::Attribute::advanced : popl::Attribute::expert));
+}
+
+void printEach(const std::string& title, const std::vector<std::string>& arguments) {
+    for (const std::string& argument : arguments)
+        print(title + argument + '\n');
+}
+
+// Deliberately always the same file: the given name is echoed and kept, nothing opens it.
+void setUpLogFile(const std::string& givenName) {
+    if (givenName.empty()) return;
+    print("Using log file: " + givenName + '\n');
+    settings().logFileName = platform::widen(givenName);
+    loguru::add_file("everything.log", loguru::Append, loguru::Verbosity_MAX);
+}
+
+void parse(popl::OptionParser& parser, const std::vector<std::string>& arguments) {
+    std::vector<const char*> argv{"ZIQBLEConnect"};
+    for (const std::string& argument : arguments)
+        argv.push_back(argument.c_str());
+    parser.parse(static_cast<int>(argv.size()), argv.data());
+}
+
+}  // namespace
+
+ProcessSettings& settings() {
+    static ProcessSettings instance;
+    return instance;
+}
+
+// Of a value given more than once the first counts. Help is no reason to end: the bridge starts all the same.
+void setUpOptions(const std::vector<std::string>& arguments) {
+    popl::OptionParser parser("Allowed options");
+    const auto help = parser.add<popl::Switch>("h", "help", "Display use information");
+    const auto cmdPipe = parser.add<popl::Value<std::string>>(
+        "c", "cmdPipe", "Command pipe [default \\\\.\\\\pipe\\ZIQBLESh]");
+    const auto datPipe = parser.add<popl::Value<std::string>>(
+        "d", "datPipe", "Data pipe    [default \\\\.\\\\pipe\\ZIQBLECOM]");
+    const auto logFile = parser.add<popl::Value<std::string>>(
+        "f", "logfile", "Log to file in addition to stdout [default is none]");
+    parse(parser, arguments);
+
+    printHelp(parser, help->count());
+    printEach("non_option_args: ", parser.non_option_args());
+    printEach("unknown_options: ", parser.unknown_options());
+    if (cmdPipe->is_set()) settings().cmdPipeName = platform::widen(cmdPipe->value());
+    if (datPipe->is_set()) settings().datPipeName = platform::widen(datPipe->value());
+    if (logFile->is_set()) setUpLogFile(logFile->value());
+}
+
+}  // namespace blescanner

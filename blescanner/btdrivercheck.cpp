@@ -1,0 +1,166 @@
+#include "blescanner/btdrivercheck.h"
+
+#include <algorithm>
+#include <fstream>
+#include <loguru.hpp>
+#include <string_view>
+#include <vector>
+
+#include "platform/driver.h"
+#include "platform/text.h"
+
+namespace blescanner {
+
+using platform::CalendarTime;
+using platform::DriverInfo;
+using platform::SystemError;
+using platform::toUtf8;
+
+namespace {
+
+constexpr std::size_t kMaxDevices = 33;
+constexpr std::uint32_t kMaxDriversPerDevice = 32;
+// The one failure that is not worth a line.
+constexpr auto kSilentBuildError = static_cast<SystemError>(256);
+
+// The text up to the next comma, which is taken off together with it.
+std::string_view nextField(std::string_view& rest) {
+    const std::size_t comma = rest.find(',');
+    const std::string_view field = rest.substr(0, comma);
+    rest.remove_prefix(comma == std::string_view::npos ? rest.size() : comma + 1);
+    return field;
+}
+
+std::wstring versionText(std::uint64_t version) {
+    std::wstring text;
+    for (int shift = 48; shift >= 0; shift -= 16) {
+        if (!text.empty()) text += L'.';
+        text += std::to_wstring((version >> shift) & 0xFFFF);
+    }
+    return text;
+}
+
+void logDriver(const DriverInfo& driver, const CalendarTime& date) {
+    LOG_S(INFO) << "---------------";
+    LOG_S(INFO) << "Driver description " << toUtf8(driver.description);
+    LOG_S(INFO) << "Driver manufacturer " << toUtf8(driver.manufacturer);
+    LOG_S(INFO) << "Driver provider " << toUtf8(driver.provider);
+    LOG_S(INFO) << "Driver date is " << toUtf8(platform::formatLongDateAndTime(date));
+    LOG_S(INFO) << "Driver version is " << toUtf8(versionText(driver.version));
+}
+
+bool isSuperseded(const DriverInfo& driver, const std::vector<DriverInfo>& seen) {
+    return std::any_of(seen.begin(), seen.end(), [&](const DriverInfo& other) {
+        return other.description == driver.description && other.manufacturer == driver.manufacturer &&
+               other.provider == driver.provider && other.date <= driver.date;
+    });
+}
+
+// The first years of Windows 10. Anything older is left alone on purpose.
+bool isOfDoubtfulAge(const CalendarTime& date) {
+    return date.year == 2015 || date.year == 2016 || (date.year == 2017 && date.month < 3);
+}
+
+bool isDoubtfulIntelDriver(const DriverInfo& driver, const CalendarTime& date) {
+    return date.year == 2017 && driver.manufacturer.find(L"Intel") != std::wstring::npos;
+}
+
+// `driver.date` is local time already and is shifted once more, so the warning shows it shifted twice.
+// Deliberate: warnings stay comparable with those in older logs.
+void warnOfAge(const DriverInfo& driver) {
+    const auto date = platform::toCalendarTime(platform::toLocalFileTime(driver.date));
+    LOG_S(WARNING) << "[WARNING] It is recommended to check for new Bluetooth \""
+                   << toUtf8(driver.manufacturer) << ":" << toUtf8(driver.provider) << ":"
+                   << toUtf8(platform::formatLongDateAndTime(date)) << "\" driver version and update!";
+}
+
+void warnIfKnown(const DriverInfo& driver, const std::wstring& version, const DriversDb& driversDb) {
+    const auto entry = driversDb.find(driver.manufacturer + L"#" + version);
+    if (entry == driversDb.end()) return;
+    LOG_S(WARNING) << "[WARNING] Bluetooth driver \"" << toUtf8(driver.manufacturer) << ":"
+                   << toUtf8(driver.provider) << "\" may require an update! " << toUtf8(entry->second);
+}
+
+// `seen`: the drivers of the same device so far, their dates in local time.
+void checkDriver(DriverInfo driver, std::vector<DriverInfo>& seen, const DriversDbSource& driversDb) {
+    driver.date = platform::toLocalFileTime(driver.date);
+    const CalendarTime date = platform::toCalendarTime(driver.date);
+    logDriver(driver, date);
+
+    // An empty version keeps a duplicate from every warning.
+    const std::wstring version = isSuperseded(driver, seen) ? L"" : versionText(driver.version);
+    seen.push_back(driver);
+
+    if (isOfDoubtfulAge(date) || isDoubtfulIntelDriver(driver, date)) {
+        if (!version.empty()) warnOfAge(driver);
+    } else {
+        warnIfKnown(driver, version, driversDb());
+    }
+}
+
+void checkDriversOf(const platform::DriverDevice& device, const DriversDbSource& driversDb) {
+    std::vector<DriverInfo> seen;
+    for (std::uint32_t index = 0; index < kMaxDriversPerDevice; ++index) {
+        DriverInfo driver;
+        const SystemError error = device.compatibleDriver(index, driver);
+        if (error == SystemError::noMoreItems) return;
+        if (error != SystemError::none) {
+            LOG_S(WARNING) << "Driver check: SetupDiEnumDriverInfo err - " << number(error);
+            return;
+        }
+        checkDriver(std::move(driver), seen, driversDb);
+    }
+}
+
+}  // namespace
+
+DriversDb parseDriversDb(std::istream& file) {
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+    DriversDb driversDb;
+    std::string line;
+    for (bool first = true; std::getline(file, line); first = false) {
+        std::string_view rest = line;
+        if (first && rest.starts_with(kByteOrderMark)) rest.remove_prefix(kByteOrderMark.size());
+        if (rest.ends_with('\r')) rest.remove_suffix(1);
+        const std::string_view manufacturer = nextField(rest);
+        const std::string_view version = nextField(rest);
+        const std::string_view hint = nextField(rest);
+        if (manufacturer.empty() || version.empty()) continue;
+        driversDb.insert_or_assign(platform::widen(manufacturer) + L"#" + platform::widen(version),
+                                   platform::widen(hint));
+    }
+    return driversDb;
+}
+
+DriversDb readDriversDb() {
+    std::ifstream file(platform::driversDbPath(), std::ios::binary);
+    return parseDriversDb(file);
+}
+
+void checkBluetoothDrivers() {
+    checkBluetoothDrivers([]() -> const DriversDb& {
+        static const DriversDb driversDb = readDriversDb();
+        return driversDb;
+    });
+}
+
+void checkBluetoothDrivers(const DriversDbSource& driversDb) {
+    const platform::DriverDeviceList list = platform::bluetoothDriverDevices();
+    if (list.error != SystemError::none) {
+        LOG_S(ERROR) << "Driver check: SetupDiGetClassDevs failed: " << number(list.error);
+        return;
+    }
+    const std::size_t count = std::min(list.devices.size(), kMaxDevices);
+    for (std::size_t index = 0; index < count; ++index) {
+        platform::DriverDevice& device = *list.devices[index];
+        if (const SystemError error = device.buildCompatibleDriverList(); error != SystemError::none) {
+            if (error != kSilentBuildError) {
+                LOG_S(ERROR) << "Driver check: SetupDiBuildDriverInfoList err - " << number(error);
+            }
+            return;
+        }
+        checkDriversOf(device, driversDb);
+    }
+}
+
+}  // namespace blescanner

@@ -1,0 +1,131 @@
+#include "blescanner/cmdpipe.h"
+
+#include <array>
+#include <chrono>
+#include <loguru.hpp>
+
+#include "blescanner/blescanner.h"
+#include "platform/runtime.h"
+#include "platform/text.h"
+
+namespace blescanner {
+
+namespace {
+
+// The two kinds of write have different patience on purpose: replies are short, data is long.
+constexpr std::int64_t kReplyMsPerCharacter = 100;
+constexpr std::int64_t kDataMsPerByte = 50;
+
+std::string lowBytes(const std::wstring& text) {
+    std::string bytes;
+    bytes.reserve(text.size());
+    for (const wchar_t unit : text)
+        bytes.push_back(static_cast<char>(unit & 0xFF));
+    return bytes;
+}
+
+}  // namespace
+
+platform::SystemError CNamedPipe::create(const std::wstring& name) {
+    auto created = platform::Pipe::create(name);
+    pipe_ = std::move(created.pipe);
+    createError_ = created.error;
+    return created.error;
+}
+
+void CNamedPipe::close() {
+    if (!pipe_) return;
+    pipe_->disconnect();
+    pipe_->close();
+}
+
+void CNamedPipe::logClient() const {
+    const auto client = pipe_->client();
+    // The session number, not the process number: that is what has always been shown here.
+    LOG_S(INFO) << "Client: (" << client.sessionId << "): " << platform::toUtf8(client.computerName);
+}
+
+platform::IoResult CNamedPipe::finishWrite(platform::IoResult started, std::int64_t timeoutMs) {
+    if (started.error != platform::SystemError::ioPending) {
+        writeRequest_.event().reset();
+        return started;
+    }
+    platform::Event* const events[] = {&writeRequest_.event(), &platform::stopRequested()};
+    const auto signalled = platform::waitAny(events, std::chrono::milliseconds(timeoutMs));
+    const auto outcome = signalled == 0U ? pipe_->result(writeRequest_) : pipe_->cancel(writeRequest_);
+    writeRequest_.event().reset();
+    return outcome;
+}
+
+void CNamedPipe::writeText(std::wstring& text) {
+    LOG_S(INFO) << "SHELL: " << platform::toUtf8(text);
+    const std::string bytes = lowBytes(text);
+    text.clear();
+    if (!pipe_ || bytes.empty()) return;
+
+    const auto data = reinterpret_cast<const std::uint8_t*>(bytes.data());
+    const auto length = static_cast<std::int64_t>(bytes.size());
+    const auto outcome = finishWrite(pipe_->startWrite(writeRequest_, {data, bytes.size()}),
+                                     (length + 1) * kReplyMsPerCharacter);
+    if (outcome.error == platform::SystemError::none) return;
+    if (outcome.error == platform::SystemError::operationAborted && pipe_->isOpen()) {
+        LOG_S(WARNING) << "The client does not read: " << bytes.size() - outcome.bytes
+                       << " bytes of a reply given up";
+        return;
+    }
+    LOG_S(INFO) << "SHELL PIPE ERR(W)="
+                << " (" << platform::number(outcome.error) << ")";
+}
+
+void CNamedPipe::writeBytes(std::span<const std::uint8_t> bytes) {
+    if (!pipe_) return;
+    const auto length = static_cast<std::int64_t>(bytes.size());
+    const auto outcome = finishWrite(pipe_->startWrite(writeRequest_, bytes), (length + 1) * kDataMsPerByte);
+    if (outcome.error == platform::SystemError::none) return;
+    if (outcome.error != platform::SystemError::operationAborted) {
+        LOG_S(INFO) << "ERR(W)="
+                    << " (" << platform::number(outcome.error) << "). Read " << bytes.size();
+    }
+    LOG_S(WARNING) << "Data pipe: " << bytes.size() - outcome.bytes << " bytes for the client given up";
+}
+
+platform::SystemError CNamedPipe::connect() {
+    return pipe_->connect();
+}
+
+platform::SystemError CNamedPipe::startConnect(platform::IoRequest& request) {
+    return pipe_ ? pipe_->startConnect(request) : createError_;
+}
+
+platform::IoResult CNamedPipe::startRead(platform::IoRequest& request, std::span<std::uint8_t> buffer) {
+    return pipe_->startRead(request, buffer);
+}
+
+platform::IoResult CNamedPipe::result(platform::IoRequest& request) {
+    return pipe_->result(request);
+}
+
+void CNamedPipe::cancel(platform::IoRequest& request) {
+    if (pipe_) pipe_->cancel(request);
+}
+
+void CNamedPipe::flush() {
+    pipe_->flush();
+}
+
+void CNamedPipe::disconnect() {
+    if (pipe_) pipe_->disconnect();
+}
+
+std::shared_ptr<CNamedPipe> createDataPipe() {
+    const std::string name = platform::toUtf8(settings().datPipeName);
+    LOG_S(INFO) << "Creating pipe " << name;
+    auto endpoint = std::make_shared<CNamedPipe>();
+    const auto error = endpoint->create(settings().datPipeName);
+    if (error != platform::SystemError::none) {
+        LOG_S(ERROR) << "Could not create comm pipe " << name << " " << platform::number(error);
+    }
+    return endpoint;
+}
+
+}  // namespace blescanner

@@ -1,0 +1,60 @@
+// The shell command pipe: the pipe endpoint that both pipes use, and the session that serves its clients.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "platform/pipe.h"
+
+namespace blescanner {
+
+// The server end of one local pipe. The pipe is made once per object; a new connection of the data pipe gets a new
+// object, so that whoever still holds the old one finds it closed instead of finding its successor.
+//
+// Threads: close() from any thread at any time. Apart from that one thread reads (or connects) and one thread writes.
+class CNamedPipe {
+  public:
+    // Creates the pipe; afterwards isOpen() tells whether that went well.
+    platform::SystemError create(const std::wstring& name);
+
+    bool isOpen() const { return pipe_ && pipe_->isOpen(); }
+    // Disconnects the client and removes the pipe.
+    void close();
+
+    // Logs who has connected.
+    void logClient() const;
+
+    // Sends a reply, one byte per UTF-16 unit, and empties the text. Gives up after 100 ms a character.
+    void writeText(std::wstring& text);
+    // Sends bytes of the link. Gives up after 50 ms a byte; what the client did not take is logged.
+    void writeBytes(std::span<const std::uint8_t> bytes);
+
+    // Blocks until a client is there or the program is asked to stop.
+    platform::SystemError connect();
+    platform::SystemError startConnect(platform::IoRequest& request);
+    platform::IoResult startRead(platform::IoRequest& request, std::span<std::uint8_t> buffer);
+    platform::IoResult result(platform::IoRequest& request);
+    void cancel(platform::IoRequest& request);
+    void flush();
+    void disconnect();
+
+    platform::IoRequest readRequest;
+
+  private:
+    platform::IoResult finishWrite(platform::IoResult started, std::int64_t timeoutMs);
+
+    std::shared_ptr<platform::Pipe> pipe_;
+    platform::SystemError createError_ = platform::SystemError::none;
+    platform::IoRequest writeRequest_;
+};
+
+// Creates the data pipe under the name from the settings. A failure is logged and leaves the endpoint not open.
+std::shared_ptr<CNamedPipe> createDataPipe();
+
+// Body of the shell thread: creates the command pipe, makes sure that Bluetooth is usable and serves one client after
+// another. Returns when the program is to end.
+void runShellSession();
+
+}  // namespace blescanner

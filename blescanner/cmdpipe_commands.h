@@ -1,0 +1,49 @@
+// The text commands of the shell.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "blescanner/cmdpipe.h"
+#include "blescanner/cmdpipe_line.h"
+
+namespace blescanner {
+
+// What follows from a command.
+enum class CommandResult { goOn = 0, clientQuits = -1, programEnds = -2 };
+
+// Executes command lines on the shell thread. Owns the data pipe's endpoint: "connect" makes it, and whatever stops the
+// link closes it.
+class CommandSet {
+  public:
+    // Replies go to `shell`, which must outlive this.
+    explicit CommandSet(CNamedPipe& shell) : shell_(shell) {}
+
+    // Takes bytes as they were read; runs every line that they complete. Stops at a line that ends the session.
+    // Exceptions of the platform reach the caller.
+    CommandResult dispatch(std::span<const std::uint8_t> bytes, LineAccumulator& line);
+
+    // What "exit" does, for whoever else ends the program.
+    void terminateApplication();
+
+    // Closes the data pipe if it is open.
+    void closeDataPipe();
+    // Closes the data pipe, tells the link session to stop, and gives its threads 250 ms to notice.
+    void stopLink();
+
+  private:
+    CommandResult execute(const std::wstring& line);
+    void leScan(const std::wstring& line);
+    void connect(const std::wstring& line);
+    void stats();
+    std::wstring bluetoothStats() const;
+    bool replyIfBluetoothUnusable();
+    void reply(std::wstring text);
+
+    CNamedPipe& shell_;
+    std::shared_ptr<CNamedPipe> data_;
+};
+
+}  // namespace blescanner

@@ -1,0 +1,224 @@
+#include <array>
+#include <chrono>
+#include <loguru.hpp>
+#include <string>
+
+#include "blescanner/blehelper.h"
+#include "blescanner/blescanner.h"
+#include "blescanner/cmdpipe.h"
+#include "blescanner/cmdpipe_commands.h"
+#include "blescanner/cmdpipe_notification.h"
+#include "blescanner/lecomm.h"
+#include "blescanner/platform_error_text.h"
+#include "platform/clock.h"
+#include "platform/runtime.h"
+#include "platform/text.h"
+
+namespace blescanner {
+
+using namespace std::chrono_literals;
+using platform::SystemError;
+
+namespace {
+
+enum class ClientOutcome { left, programEnds };
+
+// A read that keeps failing for another reason than the client's leaving would otherwise keep the shell busy
+// for ever.
+constexpr int kReadFailuresInARow = 3;
+
+std::string messageOf(SystemError error) {
+    return platform::systemMessage(platform::hresult(0x80070000U | platform::number(error)));
+}
+
+// Everything that one client may leave behind; closes the notification when the client's session is over.
+struct NotificationScope {
+    NotificationScope() { linkNotification().open(); }
+    ~NotificationScope() { linkNotification().close(); }
+    NotificationScope(const NotificationScope&) = delete;
+    NotificationScope& operator=(const NotificationScope&) = delete;
+};
+
+class ShellSession {
+  public:
+    void run();
+
+  private:
+    bool createShellPipe();
+    bool bluetoothUsable(bool on, std::uint32_t radios);
+    bool leSupported(bool queryRan, std::uint32_t leAdapters);
+    void announce(const wchar_t* text);
+    void serveClients();
+    ClientOutcome serveClient();
+    ClientOutcome clientLoop();
+    platform::IoResult waitForRead();
+    void deliverLinkLines();
+
+    CNamedPipe shell_;
+    CommandSet commands_{shell_};
+    std::array<std::uint8_t, 512> readBuffer_{};
+};
+
+void ShellSession::run() {
+    std::uint32_t radios = 0;
+    const bool on = checkBluetoothRadio(radios, true) == RadioCheckResult::BluetoothOn;
+    std::uint32_t leAdapters = 0;
+    const bool leQueryRan = getBLEProtocolSupport(&leAdapters);
+    if (!createShellPipe()) return;
+
+    LOG_S(INFO) << "Shell pipe created. Checking BLE availability...";
+    if (bluetoothUsable(on, radios) && leSupported(leQueryRan, leAdapters)) {
+        LOG_S(INFO) << "BLE operational, starting command pipe\n";
+        serveClients();
+        LOG_S(INFO) << "Done.";
+    }
+    commands_.closeDataPipe();
+    shell_.close();
+}
+
+bool ShellSession::createShellPipe() {
+    const std::string name = platform::toUtf8(settings().cmdPipeName);
+    LOG_S(INFO) << "Creating " << name << " pipe.";
+    const SystemError error = shell_.create(settings().cmdPipeName);
+    if (error == SystemError::none) return true;
+    LOG_S(ERROR) << "Could not create a named pipe: " << name;
+    LOG_S(ERROR) << "System error " << platform::number(error) << ": " << messageOf(error);
+    return false;
+}
+
+bool ShellSession::bluetoothUsable(bool on, std::uint32_t radios) {
+    // More than one radio that is off counts as disabled: which one to switch on is the user's choice.
+    if (!on && radios == 1) {
+        switchBluetoothOn();
+        radios = 0;
+        on = checkBluetoothRadio(radios, true) == RadioCheckResult::BluetoothOn;
+    }
+    if (on) return true;
+
+    for (const auto pauseAfter : {2000ms, 0ms}) {
+        announce(radios != 0 ? L"BLE DISABLED!\r\n" : L"BLE NOT FOUND\r\n");
+        LOG_S(INFO) << (radios != 0 ? "BLE DISABLED\r\n" : "BLE NOT FOUND\r\n");
+        platform::sleepFor(pauseAfter);
+    }
+    return false;
+}
+
+bool ShellSession::leSupported(bool queryRan, std::uint32_t leAdapters) {
+    if (!queryRan || leAdapters != 0) return true;
+    LOG_S(WARNING)
+        << "[WARNING] Bluetooth available on PC but no support for Bluetooth Low Energy (BLE) found!";
+    platform::sleepFor(2000ms);
+    announce(L"LE NOT SUPPORTED\r\n");
+    LOG_S(INFO) << "LE NOT SUPPORTED\r\n";
+    platform::sleepFor(500ms);
+    return false;
+}
+
+// Nobody waits for a client at this point; whoever has come by himself is told, otherwise the text is lost.
+void ShellSession::announce(const wchar_t* text) {
+    shell_.startConnect(shell_.readRequest);
+    shell_.cancel(shell_.readRequest);
+    std::wstring reply(text);
+    shell_.writeText(reply);
+}
+
+void ShellSession::serveClients() {
+    for (;;) {
+        LOG_S(INFO) << "Waiting for a client to connect\n";
+        const SystemError error = shell_.connect();
+        if (platform::stopRequested().isSet()) {
+            commands_.terminateApplication();
+            LOG_S(INFO) << "Exiting on terminate APP command";
+            return;
+        }
+        if (error != SystemError::none) {
+            LOG_S(ERROR) << "Failed in call to CNamedPipe::ConnectClient, Error: " << platform::number(error);
+            return;
+        }
+        shell_.logClient();
+        if (serveClient() == ClientOutcome::programEnds) {
+            LOG_S(INFO) << "Exiting on terminate APP command";
+            return;
+        }
+        shell_.flush();
+        shell_.disconnect();
+        LOG_S(INFO) << "  Disconnecting ";
+    }
+}
+
+ClientOutcome ShellSession::serveClient() {
+    const NotificationScope notification;
+    ClientOutcome outcome = ClientOutcome::left;
+    try {
+        outcome = clientLoop();
+    } catch (const platform::PlatformError& error) {
+        LOG_S(ERROR) << describe(error);
+    } catch (...) {
+        LOG_S(ERROR) << "Unknown exception in processing command!";
+    }
+    // What the next client sends must not complete this one's read.
+    shell_.cancel(shell_.readRequest);
+    shell_.readRequest.event().reset();
+    return outcome;
+}
+
+ClientOutcome ShellSession::clientLoop() {
+    LineAccumulator line;
+    int failures = 0;
+    for (;;) {
+        if (platform::stopRequested().isSet()) {
+            commands_.terminateApplication();
+            return ClientOutcome::programEnds;
+        }
+        deliverLinkLines();
+
+        // A read that is still pending from the last round is kept.
+        platform::IoResult read = shell_.startRead(shell_.readRequest, readBuffer_);
+        if (read.error == SystemError::ioPending) read = waitForRead();
+        if (read.error == SystemError::ioPending) continue;
+        shell_.readRequest.event().reset();
+
+        if (read.error == SystemError::none) {
+            failures = 0;
+            const auto result = commands_.dispatch({readBuffer_.data(), read.bytes}, line);
+            if (result == CommandResult::clientQuits) return ClientOutcome::left;
+            if (result == CommandResult::programEnds) return ClientOutcome::programEnds;
+            continue;
+        }
+        if (read.error != SystemError::brokenPipe) {
+            LOG_S(ERROR) << "SHELL PIPE ERR(R)= (" << platform::number(read.error) << ")";
+            if (++failures < kReadFailuresInARow) continue;
+        }
+        commands_.stopLink();
+        LOG_S(ERROR) << "Client disconnected!";
+        return ClientOutcome::left;
+    }
+}
+
+// Until the pending read ends, the link has something to tell, or 10 s have passed without either.
+platform::IoResult ShellSession::waitForRead() {
+    platform::Event* const events[] = {&shell_.readRequest.event(), &linkNotification().event(),
+                                       &platform::stopRequested()};
+    if (platform::waitAny(events, 10000ms) == 0U) return shell_.result(shell_.readRequest);
+    return {SystemError::ioPending, 0};
+}
+
+void ShellSession::deliverLinkLines() {
+    while (auto line = linkNotification().take()) {
+        if (line->session != currentTioContext()) {
+            LOG_S(INFO) << "Not sent, an earlier link session is meant: " << platform::toUtf8(line->text);
+            continue;
+        }
+        const bool dropped = line->text == L"TIO DROP\r\n";
+        shell_.writeText(line->text);
+        if (dropped) commands_.closeDataPipe();
+    }
+}
+
+}  // namespace
+
+void runShellSession() {
+    ShellSession().run();
+}
+
+}  // namespace blescanner

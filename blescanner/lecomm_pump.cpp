@@ -1,0 +1,194 @@
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <loguru.hpp>
+#include <span>
+
+#include "blescanner/bleif_common.h"
+#include "blescanner/blescanner.h"
+#include "blescanner/cmdpipe.h"
+#include "blescanner/lecomm.h"
+#include "platform/clock.h"
+
+namespace blescanner {
+
+using namespace std::chrono_literals;
+using platform::SystemError;
+
+namespace {
+
+constexpr std::size_t kReadSize = 2048;
+constexpr auto kReadWait = 250ms;   // bounds how late a stop is noticed
+constexpr auto kCreditWait = 20ms;  // bounds how late new credits are used
+
+class DataPump {
+  public:
+    explicit DataPump(const std::shared_ptr<TioContext>& context)
+        : shared_(context), context_(*context), pipe_(context->dataPipeOwner) {}
+    // A read that was still pending must not outlive the buffer.
+    ~DataPump() { pipe_->cancel(request_); }
+    DataPump(const DataPump&) = delete;
+    DataPump& operator=(const DataPump&) = delete;
+
+    void run();
+
+  private:
+    bool startConnection();
+    void watchSession();
+    void transfer();
+    void issuePipeRead();
+    std::size_t waitPipeRead();
+    void sendToPeripheral(std::span<const std::uint8_t> bytes);
+    void sendChunk(std::span<const std::uint8_t> chunk);
+    bool waitForCredits();
+
+    std::shared_ptr<TioContext> shared_;
+    TioContext& context_;
+    std::shared_ptr<CNamedPipe> pipe_;
+    platform::IoRequest request_;
+    std::array<std::uint8_t, kReadSize> buffer_{};
+    // What the last operation on the pipe left behind.
+    SystemError lastError_ = SystemError::ioPending;
+};
+
+void DataPump::run() {
+    if (!startConnection()) return;
+    // The client is told to open the data pipe only now. One that has stopped the link meanwhile is not.
+    if (context_.dataPipe) notifyClient(shared_, L"CONNECT TIO\r\n");
+    watchSession();
+    LOG_S(INFO) << "Starting communication loop...";
+    transfer();
+    LOG_S(INFO) << "TX thread completed!";
+}
+
+bool DataPump::startConnection() {
+    if (!context_.dataPipe) return true;
+    lastError_ = pipe_->startConnect(request_);
+    if (lastError_ == SystemError::pipeConnected && context_.dataPipe) {
+        LOG_S(INFO) << "ERROR_PIPE_CONNECTED, trying disconnect first!";
+        pipe_->disconnect();
+        lastError_ = pipe_->startConnect(request_);
+    }
+    if (lastError_ == SystemError::ioPending) return true;
+    if (!context_.dataPipe) return true;  // closed under the call by whoever stopped the link
+    LOG_S(INFO) << "ConnectNamedPipe() for pipe failed with error " << platform::number(lastError_);
+    notifyClient(shared_, L"ERROR TIO\r\n");
+    return false;
+}
+
+void DataPump::watchSession() {
+    if (isOlderThanThresholdBuild()) {
+        LOG_S(WARNING) << "GATT status callback not implemented for older Windows API!";
+        return;
+    }
+    const auto session = context_.service->session();
+    // Lives as long as the context's other subscriptions.
+    context_.subscriptions.push_back(session->onSessionStatusChanged(
+        [context = std::weak_ptr(shared_)](platform::GattSessionStatus status) {
+            if (const auto alive = context.lock()) onSessionStatusChanged(alive, status);
+        }));
+}
+
+void DataPump::transfer() {
+    while (context_.dataPipe) {
+        if (const std::size_t count = waitPipeRead(); count > 0) {
+            LOG_S(INFO) << "SND=" << count;
+            sendToPeripheral({buffer_.data(), count});
+            LOG_S(INFO) << "SNT=" << count;
+            issuePipeRead();
+            continue;
+        }
+        if (lastError_ == SystemError::ioPending) continue;
+        LOG_S(INFO) << "W! " << platform::number(lastError_) << ":"
+                    << static_cast<const void*>(&request_.event());
+        if (lastError_ == SystemError::brokenPipe) {
+            LOG_S(ERROR) << "Data pipe broken (disconnected)!";
+            return;
+        }
+    }
+    LOG_S(ERROR) << "No I/O pipe (most likely disconnected)!";
+}
+
+std::size_t DataPump::waitPipeRead() {
+    platform::Event* const events[] = {&request_.event()};
+    if (!platform::waitAny(events, kReadWait)) return 0;
+    request_.event().reset();
+    if (!context_.dataPipe) return 0;
+    const platform::IoResult read = pipe_->result(request_);
+    if (read.error != SystemError::none) {
+        LOG_S(ERROR) << "ERR(OVL)";
+        lastError_ = read.error;
+        return 0;
+    }
+    // The completed connection shows as an empty result: the session's first read starts here.
+    if (read.bytes == 0) issuePipeRead();
+    return read.bytes;
+}
+
+void DataPump::issuePipeRead() {
+    if (!context_.dataPipe) {
+        LOG_S(ERROR) << "ERR(X)";
+        return;
+    }
+    // A read that ends at once is signalled through the event like any other.
+    const SystemError error = pipe_->startRead(request_, buffer_).error;
+    if (error == SystemError::none) return;
+    lastError_ = error;
+    if (error != SystemError::ioPending) LOG_S(INFO) << "ERR(R)= (" << platform::number(error) << ")";
+}
+
+void DataPump::sendToPeripheral(std::span<const std::uint8_t> bytes) {
+    while (!bytes.empty()) {
+        if (!context_.dataPipe) break;
+        if (context_.remoteCredits == 0) {
+            if (!waitForCredits()) break;
+            continue;
+        }
+        const auto mtu = static_cast<std::size_t>(std::max(context_.txMtu.load(), 1));
+        const auto chunk = bytes.first(std::min(bytes.size(), mtu));
+        sendChunk(chunk);
+        bytes = bytes.subspan(chunk.size());
+    }
+    if (!bytes.empty()) LOG_S(WARNING) << "Link: " << bytes.size() << " bytes of the client not sent";
+}
+
+void DataPump::sendChunk(std::span<const std::uint8_t> chunk) {
+    context_.remoteCredits.fetch_sub(1);
+    const auto write =
+        context_.rxChar->writeValueAsync(chunk, platform::GattWriteOption::writeWithoutResponse);
+    if (!write) throw platform::PlatformError(platform::kEFail, "No operation came back for a data write");
+    awaitOperation(*write);
+    const auto status = recoverOnError(shared_, *write);
+    context_.txBytes.fetch_add(chunk.size(), std::memory_order_relaxed);
+    if (status != platform::GattCommunicationStatus::success) {
+        LOG_S(WARNING) << "Link: a write of " << chunk.size() << " bytes failed, they may be lost";
+    }
+}
+
+// False: there will be none.
+bool DataPump::waitForCredits() {
+    platform::sleepFor(kCreditWait);
+    if (!context_.device) {
+        LOG_S(ERROR) << "NULL device while waiting for remote credits";
+        return false;
+    }
+    if (context_.device->connectionStatus() == platform::BluetoothConnectionStatus::disconnected) {
+        LOG_S(ERROR) << "Disconnect detected while waiting for remote credits";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+void runDataPump(const std::shared_ptr<TioContext>& context) {
+    if (!context->rxChar) {
+        LOG_S(ERROR) << "TX Thread NULL characteristic!";
+        notifyClient(context, L"ERROR TIO\r\n");
+        LOG_S(INFO) << "TX thread completed!";
+        return;
+    }
+    DataPump(context).run();
+}
+
+}  // namespace blescanner

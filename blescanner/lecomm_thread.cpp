@@ -1,0 +1,187 @@
+#include <chrono>
+#include <loguru.hpp>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "blescanner/blehelper.h"
+#include "blescanner/bleif_impl.h"
+#include "blescanner/bleif_impl_legacy.h"
+#include "blescanner/blescanner.h"
+#include "blescanner/lecomm.h"
+#include "blescanner/platform_error_text.h"
+#include "platform/clock.h"
+
+namespace blescanner {
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr std::uint32_t kPrepareTimeoutMs = 30000;
+
+// One session from the address to the end of the transfer.
+class CommSession {
+  public:
+    explicit CommSession(const std::shared_ptr<TioContext>& context) : shared_(context), context_(*context) {}
+    // The interface is the value-changed handlers' and must not go before them.
+    ~CommSession() { context_.subscriptions.clear(); }
+    CommSession(const CommSession&) = delete;
+    CommSession& operator=(const CommSession&) = delete;
+
+    void run(const std::wstring& addressText);
+
+  private:
+    std::optional<std::uint64_t> parseAddress(const std::wstring& text);
+    void createInterface();
+    void retrieveCharacteristics();
+    void subscribe();
+    void transfer();
+    void serviceMissing();
+    void awaitStop();
+    // Ends the session's claim on the data pipe, then tells the client: one that acts on the line finds the
+    // link stopped.
+    void fail(const wchar_t* line);
+
+    std::shared_ptr<TioContext> shared_;
+    TioContext& context_;
+    std::unique_ptr<IBLEIF> interface_;
+};
+
+void CommSession::fail(const wchar_t* line) {
+    context_.dataPipe = nullptr;
+    notifyClient(shared_, line);
+}
+
+std::optional<std::uint64_t> CommSession::parseAddress(const std::wstring& text) {
+    try {
+        return parseBleAddress(text);
+    } catch (const std::exception& error) {
+        LOG_S(INFO) << "Could not handle address";
+        LOG_S(ERROR) << error.what();
+    } catch (...) {
+        LOG_S(INFO) << "Could not handle address (unknown exception)";
+    }
+    return std::nullopt;
+}
+
+void CommSession::createInterface() {
+    if (isOlderThanThresholdBuild()) {
+        interface_ = std::make_unique<BLEIFLegacy>(shared_);
+        LOG_S(INFO) << "Using LEGACY interface...";
+    } else {
+        interface_ = std::make_unique<BLEIFModern>(shared_);
+    }
+}
+
+void CommSession::run(const std::wstring& addressText) {
+    const auto address = parseAddress(addressText);
+    if (!address) return fail(L"ERROR TIO\r\n");
+
+    createInterface();
+    // The result is not looked at: a connection that could not be prepared shows as a missing service.
+    interface_->prepareConnection(*address, kPrepareTimeoutMs);
+    context_.service = interface_->getService(context_.serviceUuid, *address);
+    if (context_.service) {
+        transfer();
+    } else {
+        serviceMissing();
+    }
+    interface_.reset();
+    LOG_S(INFO) << "commThread is DONE!";
+}
+
+void CommSession::serviceMissing() {
+    context_.dataPipe = nullptr;
+    if (interface_->needsStackFlush()) {
+        LOG_S(INFO) << "Flushing BLE stack...";
+        resetTioContext(context_);
+        platform::sleepFor(500ms);
+        resetBluetooth();
+        LOG_S(INFO) << "Flushing is DONE!";
+    }
+    fail(L"ERROR TIO\r\n");
+}
+
+void CommSession::transfer() {
+    platform::sleepFor(150ms);
+    retrieveCharacteristics();
+    subscribe();
+    platform::sleepFor(100ms);
+    LOG_S(INFO) << "Starting transfer...";
+    runDataPump(shared_);
+    LOG_S(INFO) << "Redirect to comm pipe ended!";
+    awaitStop();
+    resetTioContext(context_);
+    LOG_S(INFO) << "TIO internal context reset";
+}
+
+void CommSession::retrieveCharacteristics() {
+    const auto retrieve = [this](const char* name, const platform::Guid& uuid) {
+        LOG_S(INFO) << "Retrieve " << name << " characteristic...";
+        return interface_->getCharacteristic(context_.service, uuid);
+    };
+    context_.crtxChar = retrieve("TX credits", context_.crtxUuid);
+    context_.crrxChar = retrieve("RX credits", context_.crrxUuid);
+    context_.rxChar = retrieve("RX", context_.rxUuid);
+    context_.txChar = retrieve("TX", context_.txUuid);
+    context_.txmtuChar = retrieve("TX MTU", context_.txmtuUuid);
+    context_.rxmtuChar = retrieve("RX MTU", context_.rxmtuUuid);
+}
+
+// A characteristic that the peripheral lacks is left out: the link then runs without what it would have
+// carried.
+void CommSession::subscribe() {
+    if (context_.txmtuChar) {
+        LOG_S(INFO) << "Setting subscriptions (TX MTU)...";
+        interface_->__setSubscription(context_.txmtuChar, true);
+    }
+    if (context_.crtxChar) {
+        LOG_S(INFO) << "Setting subscriptions (Credits TX)...";
+        interface_->__setSubscription(context_.crtxChar, true);
+        platform::sleepFor(250ms);
+    }
+    if (context_.txChar) {
+        LOG_S(INFO) << "Setting subscriptions (TX)...";
+        interface_->__setSubscription(context_.txChar, false);
+    }
+    if (context_.crrxChar) {
+        context_.localCredits = TIO_LOCAL_CREDIT_TARGET;
+        LOG_S(INFO) << "Setting credits (Credits RX)...";
+        interface_->grantCredits(context_.crrxChar, TIO_LOCAL_CREDIT_TARGET, true);
+    }
+}
+
+void CommSession::awaitStop() {
+    if (!context_.dataPipe) return;
+    LOG_S(INFO) << "Expecting disconnect...";
+    while (context_.dataPipe)
+        platform::sleepFor(100ms);
+}
+
+void abandon(const std::shared_ptr<TioContext>& context, const char* logLine) {
+    context->dataPipe = nullptr;
+    notifyClient(context, L"ERROR EXP\r\n");
+    resetTioContext(*context);
+    LOG_S(ERROR) << logLine;
+}
+
+}  // namespace
+
+void commThread(const std::shared_ptr<TioContext>& context, const std::wstring& address) {
+    try {
+        CommSession(context).run(address);
+        resetTioContext(*context);  // what a failed set-up has gathered
+    } catch (const platform::PlatformError& error) {
+        LOG_S(ERROR) << describe(error) << ":" << error.what();
+        abandon(context, "commThread TERM!");
+    } catch (const std::exception& error) {
+        LOG_S(ERROR) << error.what();
+        abandon(context, "commThread TERM (unknown exception) !");
+    } catch (...) {
+        abandon(context, "commThread TERM (unknown exception) !");
+    }
+}
+
+}  // namespace blescanner

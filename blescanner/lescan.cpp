@@ -1,0 +1,126 @@
+#include "blescanner/lescan.h"
+
+#include <algorithm>
+#include <chrono>
+#include <loguru.hpp>
+#include <memory>
+#include <mutex>
+#include <set>
+
+#include "blescanner/blehelper.h"
+#include "blescanner/lecomm.h"
+#include "platform/advertisement.h"
+#include "platform/clock.h"
+#include "platform/text.h"
+
+namespace blescanner {
+
+using platform::AdvertisementReceivedEventArgs;
+using platform::ScanningMode;
+using std::chrono::milliseconds;
+
+namespace {
+
+constexpr milliseconds kFakeScanDuration{500};
+constexpr milliseconds kStopTime{200};
+
+// What a scan has found. Shared with its callback, so that an advertisement that comes late is harmless.
+class ScanEntries {
+  public:
+    void add(std::wstring entry) {
+        const std::lock_guard guard(mutex_);
+        entries_.insert(std::move(entry));
+    }
+
+    std::wstring resultLine() const {
+        const std::lock_guard guard(mutex_);
+        std::wstring line;
+        for (const auto& entry : entries_) {
+            if (!line.empty()) line += L',';
+            line += entry;
+        }
+        if (!line.empty()) line += L"\r\n";
+        return line;
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::set<std::wstring> entries_;
+};
+
+// Anybody in range chooses the name. A line end in it would forge lines of the command protocol and of the
+// log, so it becomes a blank; likewise any unit whose low byte, which is what travels on the pipe, is one.
+std::wstring withoutLineEnds(std::wstring name) {
+    const auto travelsAsLineEnd = [](wchar_t unit) {
+        return (unit & 0xFF) == L'\r' || (unit & 0xFF) == L'\n';
+    };
+    std::replace_if(name.begin(), name.end(), travelsAsLineEnd, L' ');
+    return name;
+}
+
+long long millisecondsNow() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<milliseconds>(now).count();
+}
+
+void handleAdvertisement(const AdvertisementReceivedEventArgs* args, ScanEntries& entries) {
+    if (!args) {
+        LOG_S(INFO) << "Scan entry with invalid eventArgs";
+        return;
+    }
+    if (!args->serviceUuids) {
+        LOG_S(INFO) << "Scan entry with undefined service uuids!";
+        return;
+    }
+    const auto& uuids = *args->serviceUuids;
+    if (std::find(uuids.begin(), uuids.end(), TIO_SERVICE_UUID) == uuids.end()) return;
+
+    const std::string address = formatBleAddress(args->bluetoothAddress);
+    LOG_S(INFO) << millisecondsNow() << ": Target service found on device: " << address;
+    std::wstring entry = platform::widen(address);
+    if (!args->localName.empty()) entry += L";" + withoutLineEnds(args->localName);
+    entries.add(std::move(entry));
+}
+
+}  // namespace
+
+void triggerFakeScanEvent() {
+    const auto watcher = platform::createAdvertisementWatcher();
+    watcher->setScanningMode(ScanningMode::passive);
+    // Without a handler the platform does not scan at all.
+    const auto received = watcher->onReceived([](const AdvertisementReceivedEventArgs*) {});
+    watcher->start();
+    platform::sleepFor(kFakeScanDuration);
+    watcher->stop();
+}
+
+void scanForTioDevices(std::wstring& result, std::uint32_t durationMs) {
+    LOG_S(INFO) << "Trigger a fake event...";
+    triggerFakeScanEvent();
+
+    LOG_S(INFO) << "Prepare scanner...";
+    const auto entries = std::make_shared<ScanEntries>();
+    const auto watcher = platform::createAdvertisementWatcher();
+    watcher->setScanningMode(ScanningMode::active);
+    auto received = watcher->onReceived([entries](const auto* args) { handleAdvertisement(args, *entries); });
+
+    LOG_S(INFO) << "Configure scan timing...";
+    if (setScanIntervals()) {
+        LOG_S(INFO) << "Scan timing configured!";
+    } else {
+        LOG_S(WARNING) << "[WARNING] Scanning with default large window!";
+    }
+
+    LOG_S(INFO) << "Start scanning...";
+    watcher->start();
+    platform::sleepFor(milliseconds(durationMs));
+
+    LOG_S(INFO) << "Unregistering BLE scan CB...";
+    received.reset();
+    LOG_S(INFO) << "Stopping BLE scan...";
+    watcher->stop();
+    platform::sleepFor(kStopTime);
+    result = entries->resultLine();
+}
+
+}  // namespace blescanner

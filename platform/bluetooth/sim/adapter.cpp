@@ -1,0 +1,73 @@
+// Simulated adapters: the answers that the scenario gives them.
+#include "platform/adapter.h"
+
+#include <utility>
+
+#include "platform/bluetooth/sim/world.h"
+
+namespace sim {
+
+namespace {
+
+using platform::SystemError;
+
+constexpr std::size_t kHciVersionAt = 278;
+constexpr std::size_t kLmpVersionAt = 291;
+constexpr SystemError kInvalidParameter = static_cast<SystemError>(87);
+
+class SimAdapter final : public platform::Adapter {
+  public:
+    SimAdapter(AdapterScenario scenario, std::shared_ptr<World> world)
+        : scenario_(std::move(scenario)), world_(std::move(world)) {}
+
+    SystemError name(std::wstring& out) const override {
+        if (scenario_.nameError == SystemError::none) out = scenario_.name;
+        return scenario_.nameError;
+    }
+
+    SystemError localRadioInfo(platform::LocalRadioInfo& out) const override {
+        if (scenario_.versionError != SystemError::none) return scenario_.versionError;
+        out.fill(0);
+        out[kHciVersionAt] = scenario_.hci;
+        out[kLmpVersionAt] = scenario_.lmp;
+        return SystemError::none;
+    }
+
+    // The three layouts differ in length.
+    SystemError scanCommand(std::span<const std::uint8_t> command, std::span<std::uint8_t>) override {
+        world_->noteScanCommand(command);
+        switch (command.size()) {
+            case 8:
+                return scenario_.scanCommandErrors[0];
+            case 16:
+                return scenario_.scanCommandErrors[1];
+            case 24:
+                return scenario_.scanCommandErrors[2];
+            default:
+                return kInvalidParameter;
+        }
+    }
+
+  private:
+    const AdapterScenario scenario_;
+    const std::shared_ptr<World> world_;
+};
+
+}  // namespace
+
+}  // namespace sim
+
+namespace platform {
+
+AdapterList findAdapters() {
+    AdapterList list;
+    if (const auto world = sim::currentWorld()) {
+        for (const auto& scenario : world->scenario().adapters) {
+            list.adapters.push_back(std::make_shared<sim::SimAdapter>(scenario, world));
+        }
+    }
+    if (list.adapters.empty()) list.error = SystemError::noMoreItems;
+    return list;
+}
+
+}  // namespace platform

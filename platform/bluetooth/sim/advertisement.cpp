@@ -1,0 +1,87 @@
+// Advertisements: while a watcher listens, every peripheral is heard about every 20 ms.
+#include "platform/advertisement.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/bluetooth/sim/callback_list.h"
+#include "platform/bluetooth/sim/world.h"
+
+namespace sim {
+
+namespace {
+
+using platform::AdvertisementReceivedEventArgs;
+using Listeners = CallbackList<const AdvertisementReceivedEventArgs*>;
+
+// One scan, from start to stop.
+class Scan final : public ServiceThread {
+  public:
+    Scan(const World& world, std::shared_ptr<Listeners> listeners)
+        : backstage_(world.backstage()),
+          listeners_(std::move(listeners)),
+          period_(std::max(1.0, 20 / world.scenario().timeScale.value_or(1))) {
+        for (const auto& peripheral : world.peripherals()) {
+            const auto& scenario = peripheral->scenario();
+            advertisements_.push_back({scenario.address, scenario.advertises, scenario.name});
+        }
+    }
+
+  private:
+    void run() override {
+        std::unique_lock lock(mutex_);
+        while (!stopping_) {
+            lock.unlock();
+            for (const auto& advertisement : advertisements_) {
+                if (backstage_->bluetoothOn()) listeners_->call(&advertisement);
+            }
+            lock.lock();
+            wake_.wait_for(lock, period_, [this] { return stopping_; });
+        }
+    }
+
+    const std::shared_ptr<Backstage> backstage_;
+    const std::shared_ptr<Listeners> listeners_;
+    const std::chrono::duration<double, std::milli> period_;
+    std::vector<AdvertisementReceivedEventArgs> advertisements_;
+};
+
+class Watcher final : public platform::AdvertisementWatcher {
+  public:
+    explicit Watcher(std::shared_ptr<World> world) : world_(std::move(world)) {}
+    ~Watcher() override { stop(); }
+
+    // Peripherals answer scan requests and passive listeners alike.
+    void setScanningMode(platform::ScanningMode) override {}
+
+    platform::Subscription onReceived(ReceivedHandler handler) override {
+        return addCallback(listeners_, std::move(handler));
+    }
+
+    void start() override {
+        if (scan_) return;
+        scan_ = std::make_shared<Scan>(*world_, listeners_);
+        world_->backstage()->launch(scan_);
+    }
+
+    void stop() override {
+        if (const auto scan = std::exchange(scan_, nullptr)) scan->finish();
+    }
+
+  private:
+    const std::shared_ptr<World> world_;
+    const std::shared_ptr<Listeners> listeners_ = std::make_shared<Listeners>();
+    std::shared_ptr<Scan> scan_;
+};
+
+}  // namespace
+
+}  // namespace sim
+
+namespace platform {
+
+std::unique_ptr<AdvertisementWatcher> createAdvertisementWatcher() {
+    return std::make_unique<sim::Watcher>(sim::requireWorld());
+}
+
+}  // namespace platform

@@ -1,0 +1,73 @@
+// Misbehaviour on request: at which call, after how many calls that went well, how often, and what.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "platform/bluetooth/sim/profile.h"
+#include "platform/error.h"
+
+namespace sim {
+
+struct FaultPoint {
+    enum class Call { device, services, servicesAll, characteristics, subscribe, write, notify, pair };
+
+    Call call = Call::device;
+    CharacteristicKind characteristic = CharacteristicKind::tx;  // of subscribe, write and notify
+
+    bool operator==(const FaultPoint&) const = default;
+};
+
+enum class FaultAction {
+    null,
+    noOperation,
+    error,
+    cancel,
+    unreachable,
+    protocolError,
+    accessDenied,
+    throwError,
+    disconnect,
+    hang
+};
+
+struct Fault {
+    FaultAction action = FaultAction::null;
+    platform::HResult code = 0;  // of error and throwError
+};
+
+struct FaultRule {
+    FaultPoint point;
+    std::uint32_t after = 0;
+    std::uint32_t times = 1;  // 0: for ever
+    Fault fault;
+};
+
+// From their texts in a scenario; nothing for any other text.
+std::optional<FaultPoint> parseFaultPoint(std::string_view text);
+std::optional<Fault> parseFault(std::string_view text);
+
+// Whether the action means something there: a notification has no operation that could end in an error.
+bool isPossible(const FaultPoint& point, FaultAction action);
+
+// Counts the passes of each rule. Rules of one point are asked in order; the one that fires hides that pass
+// from those behind it. Not thread-safe.
+class FaultTable {
+  public:
+    explicit FaultTable(const std::vector<FaultRule>& rules);
+
+    // Called once for each pass; what goes wrong this time, if anything.
+    std::optional<Fault> pass(const FaultPoint& point);
+
+  private:
+    struct Entry {
+        FaultRule rule;
+        std::uint32_t passed = 0;
+        std::uint32_t fired = 0;
+    };
+    std::vector<Entry> entries_;
+};
+
+}  // namespace sim

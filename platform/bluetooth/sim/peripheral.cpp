@@ -1,0 +1,228 @@
+#include "platform/bluetooth/sim/peripheral.h"
+
+#include "platform/bluetooth/sim/faulty.h"
+
+namespace sim {
+
+namespace {
+
+constexpr FaultPoint faultPoint(FaultPoint::Call call, CharacteristicKind kind) {
+    return {call, kind};
+}
+
+}  // namespace
+
+TioPeripheral::TioPeripheral(PeripheralScenario scenario, std::shared_ptr<Backstage> backstage)
+    : scenario_(std::move(scenario)),
+      backstage_(std::move(backstage)),
+      faults_(scenario_.faults),
+      paired_(scenario_.pairing.paired) {}
+
+PeripheralCounters TioPeripheral::counters() const {
+    const std::lock_guard lock(mutex_);
+    return counters_;
+}
+
+bool TioPeripheral::connected() const {
+    const std::lock_guard lock(mutex_);
+    return current_ != nullptr;
+}
+
+void TioPeripheral::setApplication(Application application) {
+    const std::lock_guard lock(mutex_);
+    application_ = std::make_shared<const Application>(std::move(application));
+}
+
+void TioPeripheral::sendNotification(CharacteristicKind kind, Value value) {
+    const std::lock_guard lock(mutex_);
+    if (!current_) return;
+    noteIndication(kind, value.value_or(std::span<const std::uint8_t>()));
+    deliver(kind, value);
+}
+
+void TioPeripheral::indicateCredits(std::uint8_t credits) {
+    const std::array<std::uint8_t, 1> value = {credits};
+    sendNotification(CharacteristicKind::crtx, value);
+}
+
+void TioPeripheral::indicateMtu(std::uint16_t mtu) {
+    const std::array<std::uint8_t, 2> value = {static_cast<std::uint8_t>(mtu & 0xFF),
+                                               static_cast<std::uint8_t>(mtu >> 8)};
+    sendNotification(CharacteristicKind::txMtu, value);
+}
+
+void TioPeripheral::repair() {
+    const std::lock_guard lock(mutex_);
+    faults_ = FaultTable({});
+}
+
+void TioPeripheral::dropLink() {
+    const std::lock_guard lock(mutex_);
+    dropLocked();
+}
+
+bool TioPeripheral::connect(Link& link) {
+    const std::lock_guard lock(mutex_);
+    return connectLocked(link);
+}
+
+bool TioPeripheral::connectLocked(Link& link) {
+    if (current_ == &link) return true;
+    if (!backstage_->bluetoothOn()) return false;
+    dropLocked();
+    current_ = &link;
+    ++counters_.connections;
+    connection_ = Connection();
+    const auto start = Pacer::Clock::now();
+    connection_.in = connection_.out = Pacer(scenario_.link, start);
+    link.open();
+    return true;
+}
+
+bool TioPeripheral::reachable(Link& link) {
+    const std::lock_guard lock(mutex_);
+    return reachableLocked(link);
+}
+
+// Objects that were got without connecting connect when they are first used, but never bring a lost
+// connection back.
+bool TioPeripheral::reachableLocked(Link& link) {
+    if (link.state_.load() == Link::State::unused) return connectLocked(link);
+    return current_ == &link;
+}
+
+void TioPeripheral::dropLocked() {
+    if (!current_) return;
+    for (const auto& write : connection_.waiting)
+        write.operation->complete(Status::unreachable);
+    connection_.waiting.clear();
+    current_->close();
+    current_ = nullptr;
+}
+
+void TioPeripheral::forget(Link& link) {
+    const std::lock_guard lock(mutex_);
+    if (current_ == &link) dropLocked();
+}
+
+std::optional<Fault> TioPeripheral::pass(const FaultPoint& point) {
+    const std::lock_guard lock(mutex_);
+    return faults_.pass(point);
+}
+
+platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::write(Link& link, CharacteristicKind kind,
+                                                                        std::span<const std::uint8_t> value) {
+    std::unique_lock lock(mutex_);
+    if (!reachableLocked(link)) return completed(Status::unreachable);
+    if (const auto fault = faults_.pass(faultPoint(FaultPoint::Call::write, kind))) {
+        lock.unlock();
+        return faultyOperation<Status>(*this, *fault);
+    }
+    const bool data = kind == CharacteristicKind::rx;
+    if (data && !(connection_.waiting.empty() && connection_.in.take())) return waitForInterval(value);
+
+    const Status status = accept(kind, value);
+    const auto application = data && status == Status::success ? application_ : nullptr;
+    lock.unlock();
+    if (application) (*application)(value);
+    return completed(status);
+}
+
+platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::subscribe(
+    Link& link, CharacteristicKind kind,
+    platform::GattClientCharacteristicConfigurationDescriptorValue value) {
+    using Descriptor = platform::GattClientCharacteristicConfigurationDescriptorValue;
+    std::unique_lock lock(mutex_);
+    if (!reachableLocked(link)) return completed(Status::unreachable);
+    if (const auto fault = faults_.pass(faultPoint(FaultPoint::Call::subscribe, kind))) {
+        lock.unlock();
+        return faultyOperation<Status>(*this, *fault);
+    }
+    if (kind == CharacteristicKind::rx || kind == CharacteristicKind::crrx ||
+        kind == CharacteristicKind::rxMtu) {
+        return completed(refuse());
+    }
+    if (value == Descriptor::none) {
+        connection_.subscribed[indexOf(kind)] = false;
+        return completed(Status::success);
+    }
+    if (value != (kind == CharacteristicKind::tx ? Descriptor::notify : Descriptor::indicate)) {
+        return completed(refuse());
+    }
+    enable(kind);
+    return completed(Status::success);
+}
+
+void TioPeripheral::enable(CharacteristicKind kind) {
+    const bool again = std::exchange(connection_.subscribed[indexOf(kind)], true);
+    if (kind == CharacteristicKind::txMtu) {
+        const std::array<std::uint8_t, 2> value = {static_cast<std::uint8_t>(scenario_.txMtu & 0xFF),
+                                                   static_cast<std::uint8_t>(scenario_.txMtu >> 8)};
+        indicate(kind, value);
+    }
+    // A host that subscribes to credits once more begins a new session on a connection that its old one left
+    // behind.
+    if (kind == CharacteristicKind::crtx && again) resetSerial();
+    pump();
+}
+
+void TioPeripheral::resetSerial() {
+    connection_.hostCredits = connection_.ownCredits = 0;
+    connection_.echo.clear();
+    connection_.echoing.clear();
+    connection_.echoed = 0;
+    connection_.produced = 0;
+}
+
+void TioPeripheral::addDelivery(Link& link, CharacteristicKind kind,
+                                std::shared_ptr<ValueDelivery> delivery) {
+    const std::lock_guard lock(mutex_);
+    link.deliveries_[indexOf(kind)].push_back(std::move(delivery));
+}
+
+void TioPeripheral::removeDelivery(Link& link, CharacteristicKind kind,
+                                   const std::shared_ptr<ValueDelivery>& delivery) {
+    const std::lock_guard lock(mutex_);
+    std::erase(link.deliveries_[indexOf(kind)], delivery);
+}
+
+bool TioPeripheral::servicesListed() const {
+    const std::lock_guard lock(mutex_);
+    return listed_;
+}
+
+void TioPeripheral::noteServicesListed() {
+    const std::lock_guard lock(mutex_);
+    listed_ = true;
+}
+
+bool TioPeripheral::paired() const {
+    const std::lock_guard lock(mutex_);
+    return paired_;
+}
+
+void TioPeripheral::setPaired() {
+    const std::lock_guard lock(mutex_);
+    paired_ = true;
+}
+
+void sufferFault(TioPeripheral& peripheral, const Fault& fault) {
+    switch (fault.action) {
+        case FaultAction::error:
+        case FaultAction::throwError:
+            throw platform::PlatformError(fault.code);
+        case FaultAction::hang:
+            return peripheral.backstage().waitForEnd();
+        case FaultAction::disconnect:
+            return peripheral.dropLink();
+        case FaultAction::null:
+        case FaultAction::noOperation:
+        case FaultAction::cancel:
+        case FaultAction::unreachable:
+        case FaultAction::protocolError:
+        case FaultAction::accessDenied:
+            return;
+    }
+}
+
+}  // namespace sim

@@ -1,0 +1,15 @@
+// Simulated radios.
+#pragma once
+
+#include <memory>
+
+#include "platform/bluetooth/sim/scenario.h"
+#include "platform/radio.h"
+
+namespace sim {
+
+class World;
+
+std::shared_ptr<platform::Radio> makeRadio(const RadioScenario& scenario, std::weak_ptr<World> world);
+
+}  // namespace sim

@@ -1,0 +1,85 @@
+// A simulated Bluetooth world, and the one that the platform's free functions use.
+//
+// Threads: any, except that a WorldScope belongs to one thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/bluetooth/sim/backstage.h"
+#include "platform/bluetooth/sim/peripheral.h"
+#include "platform/bluetooth/sim/scenario.h"
+#include "platform/radio.h"
+
+namespace sim {
+
+class World {
+  public:
+    static std::shared_ptr<World> create(Scenario scenario);
+
+    const Scenario& scenario() const { return scenario_; }
+    const std::shared_ptr<Backstage>& backstage() const { return backstage_; }
+
+    // In the order of the scenario.
+    TioPeripheral& peripheral(std::size_t index) const { return *peripherals_.at(index); }
+    const std::vector<std::shared_ptr<TioPeripheral>>& peripherals() const { return peripherals_; }
+    // By the low 48 bits; null when there is none.
+    std::shared_ptr<TioPeripheral> findPeripheral(std::uint64_t address) const;
+
+    const platform::RadioList& radios() const { return radios_; }
+    // Called by a radio whose state has changed: a Bluetooth radio that goes off takes all links with it.
+    void radioChanged(platform::RadioState before, platform::RadioState now);
+
+    // The scan commands that the adapters were sent, in order, refused ones too.
+    void noteScanCommand(std::span<const std::uint8_t> command);
+    std::vector<std::vector<std::uint8_t>> scanCommands() const;
+
+    // Pending operations become cancelled, callbacks end, links drop. Objects that are still held stay safe
+    // to call.
+    void end();
+
+    // One line for each peripheral.
+    std::vector<std::string> summary() const;
+
+  private:
+    explicit World(Scenario scenario);
+    bool anyBluetoothRadioOn() const;
+    void dropLinks();
+
+    const Scenario scenario_;
+    const std::shared_ptr<Backstage> backstage_ = std::make_shared<Backstage>();
+    std::vector<std::shared_ptr<TioPeripheral>> peripherals_;
+    platform::RadioList radios_;
+    mutable std::mutex scanCommandsMutex_;
+    std::vector<std::vector<std::uint8_t>> scanCommands_;
+};
+
+// The current world; null without one.
+std::shared_ptr<World> currentWorld();
+
+// The current world; throws PlatformError without one.
+std::shared_ptr<World> requireWorld();
+
+// Makes a world the current one for as long as the scope lives, and applies its time scale. Scopes nest.
+class WorldScope {
+  public:
+    // Throws platform::BluetoothConfigError.
+    explicit WorldScope(std::string_view json = "{}");
+    explicit WorldScope(Scenario scenario);
+    ~WorldScope();
+    WorldScope(const WorldScope&) = delete;
+    WorldScope& operator=(const WorldScope&) = delete;
+
+    World& world() const { return *world_; }
+
+  private:
+    const std::shared_ptr<World> world_;
+    const std::shared_ptr<World> outer_;
+};
+
+}  // namespace sim

@@ -1,0 +1,60 @@
+// Start-up and shutdown of the process, on the host's and on the Bluetooth side.
+#pragma once
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "platform/event.h"
+
+namespace platform {
+
+// Process-wide set-up of the host for as long as the object lives: apartment and COM security where the host has
+// them, and the ways in which a user stops a console program (Ctrl-C, SIGTERM, closing the console), which from then
+// on signal stopRequested(). Made once, on the main thread, before any other thread.
+class HostRuntime {
+  public:
+    HostRuntime();
+    ~HostRuntime();
+    HostRuntime(const HostRuntime&) = delete;
+    HostRuntime& operator=(const HostRuntime&) = delete;
+
+    // False: the host could not be set up and has said why on standard error; the program ends.
+    bool ready() const { return ready_; }
+
+  private:
+    bool ready_ = false;
+    bool initialized_ = false;
+};
+
+// The Bluetooth side cannot start with what it was given: the message names what was wrong.
+class BluetoothConfigError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// The Bluetooth side for as long as the object lives. Made once, on the main thread, before any pipe exists.
+// Throws BluetoothConfigError. Its end calls back every operation that is still pending (they read as cancelled),
+// so that threads waiting for one can end; other calls must not be started after it.
+class BluetoothRuntime {
+  public:
+    BluetoothRuntime();
+    ~BluetoothRuntime();
+    BluetoothRuntime(const BluetoothRuntime&) = delete;
+    BluetoothRuntime& operator=(const BluetoothRuntime&) = delete;
+};
+
+// Signalled once the user asked the program to stop; never reset. Any thread.
+Event& stopRequested();
+
+// Signals stopRequested(). Any thread.
+void requestStop();
+
+// The arguments after the program's name, as UTF-8.
+std::vector<std::string> programArguments(int argc, char** argv);
+
+// The directory that holds the running executable.
+std::filesystem::path executableDirectory();
+
+}  // namespace platform

@@ -1,0 +1,16 @@
+// Wide texts hold UTF-16 units on every host, one unit a character, so that a text has the same length and the same
+// bytes on the wire wherever the program runs.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace platform {
+
+// Bytes that are not UTF-8 become U+FFFD.
+std::wstring widen(std::string_view utf8);
+
+// Lone surrogates become U+FFFD.
+std::string toUtf8(std::wstring_view text);
+
+}  // namespace platform

@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Runs the documentation's client against the program: example_client.sh PROGRAM ROOT
+# The README shows the client's text, so that has to be the same.
+set -euo pipefail
+program=$1
+root=$2
+
+export XDG_RUNTIME_DIR
+XDG_RUNTIME_DIR=$(mktemp -d)
+unset ZIQBLE_SCENARIO
+"$program" >"$XDG_RUNTIME_DIR/log" &
+running=$!
+trap 'kill "$running" 2>/dev/null; wait "$running" || true; rm -rf "$XDG_RUNTIME_DIR"' EXIT
+for ((tries = 0; tries < 500; tries++)); do
+    [[ -S $XDG_RUNTIME_DIR/ZIQBLESh ]] && break
+    sleep 0.02
+done
+
+answer=$(timeout 30 python3 "$root/docs/example_client.py")
+[[ $answer == $'OK / CONNECT TIO\nb\'hello\'\nOK' ]] || { echo "unexpected output: $answer"; exit 1; }
+[[ $(<"$root/README.md") == *"$(<"$root/docs/example_client.py")"* ]] || { echo "the README shows another client"; exit 1; }

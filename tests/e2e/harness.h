@@ -1,0 +1,93 @@
+// Drives the real executable through its real pipes. One header, one implementation per host.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace e2e {
+
+using namespace std::chrono_literals;
+
+// Long enough for a loaded machine under a sanitizer; reached only when something hangs.
+inline constexpr auto kDeadline = 20s;
+
+// A folder of its own for one test, removed with everything in it.
+class TemporaryFolder {
+  public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+
+  private:
+    std::filesystem::path path_;
+};
+
+struct Resources {
+    std::size_t threads = 0;
+    std::size_t handles = 0;
+    std::size_t residentKiB = 0;
+};
+
+// The running program; killed at the end if it still runs. Standard output and error are collected.
+class Program {
+  public:
+    // `scenario` is JSON text; the pipes and the working directory are in `folder`.
+    Program(const std::filesystem::path& folder, std::string_view scenario, std::vector<std::string> arguments = {});
+    ~Program();
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    // True once the text has shown up on standard output (`times` times).
+    bool waitForOutput(std::string_view text, int times = 1) const;
+    std::string output() const;
+    std::string errors() const;
+    // Nothing when it still runs at the deadline.
+    std::optional<int> waitForExit();
+
+    void interrupt();  // Ctrl-C
+    void terminate();  // the host's polite request
+    void kill();       // without a chance to clean up
+    Resources resources() const;
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// One client of a pipe.
+class PipeClient {
+  public:
+    PipeClient();
+    ~PipeClient();
+    PipeClient(PipeClient&&) noexcept;
+    PipeClient& operator=(PipeClient&&) noexcept;
+
+    // Tries until the pipe is there, for kDeadline at most.
+    bool open(const std::filesystem::path& pipe);
+    bool tryOpen(const std::filesystem::path& pipe);
+    // Blocks until everything is taken; false when the other end is gone.
+    bool send(std::string_view bytes);
+    // Until the text is there; returns everything up to and including it, or what came by the deadline.
+    std::string readUntil(std::string_view end, std::chrono::milliseconds deadline = kDeadline);
+    // Exactly that many bytes, or what came by the deadline.
+    std::string readBytes(std::size_t count, std::chrono::milliseconds deadline = kDeadline);
+    // True when the other end closes before the deadline.
+    bool waitForClose();
+    void close();
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+inline std::filesystem::path commandPipe(const std::filesystem::path& folder) { return folder / "shell"; }
+inline std::filesystem::path dataPipe(const std::filesystem::path& folder) { return folder / "data"; }
+
+}  // namespace e2e

@@ -1,0 +1,226 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "tests/e2e/harness.h"
+
+namespace e2e {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+std::string readFile(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+// Polls the condition until it holds; false at the deadline.
+template <class Condition>
+bool eventually(Condition condition) {
+    for (const auto end = Clock::now() + kDeadline; Clock::now() < end;) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(2ms);
+    }
+    return condition();
+}
+
+void redirect(const fs::path& path, int target) {
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
+    ::dup2(file, target);
+    ::close(file);
+}
+
+}  // namespace
+
+TemporaryFolder::TemporaryFolder() {
+    std::string name = (fs::temp_directory_path() / "ziqble-XXXXXX").string();
+    path_ = ::mkdtemp(name.data());
+}
+
+TemporaryFolder::~TemporaryFolder() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+}
+
+struct Program::Impl {
+    fs::path folder;
+    pid_t pid = -1;
+    std::optional<int> exitCode;
+
+    bool reap(int options) {
+        if (exitCode) return true;
+        int status = 0;
+        if (::waitpid(pid, &status, options) != pid) return false;
+        exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        return true;
+    }
+};
+
+Program::Program(const fs::path& folder, std::string_view scenario, std::vector<std::string> arguments)
+    : impl_(std::make_unique<Impl>()) {
+    impl_->folder = folder;
+    const std::string scenarioFile = folder / "scenario.json";
+    std::ofstream(scenarioFile) << scenario;
+    if (arguments.empty()) {
+        arguments = {"--cmdPipe", commandPipe(folder), "--datPipe", dataPipe(folder)};
+    }
+    std::string program = ZIQBLE_PROGRAM;
+    std::vector<char*> argv{program.data()};
+    for (auto& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+
+    impl_->pid = ::fork();
+    if (impl_->pid != 0) return;
+    redirect(folder / "out", STDOUT_FILENO);
+    redirect(folder / "err", STDERR_FILENO);
+    ::setenv("ZIQBLE_SCENARIO", scenarioFile.c_str(), 1);
+    if (::chdir(folder.c_str()) == 0) ::execv(argv[0], argv.data());
+    ::_exit(127);
+}
+
+Program::~Program() {
+    if (!impl_->reap(WNOHANG)) kill();
+}
+
+bool Program::waitForOutput(std::string_view text, int times) const {
+    return eventually([&] {
+        const std::string all = output();
+        std::size_t from = 0;
+        for (int found = 0; found < times; ++found) {
+            from = all.find(text, from);
+            if (from == std::string::npos) return false;
+            from += text.size();
+        }
+        return true;
+    });
+}
+
+std::string Program::output() const { return readFile(impl_->folder / "out"); }
+std::string Program::errors() const { return readFile(impl_->folder / "err"); }
+
+std::optional<int> Program::waitForExit() {
+    eventually([this] { return impl_->reap(WNOHANG); });
+    return impl_->exitCode;
+}
+
+void Program::interrupt() { ::kill(impl_->pid, SIGINT); }
+void Program::terminate() { ::kill(impl_->pid, SIGTERM); }
+void Program::kill() {
+    ::kill(impl_->pid, SIGKILL);
+    impl_->reap(0);
+}
+
+Resources Program::resources() const {
+    const fs::path proc = fs::path("/proc") / std::to_string(impl_->pid);
+    Resources used;
+    std::istringstream status(readFile(proc / "status"));
+    for (std::string key; status >> key;) {
+        if (key == "Threads:") status >> used.threads;
+        if (key == "VmRSS:") status >> used.residentKiB;
+    }
+    used.handles = static_cast<std::size_t>(
+        std::distance(fs::directory_iterator(proc / "fd"), fs::directory_iterator()));
+    return used;
+}
+
+struct PipeClient::Impl {
+    int socket = -1;
+    std::string pending;
+
+    // Reads what is there; false when the other end is gone or the deadline has passed.
+    bool fill(Clock::time_point end) {
+        pollfd readable{socket, POLLIN, 0};
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+        if (left.count() <= 0 || ::poll(&readable, 1, static_cast<int>(left.count())) <= 0) return false;
+        std::array<char, 65536> buffer;
+        const ssize_t count = ::recv(socket, buffer.data(), buffer.size(), 0);
+        if (count <= 0) return false;
+        pending.append(buffer.data(), static_cast<std::size_t>(count));
+        return true;
+    }
+
+    std::string take(std::size_t count) {
+        std::string taken = pending.substr(0, count);
+        pending.erase(0, count);
+        return taken;
+    }
+};
+
+PipeClient::PipeClient() : impl_(std::make_unique<Impl>()) {}
+PipeClient::~PipeClient() {
+    if (impl_) close();
+}
+PipeClient::PipeClient(PipeClient&&) noexcept = default;
+PipeClient& PipeClient::operator=(PipeClient&&) noexcept = default;
+
+bool PipeClient::tryOpen(const fs::path& pipe) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, pipe.c_str(), sizeof address.sun_path - 1);
+    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        impl_->socket = socket;
+        return true;
+    }
+    ::close(socket);
+    return false;
+}
+
+bool PipeClient::open(const fs::path& pipe) {
+    return eventually([&] { return tryOpen(pipe); });
+}
+
+bool PipeClient::send(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = ::send(impl_->socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (count <= 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+std::string PipeClient::readUntil(std::string_view text, std::chrono::milliseconds deadline) {
+    const auto end = Clock::now() + deadline;
+    for (;;) {
+        const std::size_t found = impl_->pending.find(text);
+        if (found != std::string::npos) return impl_->take(found + text.size());
+        if (!impl_->fill(end)) return impl_->take(impl_->pending.size());
+    }
+}
+
+std::string PipeClient::readBytes(std::size_t count, std::chrono::milliseconds deadline) {
+    const auto end = Clock::now() + deadline;
+    while (impl_->pending.size() < count && impl_->fill(end)) {
+    }
+    return impl_->take(count);
+}
+
+bool PipeClient::waitForClose() {
+    const auto end = Clock::now() + kDeadline;
+    while (impl_->fill(end)) {
+    }
+    return Clock::now() < end;
+}
+
+void PipeClient::close() {
+    if (impl_->socket >= 0) ::close(impl_->socket);
+    impl_->socket = -1;
+    impl_->pending.clear();
+}
+
+}  // namespace e2e

@@ -1,0 +1,35 @@
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+
+#include "blescanner/blescanner.h"
+#include "blescanner/cmdpipe_commands.h"
+#include "blescanner/lecomm.h"
+#include "platform/bluetooth/sim/world.h"
+#include "tests/fuzz/quiet_log.h"
+
+namespace {
+
+// No radio and nobody in range: every command runs and ends at once.
+constexpr const char* kEmptyWorld = R"({"time_scale": 1000000, "radios": [], "adapters": [], "peripherals": []})";
+
+}  // namespace
+
+// Bytes as a client may send them, in two reads.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const QuietLog quiet;
+    static sim::WorldScope world(kEmptyWorld);
+    // The endpoints are never created: replies go nowhere, the data pipe's name is refused.
+    blescanner::settings().datPipeName = L"/nonexistent/pipe";
+    blescanner::CNamedPipe shell;
+    blescanner::CommandSet commands(shell);
+    blescanner::LineAccumulator line;
+    const std::size_t half = size / 2;
+    if (commands.dispatch({data, half}, line) == blescanner::CommandResult::goOn) {
+        commands.dispatch({data + half, size - half}, line);
+    }
+    if (line.text().size() > blescanner::LineAccumulator::kLimit) std::abort();
+    commands.stopLink();
+    if (!blescanner::waitForLinkSessions(std::chrono::seconds(10))) std::abort();
+    return 0;
+}

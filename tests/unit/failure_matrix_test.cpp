@@ -1,0 +1,129 @@
+// Plays every cell of the tables in docs/failures.md: the document is the list of cases.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/unit/link_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Case {
+    std::string generation, point, times, action, expected;
+    bool duringTransfer = false;
+};
+
+std::string trimmed(const std::string& text) {
+    const auto first = text.find_first_not_of(' ');
+    if (first == std::string::npos) return "";
+    return text.substr(first, text.find_last_not_of(' ') - first + 1);
+}
+
+std::vector<std::string> cells(const std::string& line) {
+    std::vector<std::string> found;
+    std::istringstream row(line.substr(1));
+    for (std::string cell; std::getline(row, cell, '|');)
+        found.push_back(trimmed(cell));
+    return found;
+}
+
+std::vector<Case> readCases() {
+    std::ifstream document(ZIQBLE_SOURCE_DIR "/docs/failures.md");
+    std::vector<Case> cases;
+    std::vector<std::string> header;
+    bool duringTransfer = false;
+    for (std::string line; std::getline(document, line);) {
+        if (line.starts_with("## ")) duringTransfer = line == "## While bytes move";
+        if (!line.starts_with("|") || line.starts_with("|---")) continue;
+        const auto row = cells(line);
+        if (row[0] == "generation") {
+            header = row;
+            continue;
+        }
+        for (std::size_t column = 3; column < row.size() && column < header.size(); ++column) {
+            if (!row[column].empty()) {
+                cases.push_back({row[0], row[1], row[2], header[column], row[column], duringTransfer});
+            }
+        }
+    }
+    return cases;
+}
+
+std::string scenario(const Case& item) {
+    static const std::map<std::string, std::string> actions = {
+        {"error", "error:0x80004005"}, {"closed", "error:0x80000013"}, {"throw", "throw:0x80004005"}};
+    const auto spelled = actions.find(item.action);
+    const bool newer = item.generation == "newer";
+    std::ostringstream text;
+    text << R"({"os_version": [10, 0, )" << (newer ? "15063" : "15062") << R"(], "peripherals": [{)";
+    // The full listing is asked for only when the look-up by UUID has failed.
+    if (newer && item.point == "services:all") text << R"("appears_after_listing": true, )";
+    text << R"("faults": [{"on": ")" << item.point << R"(", "times": )" << item.times << R"(, "do": ")"
+         << (spelled == actions.end() ? item.action : spelled->second) << R"("}]}]})";
+    return text.str();
+}
+
+// What may come: the lines of the cell; with a dropped link the first one may be missing.
+void expectLines(test::Link& link, const std::string& expected) {
+    std::istringstream list(expected);
+    for (std::string wanted; std::getline(list, wanted, ',');) {
+        std::string line = link.line();
+        if (trimmed(wanted) == "STATUS CLOSED" && line == "TIO DROP") return;
+        EXPECT_EQ(line, trimmed(wanted));
+    }
+}
+
+void play(const Case& item) {
+    test::Link link(scenario(item));
+    link.connect();
+    if (item.duringTransfer) {
+        ASSERT_EQ(link.line(), "CONNECT TIO");
+        auto data = link.openData();
+        data.send("one packet");
+        if (item.expected == "none" && item.action != "disconnect") {
+            // Either the packet or its echo was hit; the link counts the former as sent and goes on.
+            for (const auto end = std::chrono::steady_clock::now() + e2e::kDeadline;
+                 item.action != "hang" && link.context().txBytes != 10 &&
+                 std::chrono::steady_clock::now() < end;) {
+                platform::sleepFor(1ms);
+            }
+        } else if (item.expected != "none") {
+            expectLines(link, item.expected);
+        }
+    } else if (item.expected != "waits") {
+        expectLines(link, item.expected);
+    }
+    // What hangs has to get there first.
+    EXPECT_EQ(link.line(item.action == "hang" ? 100ms : 5ms), "");
+
+    auto old = blescanner::currentTioContext();
+    link.stop();
+    if (item.action != "hang") {
+        EXPECT_TRUE(link.ended());
+        EXPECT_FALSE(old->device || old->service || old->txChar || old->rxChar || old->crtxChar ||
+                     old->crrxChar || old->txmtuChar || old->rxmtuChar);
+        EXPECT_TRUE(old->subscriptions.empty());
+        EXPECT_EQ(old->localCredits, 0);
+        EXPECT_EQ(old->txMtu, 20);
+    }
+    link.peripheral().repair();
+    link.connect();
+    EXPECT_EQ(link.line(), "CONNECT TIO");
+}
+
+TEST(FailureMatrix, TheClientGetsWhatTheDocumentSays) {
+    const auto cases = readCases();
+    ASSERT_GT(cases.size(), 200U);
+    for (const Case& item : cases) {
+        SCOPED_TRACE(item.generation + " " + item.point + " x" + item.times + " " + item.action);
+        play(item);
+        if (HasFatalFailure()) return;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,69 @@
+#include "platform/event.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <ctime>
+#include <thread>
+
+namespace platform {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+TEST(HostEvent, LowestSignalledEventIsReportedAndStaysSet) {
+    Event a, b, c;
+    const std::array events{&a, &b, &c};
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(waitAny(events, milliseconds(30)), std::nullopt);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(30));
+    c.set();
+    b.set();
+    EXPECT_EQ(waitAny(events, milliseconds(0)), 1u);
+    b.reset();
+    EXPECT_EQ(waitAny(events, milliseconds::max()), 2u);
+}
+
+// Each signal comes just as the wait begins (which takes longer for many events): a lost wake-up is a
+// time-out.
+TEST(HostEvent, NoWakeUpIsLost) {
+    constexpr int kRounds = 20'000;
+    Event event;
+    std::atomic<int> round{0};
+    std::thread setter([&] {
+        for (int i = 1; i <= kRounds; ++i) {
+            while (round < i)
+                std::this_thread::yield();
+            event.set();
+        }
+    });
+    for (int i = 1; i <= kRounds; ++i) {
+        round = i;
+        EXPECT_EQ(waitAny(std::array{&event}, seconds(5)), 0u) << "in round " << i;
+        event.reset();
+    }
+    setter.join();
+
+    // A wake-up left over from an earlier round must not keep the processor busy.
+    const std::clock_t begin = std::clock();
+    EXPECT_EQ(waitAny(std::array{&event}, milliseconds(100)), std::nullopt);
+    EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC / 20);
+}
+
+TEST(HostEvent, WakesEveryWaiterOfAnEventThatIsNeverReset) {
+    Event stop;
+    std::atomic<int> woken{0};
+    std::array<std::thread, 4> waiters;
+    for (std::thread& waiter : waiters) {
+        waiter = std::thread([&] { woken += waitAny(std::array{&stop}, seconds(20)) == 0u; });
+    }
+    stop.set();
+    for (std::thread& waiter : waiters)
+        waiter.join();
+    EXPECT_EQ(woken, 4);
+}
+
+}  // namespace
+}  // namespace platform

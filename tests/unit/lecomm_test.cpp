@@ -1,0 +1,185 @@
+// The link session: address, odd values from the peripheral, the way of the bytes.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/link_fixture.h"
+#include "tests/unit/sleep_recorder.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using blescanner::parseBleAddress;
+
+TEST(BleAddress, TakesWhatTheScanFormatTakesAndNothingElse) {
+    EXPECT_EQ(parseBleAddress(L"00:1A:7d:DA:71:13"), 0x001A7DDA7113U);
+    EXPECT_EQ(parseBleAddress(L" ff:ff:ff:ff:ff:ff"), 0xFFFFFFFFFFFFU);
+    EXPECT_EQ(parseBleAddress(L"1:2:3:4:5:6"), 0x010203040506U);
+    for (const std::wstring text : {L"", L"00:1A:7D:DA:71", L"00:1A:7D:DA:71:13 ", L"00:1A:7D:DA:71:13:14",
+                                    L"00-1A-7D-DA-71-13", L"zz:1A:7D:DA:71:13"}) {
+        try {
+            parseBleAddress(text);
+            FAIL() << platform::toUtf8(text);
+        } catch (const std::runtime_error& error) {
+            EXPECT_EQ(error.what(), "invalid BLE address format " + platform::toUtf8(text));
+        }
+    }
+    EXPECT_THROW(parseBleAddress(std::wstring(L"0:1:2:3:4:5\0", 12)), std::runtime_error);
+}
+
+// Polls until the condition holds.
+template <class Condition>
+bool eventually(Condition condition) {
+    for (const auto end = std::chrono::steady_clock::now() + e2e::kDeadline; !condition();) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+TEST(Link, GoesThroughItsStepsInOrder) {
+    test::LogCapture log;
+    test::Link link("{}");
+    test::SleepRecorder sleeps;
+    link.connect();
+    ASSERT_EQ(link.line(), "CONNECT TIO");
+    EXPECT_TRUE(eventually([&] { return log.find("Starting communication loop..."); }));
+    EXPECT_EQ(sleeps.sleeps(), (std::vector<long long>{500, 100, 250, 150, 250, 100}));
+    // A session that runs is left alone.
+    EXPECT_EQ(blescanner::lecommStart(nullptr, L"x"), 0);
+    EXPECT_TRUE(log.find("LECOMM already started!"));
+    link.stop();
+    ASSERT_TRUE(link.ended());
+
+    std::size_t from = 0;
+    const auto texts = log.texts();
+    for (const char* wanted : {"Device ADDR:  00:1a:7d:da:71:13",
+                               "Service UUID: {0000FEFB-0000-1000-8000-00805F9B34FB}",
+                               "TX Characteristic:{00000002-0000-1000-8000-008025000000}",
+                               "Trigger a fake event...",
+                               "Prepare scanner...",
+                               "Got LE Device ",
+                               "LE Connection status: 1",
+                               "Got Service...",
+                               "Got Service (2) ",
+                               "Retrieve TX credits characteristic...",
+                               "Retrieve RX MTU characteristic...",
+                               "Setting subscriptions (TX MTU)...",
+                               "INDICATIONset OK",
+                               "Setting subscriptions (TX)...",
+                               "NOTIFICATIONset OK",
+                               "Setting credits (Credits RX)...",
+                               "Starting transfer...",
+                               "No I/O pipe (most likely disconnected)!",
+                               "TX thread completed!",
+                               "Redirect to comm pipe ended!",
+                               "TIO internal context reset",
+                               "commThread is DONE!"}) {
+        while (from < texts.size() && texts[from] != wanted)
+            ++from;
+        EXPECT_LT(from, texts.size()) << wanted;
+    }
+}
+
+TEST(Link, TakesOddValuesOfThePeripheral) {
+    test::LogCapture log;
+    test::Link link(R"({"peripherals": [{"serial": "sink", "initial_credits": 0, "regrant_at": 0}]})");
+    link.connect();
+    ASSERT_EQ(link.line(), "CONNECT TIO");
+    auto data = link.openData();
+    auto& context = link.context();
+    auto& peripheral = link.peripheral();
+    ASSERT_TRUE(eventually([&] { return context.txMtu == 244; }));
+
+    struct Credits {
+        std::vector<std::uint8_t> value;
+        int total;
+    };
+    for (const Credits& item :
+         {Credits{{0}, 0}, Credits{{255}, 255}, Credits{{5, 1, 9}, 260}, Credits{{}, 260}}) {
+        peripheral.sendNotification(sim::CharacteristicKind::crtx, item.value);
+        peripheral.sendNotification(sim::CharacteristicKind::crtx, std::vector<std::uint8_t>{0});
+        EXPECT_TRUE(eventually([&] { return context.remoteCredits == item.total; })) << item.total;
+    }
+    struct Mtu {
+        std::vector<std::uint8_t> value;
+        int mtu;
+    };
+    for (const Mtu& item : {Mtu{{0xF7, 0x00}, 247}, Mtu{{100}, 100}, Mtu{{0x00, 0x01, 0x07}, 256}}) {
+        peripheral.sendNotification(sim::CharacteristicKind::txMtu, item.value);
+        EXPECT_TRUE(eventually([&] { return context.txMtu == item.mtu; })) << item.mtu;
+    }
+
+    // A value without bytes and a missing one cost a credit each; what is longer than 1024 bytes is cut.
+    EXPECT_EQ(context.localCredits, 40);
+    peripheral.sendNotification(sim::CharacteristicKind::tx, std::vector<std::uint8_t>{});
+    peripheral.sendNotification(sim::CharacteristicKind::tx, std::nullopt);
+    peripheral.sendNotification(sim::CharacteristicKind::tx, std::vector<std::uint8_t>(1500, 'x'));
+    EXPECT_EQ(data.readBytes(1024), std::string(1024, 'x'));
+    EXPECT_TRUE(eventually([&] { return context.localCredits == 37 && context.rxBytes == 1024; }));
+    EXPECT_TRUE(log.find("__chValueChanged (TX_UUID) with NULL data!"));
+
+    // The thirtieth notification leaves ten credits and brings them back to forty.
+    for (int i = 0; i < 26; ++i)
+        peripheral.sendNotification(sim::CharacteristicKind::tx, std::vector<std::uint8_t>{1});
+    EXPECT_TRUE(eventually([&] { return context.localCredits == 11; }));
+    peripheral.sendNotification(sim::CharacteristicKind::tx, std::vector<std::uint8_t>{1});
+    EXPECT_TRUE(eventually([&] { return context.localCredits == 40; }));
+    EXPECT_TRUE(log.find("Granting local credits 30 (40)"));
+    EXPECT_EQ(data.readBytes(27).size(), 27U);
+}
+
+TEST(Link, WithoutCreditsNothingIsSentUntilTheLinkDrops) {
+    test::LogCapture log;
+    test::Link link(R"({"peripherals": [{"serial": "sink", "initial_credits": 0, "regrant_at": 0}]})");
+    link.connect();
+    ASSERT_EQ(link.line(), "CONNECT TIO");
+    auto data = link.openData();
+    data.send(std::string(100, 'x'));
+    ASSERT_TRUE(eventually([&] { return log.find("SND=100"); }));
+    EXPECT_EQ(link.context().txBytes, 0U);
+    link.peripheral().dropLink();
+    EXPECT_EQ(link.line(), "STATUS CLOSED");
+    EXPECT_TRUE(eventually([&] { return log.find("Disconnect detected while waiting for remote credits"); }));
+    EXPECT_TRUE(eventually([&] { return log.find("Link: 100 bytes of the client not sent"); }));
+    EXPECT_NE(link.context().dataPipe.load(), nullptr);
+}
+
+TEST(Link, AClientThatIsTooEarlyHasToComeAgain) {
+    test::LogCapture log;
+    test::Link link("{}");
+    link.connect();
+    auto early = link.openData();  // the session is still being set up
+    ASSERT_EQ(link.line(), "CONNECT TIO");
+    EXPECT_TRUE(early.waitForClose());
+    EXPECT_TRUE(log.find("ERROR_PIPE_CONNECTED, trying disconnect first!"));
+    auto data = link.openData();
+    data.send("here");
+    EXPECT_EQ(data.readBytes(4), "here");
+    // One that leaves ends the pump; the session then waits to be stopped.
+    data.close();
+    EXPECT_TRUE(eventually([&] { return log.find("Data pipe broken (disconnected)!"); }));
+    EXPECT_TRUE(eventually([&] { return log.find("Expecting disconnect..."); }));
+}
+
+TEST(Link, ANewSessionDoesNotWaitForTheOldOne) {
+    // The first session hangs in its first write for good; the second one works, and the first never disturbs
+    // it.
+    test::Link link(R"({"peripherals": [{"faults": [{"on": "write:CRRX", "times": 1, "do": "hang"}]}]})");
+    link.connect();
+    EXPECT_EQ(link.line(50ms), "");
+    const auto old = blescanner::currentTioContext();
+    link.stop();
+    link.connect();
+    ASSERT_EQ(link.line(), "CONNECT TIO");
+    auto data = link.openData();
+    data.send("second");
+    EXPECT_EQ(data.readBytes(6), "second");
+    EXPECT_NE(old, blescanner::currentTioContext());
+    EXPECT_EQ(link.line(10ms), "");
+}
+
+}  // namespace

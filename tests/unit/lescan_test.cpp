@@ -1,0 +1,67 @@
+#include "blescanner/lescan.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "blescanner/blehelper.h"
+#include "log_capture.h"
+#include "platform/bluetooth/sim/world.h"
+#include "sleep_recorder.h"
+
+namespace blescanner {
+namespace {
+
+std::wstring scan(const std::string& peripherals) {
+    sim::WorldScope world(R"({"peripherals": [)" + peripherals + "]}");
+    scanIntervalsConfigured = true;
+    test::SleepRecorder recorder(10);
+    std::wstring result = L"old";
+    scanForTioDevices(result, 2000);
+    EXPECT_EQ(recorder.sleeps(), (std::vector<long long>{500, 2000, 200}));
+    return result;
+}
+
+TEST(LeScan, ResultLine) {
+    const std::pair<std::string, std::wstring> cases[] = {
+        {"", L""},
+        {R"({"advertises": ["180F"]}, {"address": "00:00:00:00:00:01", "advertises": []})", L""},
+        {R"({"address": "00:1A:7D:DA:71:0F", "name": ""})", L"00:1a:7d:da:71:0f\r\n"},
+        {R"({"address": "FF:00:00:00:00:01", "name": "Z"},
+            {"address": "00:00:00:00:00:0A", "name": "a;b", "advertises": ["180F", "0000FEFB-0000-1000-8000-00805F9B34FB"]},
+            {"address": "00:00:00:00:00:0B", "name": "other", "advertises": ["FEFC"]})",
+         L"00:00:00:00:00:0a;a;b,ff:00:00:00:00:01;Z\r\n"},
+        // A name must not be able to end the line, not even by the byte that is left of a wide unit on the
+        // pipe.
+        {R"({"address": "00:00:00:00:00:01", "name": "A\r\nTIO DROP\r\u010D\u020A\u010C"})",
+         L"00:00:00:00:00:01;A  TIO DROP   \u010C\r\n"},
+    };
+    for (const auto& [peripherals, result] : cases) {
+        EXPECT_EQ(scan(peripherals), result) << peripherals;
+    }
+}
+
+TEST(LeScan, Lines) {
+    test::LogCapture log;
+    scan(R"({"address": "00:1A:7D:DA:71:13"}, {"address": "00:00:00:00:00:01", "advertises": null})");
+    EXPECT_EQ(log.count("Scan timing configured!"), 1);
+    EXPECT_TRUE(log.find("Scan entry with undefined service uuids!"));
+    const auto found = log.find(": Target service found on device: 00:1a:7d:da:71:13");
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->text.find_first_not_of("0123456789"), found->text.find(':'));
+}
+
+TEST(LeScan, GoesOnWithoutScanTiming) {
+    sim::WorldScope world(R"({"adapters": []})");
+    scanIntervalsConfigured = false;
+    test::SleepRecorder recorder(10);
+    test::LogCapture log;
+    std::wstring result;
+    scanForTioDevices(result, 1000);
+    EXPECT_EQ(log.count("[WARNING] Scanning with default large window!"), 1);
+    EXPECT_EQ(result, L"00:1a:7d:da:71:13;TIO-SIM\r\n");
+}
+
+}  // namespace
+}  // namespace blescanner

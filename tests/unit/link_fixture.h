@@ -1,0 +1,82 @@
+// One link session in this process: the real session code between the simulated world and a real data pipe.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "blescanner/blescanner.h"
+#include "blescanner/cmdpipe.h"
+#include "blescanner/cmdpipe_notification.h"
+#include "blescanner/lecomm.h"
+#include "platform/bluetooth/sim/world.h"
+#include "platform/clock.h"
+#include "platform/text.h"
+#include "tests/e2e/harness.h"
+#include "tests/unit/log_capture.h"
+
+namespace test {
+
+using namespace std::chrono_literals;
+
+inline constexpr const wchar_t* kAddress = L" 00:1a:7d:da:71:13";
+
+class Link {
+  public:
+    explicit Link(const std::string& scenario) {
+        world_.emplace(scenario);
+        platform::setTimeScale(500);
+        blescanner::settings().datPipeName = platform::widen(e2e::dataPipe(folder_.path()).string());
+        blescanner::linkNotification().open();
+    }
+    ~Link() {
+        stop();
+        world_.reset();  // a session may hang in a call of it
+        EXPECT_TRUE(ended());
+        blescanner::linkNotification().close();
+        platform::setTimeScale(1);
+    }
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+
+    void connect(const wchar_t* address = kAddress) {
+        pipe_ = blescanner::createDataPipe();
+        EXPECT_EQ(blescanner::lecommStart(pipe_, address), 0);
+    }
+    // As the shell does it.
+    void stop() {
+        if (pipe_) pipe_->close();
+        blescanner::currentTioContext()->dataPipe = nullptr;
+    }
+    // The next line for the client, without its end; empty when none came in time. Like the shell, passes over what an
+    // earlier session has to say.
+    std::string line(std::chrono::milliseconds deadline = e2e::kDeadline) {
+        platform::Event* const events[] = {&blescanner::linkNotification().event()};
+        while (platform::waitAny(events, deadline)) {
+            const auto taken = blescanner::linkNotification().take();
+            if (taken && taken->session == blescanner::currentTioContext()) {
+                return platform::toUtf8(taken->text.substr(0, taken->text.size() - 2));
+            }
+        }
+        return "";
+    }
+    e2e::PipeClient openData() {
+        e2e::PipeClient client;
+        EXPECT_TRUE(client.open(e2e::dataPipe(folder_.path())));
+        return client;
+    }
+    bool ended() { return blescanner::waitForLinkSessions(e2e::kDeadline); }
+    blescanner::TioContext& context() { return *blescanner::currentTioContext(); }
+    sim::TioPeripheral& peripheral() { return world_->world().peripheral(0); }
+    sim::World& world() { return world_->world(); }
+
+  private:
+    std::optional<sim::WorldScope> world_;
+    e2e::TemporaryFolder folder_;
+    std::shared_ptr<blescanner::CNamedPipe> pipe_;
+};
+
+}  // namespace test

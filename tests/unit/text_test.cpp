@@ -1,0 +1,60 @@
+#include "platform/text.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/error.h"
+#include "platform/guid.h"
+
+namespace platform {
+namespace {
+
+// Code points beyond U+FFFF are two units on every host, so the texts cannot be written as wide literals.
+std::wstring units(std::initializer_list<int> values) {
+    return {values.begin(), values.end()};
+}
+
+TEST(Text, Utf8BecomesUtf16UnitsAndBack) {
+    const std::pair<std::string, std::wstring> cases[] = {
+        {std::string("a\0\x7F", 3), units({'a', 0, 0x7F})},
+        {"\xC2\x80\xDF\xBF", units({0x80, 0x7FF})},
+        {"\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF", units({0x800, 0xD7FF, 0xE000, 0xFFFF})},
+        {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", units({0xD800, 0xDC00, 0xDBFF, 0xDFFF})},
+    };
+    for (const auto& [utf8, text] : cases) {
+        EXPECT_EQ(widen(utf8), text) << utf8;
+        EXPECT_EQ(toUtf8(text), utf8);
+    }
+}
+
+TEST(Text, WhatIsBrokenIsReplacedAndTheRestKept) {
+    EXPECT_EQ(widen("\x80z\xC0\xAFz"), units({0xFFFD, 'z', 0xFFFD, 0xFFFD, 'z'}));  // no lead, overlong
+    EXPECT_EQ(widen("\xE2\x82z\xF0\x9F\x98"), units({0xFFFD, 'z', 0xFFFD}));        // cut short
+    EXPECT_EQ(widen("\xED\xA0\x80"), units({0xFFFD, 0xFFFD, 0xFFFD}));              // a surrogate
+    EXPECT_EQ(widen("\xF4\x90\x80\x80"), units({0xFFFD, 0xFFFD, 0xFFFD, 0xFFFD}));  // above U+10FFFF
+    EXPECT_EQ(toUtf8(units({0xDC00, 0xD83D, 0xD83D, 0xDE00, 0xD800})),
+              "\xEF\xBF\xBD\xEF\xBF\xBD\xF0\x9F\x98\x80\xEF\xBF\xBD");
+}
+
+TEST(Guid, RegistryForm) {
+    EXPECT_EQ(toString(bluetoothUuid(0xFEFB)), "{0000FEFB-0000-1000-8000-00805F9B34FB}");
+    const Guid mixed{0x01234567, 0x89AB, 0xCDEF, {0xFE, 0xDC, 0xBA, 0x98, 0x76, 0x54, 0x32, 0x10}};
+    EXPECT_EQ(parseGuid("{01234567-89ab-CDEF-fedc-BA9876543210}"), mixed);
+    EXPECT_EQ(parseGuid(toString(mixed).substr(1, 36)), mixed);
+    for (const char* text :
+         {"", "{0000FEFB-0000-1000-8000-00805F9B34FB", "0000FEFB-0000-1000-8000-00805F9B34F",
+          "0000FEFB-0000-1000-8000-00805F9B34FG", "0000FEFB-0000-1000-80000-0805F9B34FB",
+          "0000FEFB-0000-1000-8000-0-805F9B34FB", "0000FEFB-0x00-1000-8000-00805F9B34FB"}) {
+        EXPECT_EQ(parseGuid(text), std::nullopt) << text;
+    }
+}
+
+TEST(Error, MessageOfAResultCode) {
+    EXPECT_EQ(systemMessage(hresult(0x80070005)), "Access is denied.");
+    EXPECT_EQ(systemMessage(hresult(0x80070001)), "Operation not permitted");
+    EXPECT_EQ(systemMessage(hresult(0x80070000)) + systemMessage(hresult(0x8007FFFE)), "");
+    EXPECT_STREQ(PlatformError(kEAbort).what(), "Operation aborted");
+    EXPECT_STREQ(PlatformError(hresult(0x8123ABCD)).what(), "HRESULT 0x8123ABCD");
+}
+
+}  // namespace
+}  // namespace platform
