@@ -175,6 +175,7 @@ class Device final : public platform::BluetoothLEDevice {
 
     std::vector<std::shared_ptr<platform::GattDeviceService>> list(const std::vector<Guid>& uuids) const {
         std::vector<std::shared_ptr<platform::GattDeviceService>> services;
+        services.reserve(uuids.size());
         for (const auto& uuid : uuids)
             services.push_back(std::make_shared<Service>(link_, uuid));
         return services;
