@@ -7,6 +7,7 @@
 #include <loguru.hpp>
 #include <thread>
 
+#include "blescanner/blehelper.h"
 #include "blescanner/cmdpipe.h"
 #include "blescanner/lecomm.h"
 #include "platform/runtime.h"
@@ -63,12 +64,12 @@ void shellThread() {
 // The end of the Bluetooth runtime calls back whatever a link session may still be waiting for.
 void runBridge(const std::vector<std::string>& arguments) {
     const platform::BluetoothRuntime bluetooth;
-    setUpLogging();
     logBanner();
     setUpOptions(arguments);
     std::thread shell(shellThread);
     shell.join();
     platform::requestStop();  // a session that is still winding down has nothing more to wait for
+    joinScanConfigThread();
     if (!waitForLinkSessions(kLinkSessionEndTime)) {
         LOG_S(WARNING)
             << "[WARNING] A Bluetooth call of the link session has not come back, it is cancelled!";
@@ -109,6 +110,8 @@ std::wstring windowsVersionText() {
 }
 
 int runProgram(const std::vector<std::string>& arguments) {
+    // Before the host: a logging library may set signal handlers of its own, and the host's have to stay.
+    setUpLogging();
     const platform::HostRuntime host;
     if (!host.ready()) return 0;
     try {

@@ -94,8 +94,9 @@ void CommandSet::closeDataPipe() {
 }
 
 void CommandSet::stopLink() {
-    closeDataPipe();
+    // The reference goes first: whoever wakes up because the pipe is closed finds the session stopped.
     currentTioContext()->dataPipe = nullptr;
+    closeDataPipe();
     platform::sleepFor(kStopGrace);
 }
 

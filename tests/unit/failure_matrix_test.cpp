@@ -63,6 +63,8 @@ std::string scenario(const Case& item) {
     text << R"({"os_version": [10, 0, )" << (newer ? "15063" : "15062") << R"(], "peripherals": [{)";
     // The full listing is asked for only when the look-up by UUID has failed.
     if (newer && item.point == "services:all") text << R"("appears_after_listing": true, )";
+    // Without MTUs nothing else is under way when the fault comes.
+    if (item.duringTransfer) text << R"("characteristics": ["TX", "RX", "CRTX", "CRRX"], )";
     text << R"("faults": [{"on": ")" << item.point << R"(", "times": )" << item.times << R"(, "do": ")"
          << (spelled == actions.end() ? item.action : spelled->second) << R"("}]}]})";
     return text.str();

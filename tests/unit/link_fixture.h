@@ -48,8 +48,8 @@ class Link {
     }
     // As the shell does it.
     void stop() {
-        if (pipe_) pipe_->close();
         blescanner::currentTioContext()->dataPipe = nullptr;
+        if (pipe_) pipe_->close();
     }
     // The next line for the client, without its end; empty when none came in time. Like the shell, passes over what an
     // earlier session has to say.
