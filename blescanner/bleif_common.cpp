@@ -77,6 +77,12 @@ std::optional<GattCommunicationStatus> recoverOnError(const std::shared_ptr<TioC
     return std::nullopt;
 }
 
+std::string statusText(GattCommunicationStatus status) {
+    static constexpr std::array kNames = {"success", "unreachable", "protocol error", "access denied"};
+    const auto number = static_cast<std::size_t>(status);
+    return std::to_string(number) + (number < kNames.size() ? " (" + std::string(kNames[number]) + ")" : "");
+}
+
 platform::AsyncOperationPtr<std::shared_ptr<platform::BluetoothLEDevice>> IBLEIF::startDeviceLookUp(
     std::uint64_t address) {
     LOG_S(INFO) << "Get device from address " << formatBleAddress(address);
@@ -100,7 +106,10 @@ void IBLEIF::__setSubscription(const std::shared_ptr<platform::GattCharacteristi
 
     const auto write = characteristic->writeClientCharacteristicConfigurationDescriptorAsync(
         indicate ? Descriptor::indicate : Descriptor::notify);
-    if (!write) return;
+    if (!write) {
+        LOG_S(WARNING) << "No operation came back for the " << kind;
+        return;
+    }
     awaitOperation(*write);
     const GattCommunicationStatus status = write->getResults();
     if (status == GattCommunicationStatus::success) {
@@ -153,7 +162,11 @@ void IBLEIF::writeCharacteristicU16(const std::shared_ptr<platform::GattCharacte
     if (!write)
         throw platform::PlatformError(platform::kEFail, "No operation came back for a characteristic write");
     awaitOperation(*write);
-    recoverOnError(shared_, *write);
+    const auto status = recoverOnError(shared_, *write);
+    if (status && *status != GattCommunicationStatus::success) {
+        LOG_S(WARNING) << "Writing " << value << " to " << platform::toString(characteristic->uuid())
+                       << " ended with status " << statusText(*status);
+    }
 }
 
 void IBLEIF::__chValueChanged(platform::GattCharacteristic* sender,

@@ -1,10 +1,11 @@
-// The GATT interface of one link session, and what every user of the Bluetooth platform shares: waiting for its operations
-// and recognising a lost link.
+// The GATT interface of one link session, and what every user of the Bluetooth platform shares: waiting for
+// its operations and recognising a lost link.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "blescanner/lecomm.h"
 #include "platform/async.h"
@@ -12,22 +13,26 @@
 
 namespace blescanner {
 
-// Waits until the operation is no longer running and logs how it ended, unless well. There is no time-out: only the
-// platform ends an operation. Yields between two looks and needs no event and no memory: GATT writes are short, and
-// the link's throughput depends on noticing their end at once. Any thread.
+// Waits until the operation is no longer running and logs how it ended, unless well. There is no time-out:
+// only the platform ends an operation. Yields between two looks and needs no event and no memory: GATT writes
+// are short, and the link's throughput depends on noticing their end at once. Any thread.
 void awaitOperation(const platform::AsyncInfo& operation);
 
 using GattWriteOperation = platform::AsyncOperation<platform::GattCommunicationStatus>;
 
-// Judges a finished GATT write of the session: a closed object or an unreachable peripheral ends the session's claim on
-// the data pipe and tells the client "TIO DROP", once. Returns the write's status; nothing when it failed with an error.
-// Throws PlatformError where the platform refuses the result (a cancelled write). Any thread.
+// Judges a finished GATT write of the session: a closed object or an unreachable peripheral ends the
+// session's claim on the data pipe and tells the client "TIO DROP", once. Returns the write's status; nothing
+// when it failed with an error. Throws PlatformError where the platform refuses the result (a cancelled
+// write). Any thread.
 std::optional<platform::GattCommunicationStatus> recoverOnError(const std::shared_ptr<TioContext>& context,
                                                                 GattWriteOperation& operation);
 
-// The way to the peripheral's TIO service: one object per session, owned by its communication thread, on which every
-// operation runs except the value-changed handler. Results go into the session's TioContext. Failed platform calls
-// are thrown as PlatformError unless an operation says otherwise.
+// Number and name of a status, for the log: "1 (unreachable)".
+std::string statusText(platform::GattCommunicationStatus status);
+
+// The way to the peripheral's TIO service: one object per session, owned by its communication thread, on
+// which every operation runs except the value-changed handler. Results go into the session's TioContext.
+// Failed platform calls are thrown as PlatformError unless an operation says otherwise.
 class IBLEIF {
   public:
     explicit IBLEIF(std::shared_ptr<TioContext> context) : shared_(std::move(context)), context_(*shared_) {}
@@ -45,7 +50,8 @@ class IBLEIF {
         const std::shared_ptr<platform::GattDeviceService>& service, const platform::Guid& uuid) = 0;
 
     // Asks for indications or notifications and has them handled; a failure is logged.
-    virtual void __setSubscription(const std::shared_ptr<platform::GattCharacteristic>& characteristic, bool indicate);
+    virtual void __setSubscription(const std::shared_ptr<platform::GattCharacteristic>& characteristic,
+                                   bool indicate);
     // Sends the low 8 bits of the count. `wait`: the write is awaited and judged by recoverOnError.
     virtual void grantCredits(const std::shared_ptr<platform::GattCharacteristic>& characteristic,
                               std::uint32_t count, bool wait);
@@ -53,13 +59,15 @@ class IBLEIF {
     virtual bool needsStackFlush() const { return stackFlushRequested_; }
 
     // The value-changed handler. Runs on a thread of the platform; throws nothing.
-    void __chValueChanged(platform::GattCharacteristic* sender, const platform::GattValueChangedEventArgs* args);
+    void __chValueChanged(platform::GattCharacteristic* sender,
+                          const platform::GattValueChangedEventArgs* args);
 
   protected:
     TioContext& context() { return context_; }
     void requestStackFlush(bool requested) { stackFlushRequested_ = requested; }
     // The first steps of both generations.
-    platform::AsyncOperationPtr<std::shared_ptr<platform::BluetoothLEDevice>> startDeviceLookUp(std::uint64_t address);
+    platform::AsyncOperationPtr<std::shared_ptr<platform::BluetoothLEDevice>> startDeviceLookUp(
+        std::uint64_t address);
     void releaseDevice() { context_.device.reset(); }
 
   private:

@@ -136,7 +136,11 @@ std::shared_ptr<platform::GattCharacteristic> BLEIFModern::getCharacteristic(
     awaitOperation(*lookUp);
     const auto result = lookUp->getResults();
     LOG_S(INFO) << "Characteristics...";
-    if (!result.characteristics || result.characteristics->empty()) return nullptr;
+    if (!result.characteristics || result.characteristics->empty()) {
+        LOG_S(WARNING) << "No characteristic " << platform::toString(uuid)
+                       << ", the look-up ended with status " << statusText(result.status);
+        return nullptr;
+    }
     const auto& characteristic = result.characteristics->front();
     LOG_S(INFO) << "Characteristic " << platform::toString(characteristic->uuid());
     return characteristic;

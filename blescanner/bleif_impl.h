@@ -11,8 +11,8 @@ class BLEIFModern : public IBLEIF {
 
     // Nothing to prepare: connects on demand.
     bool prepareConnection(std::uint64_t address, std::uint32_t timeoutMs) override;
-    // One retry for the device; one retry for the service, after a full listing has made the platform read the
-    // device's services anew.
+    // One retry for the device; one retry for the service, after a full listing has made the platform read
+    // the device's services anew.
     std::shared_ptr<platform::GattDeviceService> getService(const platform::Guid& serviceUuid,
                                                             std::uint64_t address) override;
     std::shared_ptr<platform::GattCharacteristic> getCharacteristic(

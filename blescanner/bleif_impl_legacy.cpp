@@ -143,6 +143,8 @@ std::shared_ptr<platform::GattDeviceService> BLEIFLegacy::getService(const platf
         LOG_S(ERROR) << "LE Device is NULL [l]! " << shortUuidText(serviceUuid);
         LOG_S(ERROR) << "LE Error code is " << lookUp->errorCode() << ". Status is "
                      << static_cast<int>(lookUp->status());
+        LOG_S(WARNING) << "No device " << formatBleAddress(address)
+                       << " found: is it switched on and in range?";
         return nullptr;
     }
     LOG_S(INFO) << "Got LE Device ";
@@ -158,6 +160,7 @@ std::shared_ptr<platform::GattDeviceService> BLEIFLegacy::getService(const platf
         LOG_S(INFO) << "Found match!";
         return service;
     }
+    LOG_S(ERROR) << "Could not get service " << platform::toString(serviceUuid);
     requestStackFlush(services.empty());
     releaseDevice();
     return nullptr;

@@ -10,10 +10,11 @@
 
 namespace blescanner {
 
-// The server end of one local pipe. The pipe is made once per object; a new connection of the data pipe gets a new
-// object, so that whoever still holds the old one finds it closed instead of finding its successor.
+// The server end of one local pipe. The pipe is made once per object; a new connection of the data pipe gets
+// a new object, so that whoever still holds the old one finds it closed instead of finding its successor.
 //
-// Threads: close() from any thread at any time. Apart from that one thread reads (or connects) and one thread writes.
+// Threads: close() from any thread at any time. Apart from that one thread reads (or connects) and one thread
+// writes.
 class CNamedPipe {
   public:
     // Creates the pipe; afterwards isOpen() tells whether that went well.
@@ -50,11 +51,12 @@ class CNamedPipe {
     platform::IoRequest writeRequest_;
 };
 
-// Creates the data pipe under the name from the settings. A failure is logged and leaves the endpoint not open.
+// Creates the data pipe under the name from the settings. A failure is logged and leaves the endpoint not
+// open.
 std::shared_ptr<CNamedPipe> createDataPipe();
 
-// Body of the shell thread: creates the command pipe, makes sure that Bluetooth is usable and serves one client after
-// another. Returns when the program is to end.
+// Body of the shell thread: creates the command pipe, makes sure that Bluetooth is usable and serves one
+// client after another. Returns when the program is to end.
 void runShellSession();
 
 }  // namespace blescanner

@@ -14,15 +14,15 @@ namespace blescanner {
 // What follows from a command.
 enum class CommandResult { goOn = 0, clientQuits = -1, programEnds = -2 };
 
-// Executes command lines on the shell thread. Owns the data pipe's endpoint: "connect" makes it, and whatever stops the
-// link closes it.
+// Executes command lines on the shell thread. Owns the data pipe's endpoint: "connect" makes it, and whatever
+// stops the link closes it.
 class CommandSet {
   public:
     // Replies go to `shell`, which must outlive this.
     explicit CommandSet(CNamedPipe& shell) : shell_(shell) {}
 
-    // Takes bytes as they were read; runs every line that they complete. Stops at a line that ends the session.
-    // Exceptions of the platform reach the caller.
+    // Takes bytes as they were read; runs every line that they complete. Stops at a line that ends the
+    // session. Exceptions of the platform reach the caller.
     CommandResult dispatch(std::span<const std::uint8_t> bytes, LineAccumulator& line);
 
     // What "exit" does, for whoever else ends the program.

@@ -7,9 +7,9 @@
 
 namespace blescanner {
 
-// One per client; used by the shell thread only. A carriage return or a line feed completes a line, so that a line that
-// ends in both is followed by an empty one. A line without an end does not grow memory: beyond the limit only the fact
-// that it was too long is kept.
+// One per client; used by the shell thread only. A carriage return or a line feed completes a line, so that a
+// line that ends in both is followed by an empty one. A line without an end does not grow memory: beyond the
+// limit only the fact that it was too long is kept.
 class LineAccumulator {
   public:
     static constexpr std::size_t kLimit = 64 * 1024;  // characters

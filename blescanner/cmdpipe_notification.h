@@ -19,8 +19,8 @@ struct LinkLine {
     std::shared_ptr<const TioContext> session;
 };
 
-// Lines are posted by any thread and taken by the shell thread, whole and in order. Only while a client session
-// is open are they kept: a client that comes later did not ask for them.
+// Lines are posted by any thread and taken by the shell thread, whole and in order. Only while a client
+// session is open are they kept: a client that comes later did not ask for them.
 class LinkNotification {
   public:
     void open();

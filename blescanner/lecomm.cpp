@@ -82,6 +82,16 @@ SessionThreads& sessionThreads() {
     return instance;
 }
 
+// Inside a handler only.
+void logCurrentException() {
+    try {
+        throw;
+    } catch (const std::exception& error) {
+        LOG_S(ERROR) << error.what();
+    } catch (...) {
+    }
+}
+
 std::shared_ptr<TioContext> startContext(std::shared_ptr<CNamedPipe> dataPipe) {
     TioStatistics& figures = statistics();
     figures.rxBytesTotal += currentTioContext()->rxBytes;
@@ -172,6 +182,7 @@ int lecommStart(std::shared_ptr<CNamedPipe> dataPipe, const std::wstring& addres
         LOG_S(INFO) << "Communication thread detached and running...";
     } catch (...) {
         LOG_S(ERROR) << "Exception in lecommStart" << platform::number(platform::lastSystemError());
+        logCurrentException();
         // Without a thread the session must not look as if it ran.
         if (context) context->dataPipe = nullptr;
     }

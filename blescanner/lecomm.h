@@ -1,7 +1,8 @@
 // The TIO link session: its state, its start, and the thread that runs it.
 //
-// There is at most one session that serves the client. Each session has a TioContext of its own, so that an earlier one
-// that is still winding down can neither serve nor reset the newer one; currentTioContext() is the latest.
+// There is at most one session that serves the client. Each session has a TioContext of its own, so that an
+// earlier one that is still winding down can neither serve nor reset the newer one; currentTioContext() is
+// the latest.
 #pragma once
 
 #include <atomic>
@@ -18,14 +19,15 @@ namespace blescanner {
 
 class CNamedPipe;
 
-// Threads: the atomics are shared by the shell thread, the communication thread and the value-changed handler. The object
-// references belong to the communication thread; the handler reads them while its subscription lives, that is, after
-// they were stored and before they are released.
+// Threads: the atomics are shared by the shell thread, the communication thread and the value-changed
+// handler. The object references belong to the communication thread; the handler reads them while its
+// subscription lives, that is, after they were stored and before they are released.
 struct TioContext {
     std::atomic<std::int32_t> txMtu = TIO_DEFAULT_MTU;  // bytes; the largest write to RX_UUID
     platform::Guid serviceUuid = TIO_SERVICE_UUID;
     platform::Guid altServiceUuid = TIO_ALT_SERVICE_UUID;
-    // The session's stop signal: non-null while it runs, cleared by whoever ends it. Points at dataPipeOwner's.
+    // The session's stop signal: non-null while it runs, cleared by whoever ends it. Points at
+    // dataPipeOwner's.
     std::atomic<CNamedPipe*> dataPipe = nullptr;
     std::atomic<std::int32_t> localCredits = 0;
     std::atomic<std::int32_t> remoteCredits = 0;
@@ -62,28 +64,30 @@ struct TioStatistics {
 // The latest session's; one that never ran before the first start. Never null. Any thread.
 std::shared_ptr<TioContext> currentTioContext();
 
-// Ends the subscriptions, then releases the platform's objects and zeroes the rest; the byte counters stay. May wait for
-// a value-changed handler that is running. Communication thread of the session.
+// Ends the subscriptions, then releases the platform's objects and zeroes the rest; the byte counters stay.
+// May wait for a value-changed handler that is running. Communication thread of the session.
 void resetTioContext(TioContext& context);
 
 // Copies the context's credits to the shown ones and returns the figures. Shell thread.
 const TioStatistics& copyShownCredits(const TioContext& context);
 
-// Six hexadecimal bytes separated by colons, the first one the most significant. One-digit fields are taken; anything
-// before or behind that the scan format does not take is refused. Throws std::runtime_error naming the text.
+// Six hexadecimal bytes separated by colons, the first one the most significant. One-digit fields are taken;
+// anything before or behind that the scan format does not take is refused. Throws std::runtime_error naming
+// the text.
 std::uint64_t parseBleAddress(const std::wstring& text);
 
 // Two lower-case digits a byte: "00:1a:7d:da:71:13".
 std::string formatBleAddress(std::uint64_t address);
 
-// Starts a session on the data pipe; its outcome reaches the client later as a line. Blocks for the 500 ms of the wake-up
-// scan. Always 0: what goes wrong is logged. Shell thread.
+// Starts a session on the data pipe; its outcome reaches the client later as a line. Blocks for the 500 ms of
+// the wake-up scan. Always 0: what goes wrong is logged. Shell thread.
 int lecommStart(std::shared_ptr<CNamedPipe> dataPipe, const std::wstring& address);
 
 // Body of a session's thread.
 void commThread(const std::shared_ptr<TioContext>& context, const std::wstring& address);
 
-// Moves bytes from the data pipe's client to the peripheral until the pipe is gone or broken. Communication thread.
+// Moves bytes from the data pipe's client to the peripheral until the pipe is gone or broken. Communication
+// thread.
 void runDataPump(const std::shared_ptr<TioContext>& context);
 
 void onSessionStatusChanged(const std::shared_ptr<TioContext>& context, platform::GattSessionStatus status);

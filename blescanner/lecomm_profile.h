@@ -1,7 +1,8 @@
 // The TIO serial-over-GATT profile: identifiers and flow-control figures.
 //
-// Directions are the peripheral's: TX is what it transmits, RX what it receives. Local credits are the ones that this side
-// has granted to the peripheral, remote credits the ones that the peripheral has granted to this side.
+// Directions are the peripheral's: TX is what it transmits, RX what it receives. Local credits are the ones
+// that this side has granted to the peripheral, remote credits the ones that the peripheral has granted to
+// this side.
 #pragma once
 
 #include <cstdint>
@@ -23,15 +24,20 @@ inline constexpr platform::Guid TIO_SERVICE_UUID = bluetoothBase(0xFEFB);
 // Held for completeness of the profile; nothing connects to it.
 inline constexpr platform::Guid TIO_ALT_SERVICE_UUID = bluetoothBase(0xFFE9);
 
-inline constexpr platform::Guid RX_UUID = tioCharacteristic(0x01);     // host writes data, without response
-inline constexpr platform::Guid TX_UUID = tioCharacteristic(0x02);     // peripheral notifies data
-inline constexpr platform::Guid CRRX_UUID = tioCharacteristic(0x03);   // host grants credits, 1 byte, with response
-inline constexpr platform::Guid CRTX_UUID = tioCharacteristic(0x04);   // peripheral indicates granted credits, 1 byte
-inline constexpr platform::Guid RXMTU_UUID = tioCharacteristic(0x09);  // host writes its MTU, 2 bytes, little-endian
-inline constexpr platform::Guid TXMTU_UUID = tioCharacteristic(0x0A);  // peripheral indicates its MTU, likewise
+inline constexpr platform::Guid RX_UUID = tioCharacteristic(0x01);  // host writes data, without response
+inline constexpr platform::Guid TX_UUID = tioCharacteristic(0x02);  // peripheral notifies data
+inline constexpr platform::Guid CRRX_UUID =
+    tioCharacteristic(0x03);  // host grants credits, 1 byte, with response
+inline constexpr platform::Guid CRTX_UUID =
+    tioCharacteristic(0x04);  // peripheral indicates granted credits, 1 byte
+inline constexpr platform::Guid RXMTU_UUID =
+    tioCharacteristic(0x09);  // host writes its MTU, 2 bytes, little-endian
+inline constexpr platform::Guid TXMTU_UUID =
+    tioCharacteristic(0x0A);  // peripheral indicates its MTU, likewise
 
 inline constexpr std::int32_t TIO_DEFAULT_MTU = 20;
 inline constexpr std::int32_t TIO_LOCAL_CREDIT_TARGET = 40;
-inline constexpr std::int32_t TIO_CREDIT_REGRANT_THRESHOLD = 10;  // at this many local credits or fewer a grant is due
+inline constexpr std::int32_t TIO_CREDIT_REGRANT_THRESHOLD =
+    10;  // at this many local credits or fewer a grant is due
 
 }  // namespace blescanner

@@ -20,6 +20,7 @@ namespace {
 constexpr std::size_t kReadSize = 2048;
 constexpr auto kReadWait = 250ms;   // bounds how late a stop is noticed
 constexpr auto kCreditWait = 20ms;  // bounds how late new credits are used
+constexpr int kCreditWaitsToTell = 50;
 
 class DataPump {
   public:
@@ -138,12 +139,16 @@ void DataPump::issuePipeRead() {
 }
 
 void DataPump::sendToPeripheral(std::span<const std::uint8_t> bytes) {
+    int creditWaits = 0;
     while (!bytes.empty()) {
         if (!context_.dataPipe) break;
         if (context_.remoteCredits == 0) {
+            if (++creditWaits == kCreditWaitsToTell)
+                LOG_S(WARNING) << "Link: the peripheral grants no credits";
             if (!waitForCredits()) break;
             continue;
         }
+        creditWaits = 0;
         const auto mtu = static_cast<std::size_t>(std::max(context_.txMtu.load(), 1));
         const auto chunk = bytes.first(std::min(bytes.size(), mtu));
         sendChunk(chunk);
@@ -160,9 +165,9 @@ void DataPump::sendChunk(std::span<const std::uint8_t> chunk) {
     awaitOperation(*write);
     const auto status = recoverOnError(shared_, *write);
     context_.txBytes.fetch_add(chunk.size(), std::memory_order_relaxed);
-    if (status != platform::GattCommunicationStatus::success) {
-        LOG_S(WARNING) << "Link: a write of " << chunk.size() << " bytes failed, they may be lost";
-    }
+    if (status == platform::GattCommunicationStatus::success) return;
+    LOG_S(WARNING) << "Link: a write of " << chunk.size() << " bytes failed, they may be lost (status "
+                   << (status ? statusText(*status) : "error") << ")";
 }
 
 // False: there will be none.

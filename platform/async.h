@@ -11,8 +11,8 @@ namespace platform {
 // The platform's values.
 enum class AsyncStatus { started = 0, completed = 1, canceled = 2, error = 3 };
 
-// What can be asked of any operation, from any thread, at any time. Calls throw PlatformError when the platform
-// refuses them.
+// What can be asked of any operation, from any thread, at any time. Calls throw PlatformError when the
+// platform refuses them.
 class AsyncInfo {
   public:
     virtual ~AsyncInfo() = default;
@@ -26,8 +26,8 @@ class AsyncInfo {
 template <class Result>
 class AsyncOperation : public AsyncInfo {
   public:
-    // After the operation has completed, as often as wanted. Throws PlatformError when it failed (with its error code),
-    // was cancelled or still runs.
+    // After the operation has completed, as often as wanted. Throws PlatformError when it failed (with its
+    // error code), was cancelled or still runs.
     virtual Result getResults() = 0;
 };
 

@@ -10,9 +10,9 @@
 
 namespace platform {
 
-// Blocks the caller. A zero duration only yields the processor. Every fixed sleep and poll of the program goes
-// through here. Returns early when the program was asked to stop (runtime.h, stopRequested): what follows a sleep
-// has to hold at any time anyway, and nobody waits for a scan to end after Ctrl-C.
+// Blocks the caller. A zero duration only yields the processor. Every fixed sleep and poll of the program
+// goes through here. Returns early when the program was asked to stop (runtime.h, stopRequested): what
+// follows a sleep has to hold at any time anyway, and nobody waits for a scan to end after Ctrl-C.
 void sleepFor(std::chrono::milliseconds duration);
 
 // Fixed sleeps run this many times faster (1 or more). Time-outs of waits are not scaled: they guard against
@@ -29,7 +29,8 @@ struct FileTime {
     auto operator<=>(const FileTime&) const = default;
 };
 
-// The same instant read off a local clock: shifted by the host's offset from UTC that holds at this time of year.
+// The same instant read off a local clock: shifted by the host's offset from UTC that holds at this time of
+// year.
 FileTime toLocalFileTime(FileTime utc);
 
 struct CalendarTime {

@@ -9,9 +9,9 @@
 
 namespace platform {
 
-// A manual-reset event, created non-signalled. set() and isSet() may be called from any thread; reset() and the
-// waits belong to the thread that owns the event, except for an event that is never reset, on which any number of
-// threads may wait. The event must outlive every call on it.
+// A manual-reset event, created non-signalled. set() and isSet() may be called from any thread; reset() and
+// the waits belong to the thread that owns the event, except for an event that is never reset, on which any
+// number of threads may wait. The event must outlive every call on it.
 class Event {
   public:
     Event();
@@ -30,9 +30,9 @@ class Event {
     std::unique_ptr<Impl> impl_;
 };
 
-// Waits until one of the events is signalled and returns its position, the lowest where several are; nothing when
-// the time-out passed first. A zero time-out looks without waiting. Does not reset anything. I/O that was started
-// on a request (pipe.h) may be carried on by the thread that waits on the request's event.
+// Waits until one of the events is signalled and returns its position, the lowest where several are; nothing
+// when the time-out passed first. A zero time-out looks without waiting. Does not reset anything. I/O that
+// was started on a request (pipe.h) may be carried on by the thread that waits on the request's event.
 std::optional<std::size_t> waitAny(std::span<Event* const> events, std::chrono::milliseconds timeout);
 
 }  // namespace platform

@@ -1,9 +1,9 @@
 // GATT client: a device, its services, their characteristics.
 //
-// Threads: calls from any thread; objects are shared by reference and alive as long as somebody holds them. Callbacks run
-// on threads of the backend; those of one registration never overlap and keep the order of the air. A callback may call
-// anything here and may block, which holds back its own registration only. It must not throw.
-// Errors: a call may throw PlatformError; a null operation means that the platform gave none.
+// Threads: calls from any thread; objects are shared by reference and alive as long as somebody holds them.
+// Callbacks run on threads of the backend; those of one registration never overlap and keep the order of the
+// air. A callback may call anything here and may block, which holds back its own registration only. It must
+// not throw. Errors: a call may throw PlatformError; a null operation means that the platform gave none.
 #pragma once
 
 #include <cstdint>
@@ -91,6 +91,7 @@ class BluetoothLEDevice {
 };
 
 // The low 48 bits of the address count. The result is null when no such device is known or found.
-AsyncOperationPtr<std::shared_ptr<BluetoothLEDevice>> bluetoothLEDeviceFromAddressAsync(std::uint64_t address);
+AsyncOperationPtr<std::shared_ptr<BluetoothLEDevice>> bluetoothLEDeviceFromAddressAsync(
+    std::uint64_t address);
 
 }  // namespace platform

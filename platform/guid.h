@@ -19,7 +19,8 @@ struct Guid {
     auto operator<=>(const Guid&) const = default;
 };
 
-// From the registry form "{0000FEFB-0000-1000-8000-00805F9B34FB}", braces optional, either case; nothing for any other text.
+// From the registry form "{0000FEFB-0000-1000-8000-00805F9B34FB}", braces optional, either case; nothing for
+// any other text.
 std::optional<Guid> parseGuid(std::string_view text);
 
 // A 16-bit identifier on the Bluetooth base UUID (Core specification, volume 3, part B, 2.5.1).

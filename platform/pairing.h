@@ -1,7 +1,8 @@
 // Device enumeration and custom pairing, as far as the older GATT generation needs them.
 //
-// Threads: calls from any thread; the pairing callback runs on a thread of the backend while the pairing operation is
-// pending. Every call may throw PlatformError; a throw out of the callback makes the pairing fail.
+// Threads: calls from any thread; the pairing callback runs on a thread of the backend while the pairing
+// operation is pending. Every call may throw PlatformError; a throw out of the callback makes the pairing
+// fail.
 #pragma once
 
 #include <cstdint>
@@ -24,9 +25,19 @@ enum class DevicePairingKinds : std::uint32_t {
     providePin = 4,
     confirmPinMatch = 8,
 };
-enum class DevicePairingProtectionLevel { defaultLevel = 0, none = 1, encryption = 2, encryptionAndAuthentication = 3 };
-enum class DevicePairingResultStatus : std::int32_t { paired = 0, notPaired = 2, requiredHandlerNotRegistered = 16,
-                                                      rejectedByHandler = 17, failed = 19 };
+enum class DevicePairingProtectionLevel {
+    defaultLevel = 0,
+    none = 1,
+    encryption = 2,
+    encryptionAndAuthentication = 3
+};
+enum class DevicePairingResultStatus : std::int32_t {
+    paired = 0,
+    notPaired = 2,
+    requiredHandlerNotRegistered = 16,
+    rejectedByHandler = 17,
+    failed = 19
+};
 
 class DevicePairingRequestedEventArgs {
   public:

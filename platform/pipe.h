@@ -13,15 +13,16 @@
 
 namespace platform {
 
-// Outcome of an operation. error none: finished, `bytes` were moved. error ioPending: started, its event will be
-// signalled. Anything else: failed; `bytes` were moved before it did (writes only).
+// Outcome of an operation. error none: finished, `bytes` were moved. error ioPending: started, its event will
+// be signalled. Anything else: failed; `bytes` were moved before it did (writes only).
 struct IoResult {
     SystemError error = SystemError::none;
     std::size_t bytes = 0;
 };
 
-// One outstanding operation with its event. Used by one thread at a time. The event is signalled when the operation
-// has finished, at once or later, well or not. Must outlive its operation: finish or cancel it first.
+// One outstanding operation with its event. Used by one thread at a time. The event is signalled when the
+// operation has finished, at once or later, well or not. Must outlive its operation: finish or cancel it
+// first.
 class IoRequest {
   public:
     IoRequest();
@@ -45,30 +46,32 @@ struct ClientIdentity {
     std::wstring computerName;
 };
 
-// Threads: close() and disconnect() may be called from any thread while others use the pipe; their operations then
-// end with an error, and none ever touches another pipe's handle. Apart from that one thread reads and one writes.
-// Buffers given to a started operation belong to it until it has finished or cancel() returned.
+// Threads: close() and disconnect() may be called from any thread while others use the pipe; their operations
+// then end with an error, and none ever touches another pipe's handle. Apart from that one thread reads and
+// one writes. Buffers given to a started operation belong to it until it has finished or cancel() returned.
 class Pipe {
   public:
     struct Created;
 
-    // Creates the pipe: duplex byte stream, one instance, 4096-byte buffers, a default time-out of 5000 ms where
-    // the host knows one. Names: on Windows as given; on POSIX hosts "\\.\pipe\NAME" (also with doubled separators)
-    // is the socket NAME in the user's runtime directory, any other name is a path. A socket left behind by a
-    // dead process is replaced; one in use, a path too long for a socket and a missing directory are errors.
+    // Creates the pipe: duplex byte stream, one instance, 4096-byte buffers, a default time-out of 5000 ms
+    // where the host knows one. Names: on Windows as given; on POSIX hosts "\\.\pipe\NAME" (also with doubled
+    // separators) is the socket NAME in the user's runtime directory, any other name is a path. A socket left
+    // behind by a dead process is replaced; one in use, a path too long for a socket and a missing directory
+    // are errors.
     static Created create(std::wstring_view name);
 
     virtual ~Pipe() = default;
 
-    // Waits for a client; one that is already waiting is taken. operationAborted when the program was asked to stop.
+    // Waits for a client; one that is already waiting is taken. operationAborted when the program was asked
+    // to stop.
     virtual SystemError connect() = 0;
 
-    // Starts to wait for a client. pipeConnected: a client came between create() and this call; it stays connected.
-    // Otherwise ioPending; the request finishes with 0 bytes when a client came.
+    // Starts to wait for a client. pipeConnected: a client came between create() and this call; it stays
+    // connected. Otherwise ioPending; the request finishes with 0 bytes when a client came.
     virtual SystemError startConnect(IoRequest& request) = 0;
 
-    // Reads up to buffer.size() bytes (at least one). A read on a request whose read is still pending keeps the
-    // pending one, its buffer included, and answers ioPending. brokenPipe: the client has closed its end.
+    // Reads up to buffer.size() bytes (at least one). A read on a request whose read is still pending keeps
+    // the pending one, its buffer included, and answers ioPending. brokenPipe: the client has closed its end.
     virtual IoResult startRead(IoRequest& request, std::span<std::uint8_t> buffer) = 0;
 
     // Writes the whole buffer. brokenPipe: the client has gone.

@@ -10,9 +10,9 @@
 
 namespace platform {
 
-// Process-wide set-up of the host for as long as the object lives: apartment and COM security where the host has
-// them, and the ways in which a user stops a console program (Ctrl-C, SIGTERM, closing the console), which from then
-// on signal stopRequested(). Made once, on the main thread, before any other thread.
+// Process-wide set-up of the host for as long as the object lives: apartment and COM security where the host
+// has them, and the ways in which a user stops a console program (Ctrl-C, SIGTERM, closing the console),
+// which from then on signal stopRequested(). Made once, on the main thread, before any other thread.
 class HostRuntime {
   public:
     HostRuntime();
@@ -35,8 +35,8 @@ class BluetoothConfigError : public std::runtime_error {
 };
 
 // The Bluetooth side for as long as the object lives. Made once, on the main thread, before any pipe exists.
-// Throws BluetoothConfigError. Its end calls back every operation that is still pending (they read as cancelled),
-// so that threads waiting for one can end; other calls must not be started after it.
+// Throws BluetoothConfigError. Its end calls back every operation that is still pending (they read as
+// cancelled), so that threads waiting for one can end; other calls must not be started after it.
 class BluetoothRuntime {
   public:
     BluetoothRuntime();

@@ -6,9 +6,9 @@
 
 namespace platform {
 
-// Ends the registration when destroyed or reset; when that returns, the callback does not run and will not run again.
-// So never destroy one from inside its own callback, nor while holding a lock that the callback takes.
-// Movable, empty after a move. The backend gives the function that ends it.
+// Ends the registration when destroyed or reset; when that returns, the callback does not run and will not
+// run again. So never destroy one from inside its own callback, nor while holding a lock that the callback
+// takes. Movable, empty after a move. The backend gives the function that ends it.
 class Subscription {
   public:
     Subscription() = default;

@@ -1,5 +1,5 @@
-// Wide texts hold UTF-16 units on every host, one unit a character, so that a text has the same length and the same
-// bytes on the wire wherever the program runs.
+// Wide texts hold UTF-16 units on every host, one unit a character, so that a text has the same length and
+// the same bytes on the wire wherever the program runs.
 #pragma once
 
 #include <string>

@@ -11,8 +11,8 @@ struct OsVersion {
     std::uint32_t build = 0;
 };
 
-// The system's true version: it decides which GATT calls can be used. Asked anew at each call. Any thread, never fails;
-// 0.0.0 when the system does not tell.
+// The system's true version: it decides which GATT calls can be used. Asked anew at each call. Any thread,
+// never fails; 0.0.0 when the system does not tell.
 OsVersion osVersion();
 
 }  // namespace platform

@@ -35,11 +35,15 @@ struct Resources {
     std::size_t residentKiB = 0;
 };
 
+// Of this process.
+Resources ownResources();
+
 // The running program; killed at the end if it still runs. Standard output and error are collected.
 class Program {
   public:
     // `scenario` is JSON text; the pipes and the working directory are in `folder`.
-    Program(const std::filesystem::path& folder, std::string_view scenario, std::vector<std::string> arguments = {});
+    Program(const std::filesystem::path& folder, std::string_view scenario,
+            std::vector<std::string> arguments = {});
     ~Program();
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
@@ -87,7 +91,11 @@ class PipeClient {
     std::unique_ptr<Impl> impl_;
 };
 
-inline std::filesystem::path commandPipe(const std::filesystem::path& folder) { return folder / "shell"; }
-inline std::filesystem::path dataPipe(const std::filesystem::path& folder) { return folder / "data"; }
+inline std::filesystem::path commandPipe(const std::filesystem::path& folder) {
+    return folder / "shell";
+}
+inline std::filesystem::path dataPipe(const std::filesystem::path& folder) {
+    return folder / "data";
+}
 
 }  // namespace e2e

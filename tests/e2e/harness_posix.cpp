@@ -39,6 +39,19 @@ bool eventually(Condition condition) {
     return condition();
 }
 
+Resources resourcesOf(const std::string& process) {
+    const fs::path proc = fs::path("/proc") / process;
+    Resources used;
+    std::istringstream status(readFile(proc / "status"));
+    for (std::string key; status >> key;) {
+        if (key == "Threads:") status >> used.threads;
+        if (key == "VmRSS:") status >> used.residentKiB;
+    }
+    used.handles = static_cast<std::size_t>(
+        std::distance(fs::directory_iterator(proc / "fd"), fs::directory_iterator()));
+    return used;
+}
+
 void redirect(const fs::path& path, int target) {
     const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
     ::dup2(file, target);
@@ -46,6 +59,10 @@ void redirect(const fs::path& path, int target) {
 }
 
 }  // namespace
+
+Resources ownResources() {
+    return resourcesOf("self");
+}
 
 TemporaryFolder::TemporaryFolder() {
     std::string name = (fs::temp_directory_path() / "ziqble-XXXXXX").string();
@@ -81,7 +98,8 @@ Program::Program(const fs::path& folder, std::string_view scenario, std::vector<
     }
     std::string program = ZIQBLE_PROGRAM;
     std::vector<char*> argv{program.data()};
-    for (auto& argument : arguments) argv.push_back(argument.data());
+    for (auto& argument : arguments)
+        argv.push_back(argument.data());
     argv.push_back(nullptr);
 
     impl_->pid = ::fork();
@@ -110,32 +128,31 @@ bool Program::waitForOutput(std::string_view text, int times) const {
     });
 }
 
-std::string Program::output() const { return readFile(impl_->folder / "out"); }
-std::string Program::errors() const { return readFile(impl_->folder / "err"); }
+std::string Program::output() const {
+    return readFile(impl_->folder / "out");
+}
+std::string Program::errors() const {
+    return readFile(impl_->folder / "err");
+}
 
 std::optional<int> Program::waitForExit() {
     eventually([this] { return impl_->reap(WNOHANG); });
     return impl_->exitCode;
 }
 
-void Program::interrupt() { ::kill(impl_->pid, SIGINT); }
-void Program::terminate() { ::kill(impl_->pid, SIGTERM); }
+void Program::interrupt() {
+    ::kill(impl_->pid, SIGINT);
+}
+void Program::terminate() {
+    ::kill(impl_->pid, SIGTERM);
+}
 void Program::kill() {
     ::kill(impl_->pid, SIGKILL);
     impl_->reap(0);
 }
 
 Resources Program::resources() const {
-    const fs::path proc = fs::path("/proc") / std::to_string(impl_->pid);
-    Resources used;
-    std::istringstream status(readFile(proc / "status"));
-    for (std::string key; status >> key;) {
-        if (key == "Threads:") status >> used.threads;
-        if (key == "VmRSS:") status >> used.residentKiB;
-    }
-    used.handles = static_cast<std::size_t>(
-        std::distance(fs::directory_iterator(proc / "fd"), fs::directory_iterator()));
-    return used;
+    return resourcesOf(std::to_string(impl_->pid));
 }
 
 struct PipeClient::Impl {

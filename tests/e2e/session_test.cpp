@@ -16,7 +16,8 @@ constexpr std::string_view kFast = R"({"time_scale": 50})";
 std::string randomBytes(std::size_t count) {
     std::minstd_rand generator(7);
     std::string bytes(count, '\0');
-    for (char& byte : bytes) byte = static_cast<char>(generator() >> 8);
+    for (char& byte : bytes)
+        byte = static_cast<char>(generator() >> 8);
     return bytes;
 }
 
@@ -143,8 +144,7 @@ TEST_F(Session, SurvivesKillAndLeavesTheFirstInstanceAlone) {
     shell.close();
     start();
     const TemporaryFolder other;
-    Program second(other.path(), kFast,
-                   {"-c", commandPipe(folder.path()), "-d", dataPipe(folder.path())});
+    Program second(other.path(), kFast, {"-c", commandPipe(folder.path()), "-d", dataPipe(folder.path())});
     EXPECT_EQ(second.waitForExit(), 0);
     EXPECT_NE(second.output().find("Could not create a named pipe: "), std::string::npos);
     connect();
@@ -163,7 +163,8 @@ TEST_F(Session, TellsWhatItGivesUpForAStalledClient) {
 }
 
 TEST_F(Session, TellsTheClientThatTheLinkDropped) {
-    start(R"({"time_scale": 50, "peripherals": [{"faults": [{"on": "write:RX", "after": 3, "times": 1, "do": "disconnect"}]}]})");
+    start(
+        R"({"time_scale": 50, "peripherals": [{"faults": [{"on": "write:RX", "after": 3, "times": 1, "do": "disconnect"}]}]})");
     connect();
     data.send(std::string(4 * 244, 'x'));
     std::string lines = shell.readUntil("TIO DROP\r\n");
@@ -198,7 +199,8 @@ TEST_F(Session, LeavesNothingBehindOverAThousandConnections) {
         const Resources now = program->resources();
         return now.threads <= early.threads && now.handles <= early.handles;
     };
-    for (int attempt = 0; attempt < 500 && !settled(); ++attempt) std::this_thread::sleep_for(10ms);
+    for (int attempt = 0; attempt < 500 && !settled(); ++attempt)
+        std::this_thread::sleep_for(10ms);
     const Resources late = program->resources();
     EXPECT_LE(late.threads, early.threads);
     EXPECT_LE(late.handles, early.handles);

@@ -13,7 +13,8 @@ using namespace e2e;
 class Startup : public testing::Test {
   protected:
     std::vector<std::string> pipes() const {
-        return {"--cmdPipe", commandPipe(folder.path()).string(), "--datPipe", dataPipe(folder.path()).string()};
+        return {"--cmdPipe", commandPipe(folder.path()).string(), "--datPipe",
+                dataPipe(folder.path()).string()};
     }
     TemporaryFolder folder;
 };
@@ -35,7 +36,8 @@ TEST_F(Startup, EndsByItselfWithoutUsableBluetooth) {
         {R"({"time_scale": 20, "radios": []})", {"BLE NOT FOUND\r\n", "BLE NOT FOUND\r\n", "Goodbye!"}},
         {R"({"time_scale": 20, "radios": [{"state": "Off", "stuck": true}]})",
          {"Bluetooth ON initiated...", "SHELL: BLE DISABLED!\r\n", "BLE DISABLED\r\n", "Goodbye!"}},
-        {R"({"time_scale": 20, "radios": [{"state": "Off"}, {"state": "Disabled"}]})", {"BLE DISABLED\r\n", "Goodbye!"}},
+        {R"({"time_scale": 20, "radios": [{"state": "Off"}, {"state": "Disabled"}]})",
+         {"BLE DISABLED\r\n", "Goodbye!"}},
         {R"({"time_scale": 20, "adapters": [{"lmp": 5}]})", {"LE NOT SUPPORTED\r\n", "Goodbye!"}},
     };
     for (const Case& item : cases) {
@@ -53,7 +55,8 @@ TEST_F(Startup, EndsByItselfWithoutUsableBluetooth) {
 }
 
 TEST_F(Startup, SwitchesASingleRadioOn) {
-    Program program(folder.path(), R"({"time_scale": 20, "radios": [{"state": "Off", "switch_delay_ms": 1500}]})");
+    Program program(folder.path(),
+                    R"({"time_scale": 20, "radios": [{"state": "Off", "switch_delay_ms": 1500}]})");
     PipeClient shell;
     ASSERT_TRUE(shell.open(commandPipe(folder.path())));
     shell.send("exit\r\n");
@@ -64,7 +67,8 @@ TEST_F(Startup, SwitchesASingleRadioOn) {
 TEST_F(Startup, ReadsTheCommandLine) {
     Program incomplete(folder.path(), "{}", {"--cmdPipe"});
     EXPECT_EQ(incomplete.waitForExit(), 0);
-    EXPECT_NE(incomplete.output().find("missing argument for --cmdPipe\n"), std::string::npos) << incomplete.output();
+    EXPECT_NE(incomplete.output().find("missing argument for --cmdPipe\n"), std::string::npos)
+        << incomplete.output();
 
     auto arguments = pipes();
     arguments.insert(arguments.end(), {"extra", "--bogus", "-h", "--logfile=name.txt"});
@@ -74,8 +78,9 @@ TEST_F(Startup, ReadsTheCommandLine) {
     shell.send("exit\n");
     EXPECT_EQ(program.waitForExit(), 0);
     const std::string output = program.output();
-    for (const char* text : {"ZIQBLEConnect 1.00.4\n", "Version check: Windows 10.0.19041\n", "Allowed options:\n",
-                             "non_option_args: extra\n", "unknown_options: --bogus\n", "Using log file: name.txt\n"}) {
+    for (const char* text :
+         {"ZIQBLEConnect 1.00.4\n", "Version check: Windows 10.0.19041\n", "Allowed options:\n",
+          "non_option_args: extra\n", "unknown_options: --bogus\n", "Using log file: name.txt\n"}) {
         EXPECT_NE(output.find(text), std::string::npos) << text << "\n" << output;
     }
     // Whatever the name, the log goes to this file.

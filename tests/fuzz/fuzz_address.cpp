@@ -7,7 +7,8 @@
 // What is taken must be an address of 48 bits.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::wstring text;
-    for (std::size_t i = 0; i + 1 < size; i += 2) text.push_back(static_cast<wchar_t>(data[i] | data[i + 1] << 8));
+    for (std::size_t i = 0; i + 1 < size; i += 2)
+        text.push_back(static_cast<wchar_t>(data[i] | data[i + 1] << 8));
     const std::wstring narrow(data, data + size);
     for (const std::wstring& candidate : {text, narrow}) {
         try {

@@ -11,7 +11,8 @@
 namespace {
 
 // No radio and nobody in range: every command runs and ends at once.
-constexpr const char* kEmptyWorld = R"({"time_scale": 1000000, "radios": [], "adapters": [], "peripherals": []})";
+constexpr const char* kEmptyWorld =
+    R"({"time_scale": 1000000, "radios": [], "adapters": [], "peripherals": []})";
 
 }  // namespace
 

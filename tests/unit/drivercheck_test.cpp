@@ -11,37 +11,35 @@
 #include "platform/bluetooth/sim/world.h"
 #include "platform/clock.h"
 #include "platform/text.h"
+#include "tests/e2e/harness.h"
 
 namespace blescanner {
 namespace {
 
 const std::string kAgeWarning = "[WARNING] It is recommended to check for new Bluetooth ";
 const std::string kKnownWarning = "[WARNING] Bluetooth driver ";
+const DriversDb kDriversDb = {{L"M#1.2.3.4", L"Get 2."}, {L"An Intel Co#1.2.3.4", L"Get 3."}};
 
 // Noon, so that the day is the same at nearly every offset from UTC.
-std::string driver(const std::string& day, const std::string& manufacturer = "M",
-                   const std::string& version = "1.2.3.4") {
+std::string driver(const std::string& day, const std::string& manufacturer = "M") {
     return R"({"description": "D", "manufacturer": ")" + manufacturer + R"(", "provider": "P", "date": ")" +
-           day + R"(T12:00:00Z", "version": ")" + version + R"("})";
+           day + R"(T12:00:00Z", "version": "1.2.3.4"})";
 }
 
 std::string device(const std::string& drivers) {
     return R"({"compatible": [)" + drivers + "]}";
 }
 
-std::string scenario(const std::string& devices) {
-    return R"({"drivers": [)" + devices + "]}";
-}
-
 std::string repeated(const std::string& item, int count) {
-    std::string list = item;
-    while (--count > 0)
-        list += "," + item;
-    return list;
+    return count == 1 ? item : item + "," + repeated(item, count - 1);
 }
 
-void checkAgainst(const DriversDb& driversDb) {
-    checkBluetoothDrivers([&]() -> const DriversDb& { return driversDb; });
+// The log of a check of these devices.
+std::unique_ptr<test::LogCapture> check(const std::string& devices) {
+    sim::WorldScope world(R"({"drivers": [)" + devices + "]}");
+    auto log = std::make_unique<test::LogCapture>();
+    checkBluetoothDrivers([]() -> const DriversDb& { return kDriversDb; });
+    return log;
 }
 
 TEST(DriversDb, Lines) {
@@ -50,9 +48,7 @@ TEST(DriversDb, Lines) {
         {"a,b", {{L"a#b", L""}}},
         {"\n\na\n,b,c\na,,c\na,\r\n,\n", {}},
         {" a , b , c ,d,e,f,g,h\n", {{L" a # b ", L" c "}}},
-        {"\xEF\xBB\xBF"
-         "a,b,c\r\nd,e\r\n",
-         {{L"a#b", L"c"}, {L"d#e", L""}}},
+        {"\xEF\xBB\xBFm,b,c\r\nd,e\r\n", {{L"m#b", L"c"}, {L"d#e", L""}}},
         {"a,b,first\na,b,last\n", {{L"a#b", L"last"}}},
         {"M\xC3\xBCller,1.0.0.0,\xC3\xBC\n", {{L"M\u00FCller#1.0.0.0", L"\u00FC"}}},
     };
@@ -63,96 +59,71 @@ TEST(DriversDb, Lines) {
 }
 
 TEST(DriversDb, FileMayBeMissing) {
-    const auto file = std::filesystem::path(testing::TempDir()) / "known-drivers.db";
+    const e2e::TemporaryFolder folder;
+    const auto file = folder.path() / "known-drivers.db";
     sim::WorldScope world(R"({"drivers_db": ")" + file.generic_string() + R"("})");
+    EXPECT_TRUE(readDriversDb().empty());
     std::ofstream(file) << "a,b,c\n";
     EXPECT_EQ(readDriversDb(), (DriversDb{{L"a#b", L"c"}}));
-    std::filesystem::remove(file);
-    EXPECT_TRUE(readDriversDb().empty());
 }
 
 TEST(DriverCheck, RulesByDateAndManufacturer) {
-    const DriversDb driversDb = {{L"M#1.2.3.4", L"Get 2."}, {L"An Intel Co#1.2.3.4", L"Get 3."}};
     const std::tuple<const char*, const char*, std::string> cases[] = {
         {"2014-12-31", "M", "known"},
         {"2015-01-01", "M", "age"},
-        {"2016-12-31", "M", "age"},
         {"2017-02-28", "M", "age"},
         {"2017-03-01", "M", "known"},
+        {"2014-12-31", "An Intel Co", "known"},
         {"2017-03-01", "An Intel Co", "age"},
         {"2017-12-31", "An Intel Co", "age"},
         {"2018-01-01", "An Intel Co", "known"},
-        {"2014-12-31", "An Intel Co", "known"},
         {"2017-03-01", "intel", ""},
     };
     for (const auto& [day, manufacturer, warning] : cases) {
-        sim::WorldScope world(scenario(device(driver(day, manufacturer))));
-        test::LogCapture log;
-        checkAgainst(driversDb);
-        EXPECT_EQ(log.countContaining(kAgeWarning), warning == "age") << day << manufacturer;
-        EXPECT_EQ(log.countContaining(kKnownWarning), warning == "known") << day << manufacturer;
+        const auto log = check(device(driver(day, manufacturer)));
+        EXPECT_EQ(log->count(kAgeWarning), warning == "age") << day << manufacturer;
+        EXPECT_EQ(log->count(kKnownWarning), warning == "known") << day << manufacturer;
     }
 }
 
 // Shows the double shift wherever the local time is not UTC.
 TEST(DriverCheck, ListingAndWarnings) {
-    sim::WorldScope world(
-        scenario(device(driver("2016-05-01") + "," + driver("2020-01-02", "N", "10.0.19041.65535"))));
-    test::LogCapture log;
-    checkAgainst({{L"N#10.0.19041.65535", L"Get 2."}});
-
     const auto dateText = [](platform::FileTime time) {
         return platform::toUtf8(platform::formatLongDateAndTime(platform::toCalendarTime(time)));
     };
     const auto once = platform::toLocalFileTime({131065776000000000});  // 2016-05-01 12:00
     const auto twice = platform::toLocalFileTime(once);
-    auto texts = log.texts();
-    ASSERT_EQ(texts.size(), 14U);
-    EXPECT_EQ(texts[12], "Driver version is 10.0.19041.65535");
-    EXPECT_EQ(texts[13], kKnownWarning + "\"N:P\" may require an update! Get 2.");
-    texts.resize(7);
-    const std::vector<std::string> expected = {
-        "---------------",
-        "Driver description D",
-        "Driver manufacturer M",
-        "Driver provider P",
-        "Driver date is " + dateText(once),
-        "Driver version is 1.2.3.4",
-        kAgeWarning + "\"M:P:" + dateText(twice) + "\" driver version and update!"};
-    EXPECT_EQ(texts, expected);
+    const auto texts = check(device(driver("2016-05-01")))->texts();
+    ASSERT_EQ(texts.size(), 7U);
+    EXPECT_EQ(texts[4], "Driver date is " + dateText(once));
+    EXPECT_EQ(texts[5], "Driver version is 1.2.3.4");
+    EXPECT_EQ(texts[6], kAgeWarning + "\"M:P:" + dateText(twice) + "\" driver version and update!");
+    EXPECT_TRUE(
+        check(device(driver("2020-01-02")))->find(kKnownWarning + "\"M:P\" may require an update! Get 2."));
 }
 
-TEST(DriverCheck, LaterDuplicatesAreListedButNotJudged) {
-    const std::pair<std::string, int> cases[] = {
-        {device(driver("2016-05-01") + "," + driver("2016-05-01")), 1},
-        {device(driver("2016-05-02") + "," + driver("2016-05-01")), 2},
-        {device(driver("2016-05-01") + "," + driver("2016-05-02", "m")), 2},
-        {device(driver("2016-05-01") + "," + driver("2020-05-01")), 1},
-        {device(driver("2016-05-01")) + "," + device(driver("2016-05-01")), 2},
-    };
-    for (const auto& [devices, warnings] : cases) {
-        sim::WorldScope world(scenario(devices));
-        test::LogCapture log;
-        checkAgainst({{L"M#1.2.3.4", L"Get 2."}});
-        EXPECT_EQ(log.count("---------------"), 2);
-        EXPECT_EQ(log.countContaining("[WARNING]"), warnings) << devices;
-    }
-}
-
-TEST(DriverCheck, LimitsAndFailures) {
-    const std::string drivers = driver("2020-01-01");
+TEST(DriverCheck, LaterDuplicatesLimitsAndFailures) {
+    const std::string one = driver("2020-01-01", "N"), old = driver("2016-05-01");
     const auto failing = [](const char* error) { return R"({"build_error": )" + std::string(error) + "}"; };
-    const std::tuple<std::string, std::ptrdiff_t, std::ptrdiff_t> cases[] = {
-        {device(repeated(drivers, 40)) + "," + repeated(device(drivers), 39), 32 + 32, 0},
-        {device(drivers) + "," + failing("13") + "," + device(drivers), 1, 1},
-        {device(drivers) + "," + failing("256") + "," + device(drivers), 1, 0},
+    struct Case {
+        std::string devices;
+        std::ptrdiff_t listed, warnings, failures;
     };
-    for (const auto& [devices, listed, failures] : cases) {
-        sim::WorldScope world(scenario(devices));
-        test::LogCapture log;
-        checkAgainst({});
-        EXPECT_EQ(log.count("---------------"), listed);
-        EXPECT_EQ(log.countContaining("Driver check: SetupDiBuildDriverInfoList err - "), failures);
+    const Case cases[] = {
+        {device(old + "," + old), 2, 1, 0},
+        {device(driver("2016-05-02") + "," + old), 2, 2, 0},
+        {device(old + "," + driver("2016-05-02", "m")), 2, 2, 0},
+        {device(old + "," + driver("2020-05-01")), 2, 1, 0},
+        {device(old) + "," + device(old), 2, 2, 0},
+        {device(repeated(one, 40)) + "," + repeated(device(one), 39), 32 + 32, 0, 0},
+        {device(one) + "," + failing("13") + "," + device(one), 1, 0, 1},
+        {device(one) + "," + failing("256") + "," + device(one), 1, 0, 0},
+    };
+    for (const auto& item : cases) {
+        const auto log = check(item.devices);
+        EXPECT_EQ(log->count("---------------"), item.listed) << item.devices;
+        EXPECT_EQ(log->count("[WARNING]"), item.warnings) << item.devices;
+        EXPECT_EQ(log->count("SetupDiBuildDriverInfoList err - "), item.failures);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/unit/link_fixture.h"
@@ -121,11 +122,21 @@ void play(const Case& item) {
 TEST(FailureMatrix, TheClientGetsWhatTheDocumentSays) {
     const auto cases = readCases();
     ASSERT_GT(cases.size(), 200U);
+    play(cases.front());
+    const auto before = e2e::ownResources();
     for (const Case& item : cases) {
         SCOPED_TRACE(item.generation + " " + item.point + " x" + item.times + " " + item.action);
         play(item);
         if (HasFatalFailure()) return;
     }
+    const auto settled = [&] {
+        const auto now = e2e::ownResources();
+        return now.threads == before.threads && now.handles == before.handles;
+    };
+    // A thread that has been waited for may still be on its way out of the system.
+    for (int attempt = 0; attempt < 1000 && !settled(); ++attempt)
+        std::this_thread::sleep_for(2ms);
+    EXPECT_TRUE(settled());
 }
 
 }  // namespace

@@ -51,8 +51,8 @@ class Link {
         blescanner::currentTioContext()->dataPipe = nullptr;
         if (pipe_) pipe_->close();
     }
-    // The next line for the client, without its end; empty when none came in time. Like the shell, passes over what an
-    // earlier session has to say.
+    // The next line for the client, without its end; empty when none came in time. Like the shell, passes
+    // over what an earlier session has to say.
     std::string line(std::chrono::milliseconds deadline = e2e::kDeadline) {
         platform::Event* const events[] = {&blescanner::linkNotification().event()};
         while (platform::waitAny(events, deadline)) {

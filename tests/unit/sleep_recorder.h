@@ -15,32 +15,22 @@ class SleepRecorder {
   public:
     explicit SleepRecorder(double timeScale = 1000) {
         platform::setTimeScale(timeScale);
-        platform::setSleepObserver([this](std::chrono::milliseconds duration) { record(duration); });
+        platform::setSleepObserver([this](std::chrono::milliseconds duration) {
+            const std::lock_guard guard(mutex_);
+            sleeps_.push_back(duration.count());
+        });
     }
     ~SleepRecorder() {
         platform::setSleepObserver({});
         platform::setTimeScale(1);
     }
-    SleepRecorder(const SleepRecorder&) = delete;
-    SleepRecorder& operator=(const SleepRecorder&) = delete;
-
     // Milliseconds as the program asked for them, of all threads, in order.
     std::vector<long long> sleeps() const {
         const std::lock_guard guard(mutex_);
         return sleeps_;
     }
 
-    void clear() {
-        const std::lock_guard guard(mutex_);
-        sleeps_.clear();
-    }
-
   private:
-    void record(std::chrono::milliseconds duration) {
-        const std::lock_guard guard(mutex_);
-        sleeps_.push_back(duration.count());
-    }
-
     mutable std::mutex mutex_;
     std::vector<long long> sleeps_;
 };
