@@ -2,7 +2,7 @@
 // interval of the driver, and answering pairing requests.
 //
 // Threads: everything runs and blocks on the calling thread unless said otherwise. Nothing is locked: two
-// resets at the same time are possible and harmless.
+// resets at the same time are not prevented.
 #pragma once
 
 #include <atomic>

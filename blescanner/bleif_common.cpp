@@ -139,6 +139,8 @@ void IBLEIF::grantCredits(const std::shared_ptr<platform::GattCharacteristic>& c
         awaitOperation(*write);
         recoverOnError(shared_, *write);
     }
+    // A write that ended in an error has no result: asking for it throws, which ends the set-up of a session
+    // whose first grant failed. Without that grant the peripheral would stay silent for ever.
     if (write->getResults() == GattCommunicationStatus::success) return;
     LOG_S(ERROR) << "Error setting credits!";
     if (context_.device) {

@@ -69,8 +69,7 @@ void CNamedPipe::writeText(std::wstring& text) {
                                      (length + 1) * kReplyMsPerCharacter);
     if (outcome.error == platform::SystemError::none) return;
     if (outcome.error == platform::SystemError::operationAborted && pipe_->isOpen()) {
-        LOG_S(WARNING) << "The client does not read: " << bytes.size() - outcome.bytes
-                       << " bytes of a reply given up";
+        LOG_S(WARNING) << "Command pipe: " << bytes.size() - outcome.bytes << " bytes of a reply given up";
         return;
     }
     LOG_S(INFO) << "SHELL PIPE ERR(W)="
@@ -105,8 +104,8 @@ platform::IoResult CNamedPipe::result(platform::IoRequest& request) {
     return pipe_->result(request);
 }
 
-void CNamedPipe::cancel(platform::IoRequest& request) {
-    if (pipe_) pipe_->cancel(request);
+platform::IoResult CNamedPipe::cancel(platform::IoRequest& request) {
+    return pipe_ ? pipe_->cancel(request) : platform::IoResult{createError_, 0};
 }
 
 void CNamedPipe::flush() {

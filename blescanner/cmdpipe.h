@@ -37,7 +37,7 @@ class CNamedPipe {
     platform::SystemError startConnect(platform::IoRequest& request);
     platform::IoResult startRead(platform::IoRequest& request, std::span<std::uint8_t> buffer);
     platform::IoResult result(platform::IoRequest& request);
-    void cancel(platform::IoRequest& request);
+    platform::IoResult cancel(platform::IoRequest& request);
     void flush();
     void disconnect();
 

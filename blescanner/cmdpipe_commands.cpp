@@ -93,10 +93,16 @@ void CommandSet::closeDataPipe() {
     data_.reset();
 }
 
-void CommandSet::stopLink() {
+void CommandSet::closeLink() {
+    const auto session = currentTioContext();
+    session->stoppedByShell = true;
     // The reference goes first: whoever wakes up because the pipe is closed finds the session stopped.
-    currentTioContext()->dataPipe = nullptr;
+    session->dataPipe = nullptr;
     closeDataPipe();
+}
+
+void CommandSet::stopLink() {
+    closeLink();
     platform::sleepFor(kStopGrace);
 }
 

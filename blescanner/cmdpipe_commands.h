@@ -30,7 +30,9 @@ class CommandSet {
 
     // Closes the data pipe if it is open.
     void closeDataPipe();
-    // Closes the data pipe, tells the link session to stop, and gives its threads 250 ms to notice.
+    // Tells the link session to stop and closes the data pipe.
+    void closeLink();
+    // The same, and gives the session's threads 250 ms to notice.
     void stopLink();
 
   private:

@@ -41,6 +41,15 @@ struct NotificationScope {
 
 class ShellSession {
   public:
+    ShellSession() = default;
+    // However the session ends: no link goes on without it, and no pipe stays.
+    ~ShellSession() {
+        commands_.closeLink();
+        shell_.close();
+    }
+    ShellSession(const ShellSession&) = delete;
+    ShellSession& operator=(const ShellSession&) = delete;
+
     void run();
 
   private:
@@ -72,8 +81,6 @@ void ShellSession::run() {
         serveClients();
         LOG_S(INFO) << "Done.";
     }
-    commands_.closeDataPipe();
-    shell_.close();
 }
 
 bool ShellSession::createShellPipe() {
@@ -209,6 +216,7 @@ void ShellSession::deliverLinkLines() {
             LOG_S(INFO) << "Not sent, an earlier link session is meant: " << platform::toUtf8(line->text);
             continue;
         }
+        if (line->session->stoppedByShell && line->text == L"CONNECT TIO\r\n") continue;
         const bool dropped = line->text == L"TIO DROP\r\n";
         shell_.writeText(line->text);
         if (dropped) commands_.closeDataPipe();

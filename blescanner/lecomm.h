@@ -46,6 +46,8 @@ struct TioContext {
     std::shared_ptr<platform::GattCharacteristic> txmtuChar;
     std::shared_ptr<platform::GattCharacteristic> rxmtuChar;
 
+    // The shell has stopped the session: the client does not want to hear any more that it is connected.
+    std::atomic<bool> stoppedByShell = false;
     // Keeps the pipe alive for late users of dataPipe. Set before the session's threads exist.
     std::shared_ptr<CNamedPipe> dataPipeOwner;
     std::vector<platform::Subscription> subscriptions;

@@ -26,8 +26,7 @@ class DataPump {
   public:
     explicit DataPump(const std::shared_ptr<TioContext>& context)
         : shared_(context), context_(*context), pipe_(context->dataPipeOwner) {}
-    // A read that was still pending must not outlive the buffer.
-    ~DataPump() { pipe_->cancel(request_); }
+    ~DataPump();
     DataPump(const DataPump&) = delete;
     DataPump& operator=(const DataPump&) = delete;
 
@@ -47,10 +46,30 @@ class DataPump {
     TioContext& context_;
     std::shared_ptr<CNamedPipe> pipe_;
     platform::IoRequest request_;
+    bool reading_ = false;  // a read was started whose outcome nobody has looked at
     std::array<std::uint8_t, kReadSize> buffer_{};
     // What the last operation on the pipe left behind.
     SystemError lastError_ = SystemError::ioPending;
 };
+
+// Bytes that were accepted from the client and will not be sent.
+class UnsentBytes {
+  public:
+    explicit UnsentBytes(std::size_t count) : left(count) {}
+    ~UnsentBytes() {
+        if (left > 0) LOG_S(WARNING) << "Link: " << left << " bytes of the client not sent";
+    }
+    UnsentBytes(const UnsentBytes&) = delete;
+    UnsentBytes& operator=(const UnsentBytes&) = delete;
+
+    std::size_t left;
+};
+
+// A read that is still pending must not outlive the buffer; one that has finished meanwhile has taken bytes.
+DataPump::~DataPump() {
+    const platform::IoResult last = pipe_->cancel(request_);
+    const UnsentBytes unsent(reading_ && last.error == SystemError::none ? last.bytes : 0);
+}
 
 void DataPump::run() {
     if (!startConnection()) return;
@@ -116,6 +135,7 @@ std::size_t DataPump::waitPipeRead() {
     request_.event().reset();
     if (!context_.dataPipe) return 0;
     const platform::IoResult read = pipe_->result(request_);
+    reading_ = false;
     if (read.error != SystemError::none) {
         LOG_S(ERROR) << "ERR(OVL)";
         lastError_ = read.error;
@@ -133,28 +153,28 @@ void DataPump::issuePipeRead() {
     }
     // A read that ends at once is signalled through the event like any other.
     const SystemError error = pipe_->startRead(request_, buffer_).error;
+    reading_ = true;
     if (error == SystemError::none) return;
     lastError_ = error;
     if (error != SystemError::ioPending) LOG_S(INFO) << "ERR(R)= (" << platform::number(error) << ")";
 }
 
 void DataPump::sendToPeripheral(std::span<const std::uint8_t> bytes) {
+    UnsentBytes unsent(bytes.size());
     int creditWaits = 0;
-    while (!bytes.empty()) {
-        if (!context_.dataPipe) break;
+    while (unsent.left > 0 && context_.dataPipe) {
         if (context_.remoteCredits == 0) {
             if (++creditWaits == kCreditWaitsToTell)
                 LOG_S(WARNING) << "Link: the peripheral grants no credits";
-            if (!waitForCredits()) break;
+            if (!waitForCredits()) return;
             continue;
         }
         creditWaits = 0;
         const auto mtu = static_cast<std::size_t>(std::max(context_.txMtu.load(), 1));
-        const auto chunk = bytes.first(std::min(bytes.size(), mtu));
+        const auto chunk = bytes.last(unsent.left).first(std::min(unsent.left, mtu));
         sendChunk(chunk);
-        bytes = bytes.subspan(chunk.size());
+        unsent.left -= chunk.size();
     }
-    if (!bytes.empty()) LOG_S(WARNING) << "Link: " << bytes.size() << " bytes of the client not sent";
 }
 
 void DataPump::sendChunk(std::span<const std::uint8_t> chunk) {

@@ -34,7 +34,7 @@ class CommSession {
 
   private:
     std::optional<std::uint64_t> parseAddress(const std::wstring& text);
-    void createInterface();
+    bool createInterface();
     void retrieveCharacteristics();
     void subscribe();
     void transfer();
@@ -66,12 +66,18 @@ std::optional<std::uint64_t> CommSession::parseAddress(const std::wstring& text)
     return std::nullopt;
 }
 
-void CommSession::createInterface() {
-    if (isOlderThanThresholdBuild()) {
-        interface_ = std::make_unique<BLEIFLegacy>(shared_);
-        LOG_S(INFO) << "Using LEGACY interface...";
-    } else {
-        interface_ = std::make_unique<BLEIFModern>(shared_);
+bool CommSession::createInterface() {
+    try {
+        if (isOlderThanThresholdBuild()) {
+            interface_ = std::make_unique<BLEIFLegacy>(shared_);
+            LOG_S(INFO) << "Using LEGACY interface...";
+        } else {
+            interface_ = std::make_unique<BLEIFModern>(shared_);
+        }
+        return true;
+    } catch (...) {
+        LOG_S(ERROR) << "Cannot create BLE interface class!";
+        return false;
     }
 }
 
@@ -79,7 +85,7 @@ void CommSession::run(const std::wstring& addressText) {
     const auto address = parseAddress(addressText);
     if (!address) return fail(L"ERROR TIO\r\n");
 
-    createInterface();
+    if (!createInterface()) return fail(L"ERROR TIO\r\n");
     // The result is not looked at: a connection that could not be prepared shows as a missing service.
     interface_->prepareConnection(*address, kPrepareTimeoutMs);
     context_.service = interface_->getService(context_.serviceUuid, *address);

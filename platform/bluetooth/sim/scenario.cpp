@@ -22,7 +22,7 @@ constexpr std::int64_t kMaxDelayMs = 3'600'000;
 constexpr std::int64_t kMaxIntervalUs = 60'000'000;
 constexpr std::int64_t kMaxPacketsPerInterval = 10'000;
 constexpr std::int64_t kMaxCredits = 32'767;
-constexpr std::int64_t kMaxAttributeLength = 512;  // Core specification, volume 3, part F, 3.2.9
+constexpr std::int64_t kMaxAttributeLength = 512;  // Bluetooth Core, vol 3, F 3.2.9
 constexpr double kMaxTimeScale = 1'000'000;
 
 // All of the text as a number; nothing where it is none or has another length.

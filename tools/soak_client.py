@@ -1,0 +1,220 @@
+"""The soak test's client: the two pipes, and what the program told about a link."""
+import os
+import re
+import select
+import socket
+import time
+
+from bridge_client import check, open_pipe
+from soak_scenario import OVER, UP
+
+DEADLINE = 40  # seconds; long enough for a radio that is switched off and on without a time scale
+WINDOW = 16  # random bytes that do not come twice
+LOSSES = {
+    "not sent": re.compile(rb"Link: (\d+) bytes of the client not sent"),
+    "write failed": re.compile(rb"Link: a write of (\d+) bytes failed, they may be lost"),
+    "given up": re.compile(rb"Data pipe: (\d+) bytes for the client given up"),
+}
+NO_CREDITS = b"Link: the peripheral grants no credits"
+
+
+class LogWatch:
+    """What the log has told so far."""
+
+    def __init__(self, path):
+        self.file = path.open("rb")
+        self.rest = b""
+        self.lost = dict.fromkeys(LOSSES, 0)
+        self.times = dict.fromkeys(LOSSES, 0)
+        self.no_credits = 0
+
+    def read(self):
+        *lines, self.rest = (self.rest + self.file.read()).split(b"\n")
+        for line in lines:
+            self.no_credits += NO_CREDITS in line
+            for name, pattern in LOSSES.items():
+                if found := pattern.search(line):
+                    self.lost[name] += int(found[1])
+                    self.times[name] += 1
+
+    def lost_bytes(self):
+        self.read()
+        return sum(self.lost.values())
+
+    def stalls(self):
+        self.read()
+        return self.no_credits
+
+
+class Link:
+    """What a client was told about one link, checked against what the peripheral can cause."""
+
+    def __init__(self, name, may):
+        self.name, self.may, self.lines = name, set(may), []
+
+    def saw(self, line):
+        known = f"link to {self.name}: {line!r} after {self.lines}"
+        check(line in self.may, f"{known}, only {sorted(self.may)} can come")
+        check(line not in self.lines, f"{known} came twice")
+        check(line != UP or not self.lines, f"{known}, too late")
+        self.lines.append(line)
+
+    def told(self):
+        return bool(self.lines)
+
+    def over(self):
+        return not OVER.isdisjoint(self.lines)
+
+
+class Shell:
+    """A client on the command pipe. Lines about the link go to `on_link_line`, the others are replies."""
+
+    def __init__(self, path, on_link_line, on_reply):
+        self.socket = open_pipe(path)
+        self.on_link_line, self.on_reply = on_link_line, on_reply
+        self.rest, self.replies, self.ended = b"", [], False
+
+    def send(self, data):
+        self.socket.settimeout(DEADLINE)
+        self.socket.sendall(data)
+
+    def pull(self):
+        """Takes what has come, without waiting."""
+        while not self.ended:
+            try:
+                piece = self.socket.recv(65536, socket.MSG_DONTWAIT)
+            except BlockingIOError:
+                return
+            except ConnectionResetError:
+                piece = b""
+            self.ended = not piece
+            *lines, self.rest = (self.rest + piece).split(b"\r\n")
+            for line in map(bytes.decode, lines):
+                check("\n" not in line and "\r" not in line, f"line end inside a line: {line!r}")
+                if line == UP or line in OVER:
+                    self.on_link_line(line)
+                else:
+                    self.on_reply(line)
+                    self.replies.append(line)
+
+    def wait(self, condition, what):
+        """Until the condition holds; keeps taking lines."""
+        end = time.monotonic() + DEADLINE
+        while True:
+            self.pull()
+            if condition():
+                return
+            check(time.monotonic() < end, f"{what} did not happen within {DEADLINE} s")
+            check(not self.ended, f"the program closed the command pipe, waiting for: {what}")
+            select.select([self.socket], [], [], 0.002)
+
+    def reply(self, command):
+        self.wait(lambda: self.replies, f"the answer to {command!r}")
+        return self.replies.pop(0)
+
+    def ask(self, command):
+        check(not self.replies, f"unexpected lines: {self.replies}")
+        self.send(command.encode() + b"\n")
+        return self.reply(command)
+
+    def expect(self, command, answer):
+        got = self.ask(command)
+        check(got == answer, f"{command!r} was answered with {got!r}")
+
+    def expect_end(self):
+        end = time.monotonic() + DEADLINE
+        while not self.ended:
+            check(time.monotonic() < end, f"the program did not close the command pipe within {DEADLINE} s")
+            select.select([self.socket], [], [], 0.05)
+            self.pull()
+        self.close()
+
+    def close(self):
+        self.ended = True
+        self.socket.close()
+
+
+class DataPipe:
+    """A client on the data pipe."""
+
+    def __init__(self, path):
+        self.socket = open_pipe(path)
+        self.socket.setblocking(False)
+        self.sent, self.received, self.ended = bytearray(), bytearray(), False
+
+    def pull(self, most=1 << 30):
+        while not self.ended and len(self.received) < most:
+            try:
+                piece = self.socket.recv(min(65536, most - len(self.received)))
+            except BlockingIOError:
+                return
+            except ConnectionResetError:
+                piece = b""
+            self.ended = not piece
+            self.received += piece
+
+    def push(self, data):
+        """How much of it the pipe took."""
+        try:
+            count = self.socket.send(data)
+            self.sent += data[:count]
+            return count
+        except BlockingIOError:
+            return 0
+        except (BrokenPipeError, ConnectionResetError):
+            self.pull()  # what came before the end
+            self.ended = True
+            return 0
+
+    def expect_end(self):
+        end = time.monotonic() + DEADLINE
+        while not self.ended:
+            check(time.monotonic() < end, f"the program did not close the data pipe within {DEADLINE} s")
+            select.select([self.socket], [], [], 0.05)
+            self.pull()
+        self.close()
+
+    def close(self):
+        self.ended = True
+        self.socket.close()
+
+
+def same_length(one, other):
+    """Number of equal bytes at the start."""
+    limit = min(len(one), len(other))
+    if one[:limit] == other[:limit]:
+        return limit
+    return len(os.path.commonprefix([one[:limit], other[:limit]]))
+
+
+def missing_bytes(sent, received):
+    """How many sent bytes are missing between the received ones; those behind the last one do not count."""
+    missing, rest = 0, bytes(received)
+    sent = memoryview(bytes(sent))
+    while True:
+        same = same_length(sent.tobytes(), rest)
+        sent, rest = sent[same:], rest[same:]
+        if not rest:
+            return missing
+        gap = sent.tobytes().find(rest[:WINDOW])
+        check(gap >= 0, f"bytes came back that were not sent, or not in this order: {len(received) - len(rest)} "
+                        f"of {len(received)} were right, then {rest[:WINDOW].hex()}")
+        missing += gap
+        sent = sent[gap:]
+
+
+def source_bytes(first, count):
+    return bytes((position + position // 251) & 0xFF for position in range(first, first + count))
+
+
+SOURCE_PERIOD = 251 * 256
+SOURCE_WINDOW = 300  # longer than 251, or it would stand in many places
+SOURCE = source_bytes(0, SOURCE_PERIOD + SOURCE_WINDOW)
+
+
+def check_source(received):
+    """What a source sent before the data pipe was open is missing; from then on it is without a gap."""
+    if len(received) < SOURCE_WINDOW:
+        return
+    first = SOURCE.find(received[:SOURCE_WINDOW])
+    check(first >= 0 and received == source_bytes(first, len(received)), "a source's bytes are not as it sent them")

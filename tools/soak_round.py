@@ -1,0 +1,260 @@
+"""One round of the soak test: a program in a world of its own, the client's state, and the checks of both."""
+import json
+import os
+import re
+import select
+import signal
+import time
+from collections import Counter
+from pathlib import Path
+
+from bridge_client import Program, check, wait_until
+from soak_client import DEADLINE, DataPipe, Link, LogWatch, Shell, check_source, missing_bytes
+from soak_scenario import World
+
+STATS = re.compile(r"RX (\d+) bytes\. TX (\d+) bytes\. LC -?\d+\. RC -?\d+\. V10\.0\.\d+;BLE ON;LE=Sim Adapter\+9\|;"
+                   r"(TIOCONNECTED|TIODISCONNECTED)")
+MOST_MEMORY = 20e6
+MOST_GROWTH = 1.5e6
+PAGE = os.sysconf("SC_PAGE_SIZE")
+
+
+class Tally:
+    """What the whole run did."""
+
+    def __init__(self):
+        self.sessions, self.lines, self.lost, self.losses = Counter(), Counter(), Counter(), Counter()
+        self.rounds = self.sent = self.received = self.compared = self.gap_bytes = self.no_credits = 0
+        self.memory = self.threads = self.descriptors = 0
+
+
+class Round:
+    def __init__(self, executable, folder, rng, scale, tally, memory_checked):
+        self.tally, self.memory_checked, self.scale = tally, memory_checked, scale
+        self.world = World(rng, scale)
+        folder.mkdir()
+        scenario = folder / "scenario.json"
+        scenario.write_text(json.dumps(self.world.document(), indent=1))
+        self.program = Program(executable, folder, scenario)
+        self.log = LogWatch(self.program.log)
+        self.client, self.data, self.link = None, None, None
+        self.starting = []  # links whose "connect" has not been answered yet
+        self.lost_before = 0
+        self.idle = None  # threads, descriptors
+        self.first_memory = None
+
+    def start(self):
+        self.program.wait_for_command_pipe()
+        check(self.program.running(), "the program ended at its start")
+
+    # The command pipe
+
+    def new_shell(self):
+        return Shell(self.program.command, self.saw_link_line, self.saw_reply)
+
+    def shell(self):
+        if self.client is None or self.client.ended:
+            self.client = self.new_shell()
+        return self.client
+
+    def saw_link_line(self, line):
+        check(self.link, f"{line!r} came without a link")
+        self.tally.lines[line] += 1
+        self.link.saw(line)
+
+    def saw_reply(self, line):
+        if self.starting:
+            check(line == "OK", f"connect was answered with {line!r}")
+            self.link = self.starting.pop(0)
+
+    def stats(self):
+        """Received, sent, whether a link is there."""
+        line = self.shell().ask("stats")
+        found = STATS.fullmatch(line)
+        check(found, f"unexpected statistics: {line!r}")
+        return int(found[1]), int(found[2]), found[3] == "TIOCONNECTED"
+
+    # The link
+
+    def connect(self, *targets):
+        """Starts links, one after the other without a pause: peripherals, or (address, lines that may come)."""
+        commands = []
+        for target in targets:
+            address, may = target if isinstance(target, tuple) else (target.address, target.may)
+            commands.append(f"connect {address}\n")
+            self.starting.append(Link(target if isinstance(target, tuple) else target.kind, may))
+        shell = self.shell()
+        shell.send("".join(commands).encode())
+        for command in commands:
+            check(shell.reply(command) == "OK", "no OK")
+        self.end_data()
+        self.lost_before = self.log.lost_bytes()
+        self.peripheral = targets[-1]
+
+    def outcome(self):
+        """Whether the link came up."""
+        self.shell().wait(self.link.told, f"the outcome of the link to {self.link.name}")
+        return not self.link.over()
+
+    def open_data(self):
+        try:
+            self.data = DataPipe(self.program.data)
+            return True
+        except (ConnectionRefusedError, FileNotFoundError):
+            # Gone already with a link that was lost: then that is told.
+            self.shell().wait(self.link.over, "the news of the link whose data pipe is gone")
+            return False
+
+    def bring_up(self, target):
+        """Whether there is a link with an open data pipe now."""
+        self.connect(target)
+        return self.outcome() and self.open_data()
+
+    def lost(self):
+        return self.log.lost_bytes() - self.lost_before
+
+    def disconnect(self):
+        self.shell().expect("disconnect", "OK")
+        self.end_data()
+
+    def quit(self):
+        self.shell().send(b"quit\n")
+        self.shell().expect_end()
+
+    def vanish(self):
+        self.client.close()
+        self.end_data()
+
+    def end_data(self):
+        """The program has to have closed the data pipe."""
+        if not self.data:
+            return
+        if not self.data.ended:
+            self.data.expect_end()
+        self.check_data()
+
+    def drop_data(self):
+        """The client closes the data pipe."""
+        self.data.close()
+        self.check_data()
+
+    def check_data(self):
+        data, self.data = self.data, None
+        self.tally.sent += len(data.sent)
+        self.tally.received += len(data.received)
+        self.compare(data)
+        self.tally.compared += len(data.received)
+
+    def compare(self, data):
+        if self.peripheral.traffic == "source":
+            return check_source(data.received)
+        missing = missing_bytes(data.sent, data.received)
+        lost = self.lost()
+        check(missing <= lost, f"{missing} bytes are missing between those that came back, {lost} were told lost")
+        self.tally.gap_bytes += missing
+
+    # Traffic
+
+    def push(self, payload, piece):
+        """Writes all of it, as long as the link lasts; takes what comes meanwhile."""
+        self.converse(payload, piece, lambda rest: not rest)
+
+    def echo(self, payload, piece):
+        """Writes and waits until everything came back or its loss was told."""
+        data = self.data
+        self.converse(payload, piece, lambda rest: not rest and len(data.received) >= len(data.sent) - self.lost())
+
+    def converse(self, payload, piece, done):
+        data, shell, rest = self.data, self.shell(), memoryview(payload)
+        end = time.monotonic() + DEADLINE
+        while not done(rest) and not data.ended and not self.link.over():
+            check(time.monotonic() < end, f"nothing has moved for {DEADLINE} s: {len(data.sent)} bytes sent, "
+                                          f"{len(data.received)} came back, {self.lost()} told lost, {len(rest)} waiting")
+            select.select([data.socket, shell.socket], [data.socket] if rest else [], [], 0.005)
+            before = len(data.received)
+            data.pull()
+            count = data.push(rest[:piece]) if rest else 0
+            rest = rest[count:]
+            shell.pull()
+            if count or len(data.received) > before:
+                end = time.monotonic() + DEADLINE
+        if data.ended:
+            shell.wait(self.link.over, "the news of the link whose data pipe was closed")
+
+    # Checks from outside
+
+    def figures(self):
+        """Threads, descriptors, resident bytes."""
+        process = Path(f"/proc/{self.program.process.pid}")
+        pages = int((process / "statm").read_text().split()[1])
+        found = len(os.listdir(process / "task")), len(os.listdir(process / "fd")), pages * PAGE
+        self.tally.threads = max(self.tally.threads, found[0])
+        self.tally.descriptors = max(self.tally.descriptors, found[1])
+        self.tally.memory = max(self.tally.memory, found[2])
+        return found
+
+    def check_running(self):
+        check(self.program.running(), f"the program ended with exit code {self.program.process.poll()}")
+        self.figures()
+
+    def quiet(self):
+        """After "disconnect" nothing of any link is left."""
+        self.disconnect()
+        if self.idle is None:
+            self.idle = self.settled()
+        wait_until(self.at_rest, DEADLINE, f"returning to {self.idle} threads and descriptors")
+        self.check_memory()
+
+    def settled(self):
+        same, last = 0, None
+        while same < 20:
+            time.sleep(0.01)
+            now = self.figures()[:2]
+            same, last = same + 1 if now == last else 0, now
+        return last
+
+    def at_rest(self):
+        now = self.figures()
+        return now[0] <= self.idle[0] and now[1] <= self.idle[1]
+
+    def check_memory(self):
+        if not self.memory_checked:
+            return
+        memory = self.figures()[2]
+        self.first_memory = self.first_memory or memory
+        check(memory < MOST_MEMORY, f"{memory} bytes of memory are in use")
+        check(memory - self.first_memory < MOST_GROWTH, f"memory grew from {self.first_memory} to {memory} bytes")
+
+    def end(self, by_signal):
+        """Ends the program, whatever it is doing, and checks what it leaves."""
+        if by_signal:
+            self.program.process.send_signal(signal.SIGTERM)
+        else:
+            self.shell().send(b"exit\n")
+        if self.client and not self.client.ended:
+            self.client.expect_end()
+        code = self.program.process.wait(DEADLINE)
+        check(code == 0, f"the program ended with exit code {code}")
+        self.end_data()
+        self.log.read()
+        check(any(line.endswith("| Goodbye!\n") for line in self.program.log_lines(3)), "the log lacks its last line")
+        left = [path.name for path in self.program.log.parent.iterdir()]
+        check(sorted(left) == ["errors", "log", "scenario.json"], f"files are left behind: {left}")
+        self.check_errors()
+        self.tally.losses.update(self.log.times)
+        self.tally.lost.update(self.log.lost)
+        self.tally.no_credits += self.log.no_credits
+        self.tally.rounds += 1
+
+    def check_errors(self):
+        lines = self.program.errors.read_text(errors="replace").splitlines()
+        accounts = [line for line in lines if re.fullmatch(r"sim: .*, violations 0", line)]
+        check(accounts == lines and len(lines) == len(self.world.peripherals),
+              "a violation, or something else on standard error")
+
+    def stop(self):
+        self.program.stop()
+        for pipe in (self.client, self.data):
+            if pipe:
+                pipe.close()
+        self.log.file.close()
