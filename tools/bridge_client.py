@@ -48,8 +48,9 @@ class Program:
     def running(self):
         return self.process.poll() is None
 
-    def wait_for_command_pipe(self):
-        wait_until(lambda: self.command.exists() or not self.running(), 10, "creating the command pipe")
+    def wait_until_serving(self):
+        wait_until(lambda: "Waiting for a client" in self.log.read_text() or not self.running(), 20, "the start")
+        check(self.running(), "the program ended at its start")
 
     def log_lines(self, count):
         return self.log.read_text(errors="replace").splitlines(True)[-count:]

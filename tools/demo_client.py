@@ -97,7 +97,7 @@ def check_end(program):
 def run(executable, folder):
     program = Program(executable, folder)
     try:
-        program.wait_for_command_pipe()
+        program.wait_until_serving()
         shell = Shell(program.command)
         play(shell, program.data)
         check_end(program)

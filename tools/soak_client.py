@@ -2,7 +2,6 @@
 import os
 import re
 import select
-import socket
 import time
 
 from bridge_client import check, open_pipe
@@ -71,18 +70,20 @@ class Shell:
 
     def __init__(self, path, on_link_line, on_reply):
         self.socket = open_pipe(path)
+        self.socket.setblocking(False)
         self.on_link_line, self.on_reply = on_link_line, on_reply
         self.rest, self.replies, self.ended = b"", [], False
 
     def send(self, data):
         self.socket.settimeout(DEADLINE)
         self.socket.sendall(data)
+        self.socket.setblocking(False)
 
     def pull(self):
         """Takes what has come, without waiting."""
         while not self.ended:
             try:
-                piece = self.socket.recv(65536, socket.MSG_DONTWAIT)
+                piece = self.socket.recv(65536)
             except BlockingIOError:
                 return
             except ConnectionResetError:

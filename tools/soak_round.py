@@ -43,10 +43,6 @@ class Round:
         self.idle = None  # threads, descriptors
         self.first_memory = None
 
-    def start(self):
-        self.program.wait_for_command_pipe()
-        check(self.program.running(), "the program ended at its start")
-
     # The command pipe
 
     def new_shell(self):
@@ -76,20 +72,17 @@ class Round:
 
     # The link
 
-    def connect(self, *targets):
-        """Starts links, one after the other without a pause: peripherals, or (address, lines that may come)."""
-        commands = []
-        for target in targets:
-            address, may = target if isinstance(target, tuple) else (target.address, target.may)
-            commands.append(f"connect {address}\n")
-            self.starting.append(Link(target if isinstance(target, tuple) else target.kind, may))
+    def connect(self, *peripherals):
+        """Starts links, one after the other without a pause."""
+        commands = [f"connect {one.address}\n" for one in peripherals]
+        self.starting = [Link(one.kind, one.may) for one in peripherals]
         shell = self.shell()
         shell.send("".join(commands).encode())
         for command in commands:
-            check(shell.reply(command) == "OK", "no OK")
+            shell.reply(command)
         self.end_data()
         self.lost_before = self.log.lost_bytes()
-        self.peripheral = targets[-1]
+        self.peripheral = peripherals[-1]
 
     def outcome(self):
         """Whether the link came up."""
@@ -105,9 +98,17 @@ class Round:
             self.shell().wait(self.link.over, "the news of the link whose data pipe is gone")
             return False
 
-    def bring_up(self, target):
+    def open_early(self):
+        """Whether the data pipe could be opened while the link is being set up."""
+        try:
+            self.data = DataPipe(self.program.data)
+        except (ConnectionRefusedError, FileNotFoundError):
+            return False
+        return True
+
+    def bring_up(self, peripheral):
         """Whether there is a link with an open data pipe now."""
-        self.connect(target)
+        self.connect(peripheral)
         return self.outcome() and self.open_data()
 
     def lost(self):

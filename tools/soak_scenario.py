@@ -77,13 +77,13 @@ def dropping(rng, older):
     # In the older generation nothing tells of a link that drops while the peripheral sends.
     points = ["write:RX", "subscribe:TX"] if older else ["write:RX", "notify:TX", "subscribe:CRTX"]
     point = rng.choice(points)
-    return staged(rng, point, ["disconnect"], (1, 4) if "subscribe" in point else (30, 400))
+    return staged(rng, point, ["disconnect"], (1, 4) if "subscribe" in point else (20, 200))
 
 
 def refusing_writes(rng):
     # Each refused write costs the host a credit that the peripheral goes on counting on, so they are rare enough
     # to leave some.
-    return staged(rng, "write:RX", CALL_FAULTS, (60, 300))
+    return staged(rng, "write:RX", CALL_FAULTS, (40, 200))
 
 
 def pairing(rng, older):
@@ -157,4 +157,4 @@ class World:
                if (not traffic or one.traffic in traffic) and (one.steady or not steady)
                and not (one.flushes and abandoned)]
         # A radio that is switched off and on takes as long as ten other sessions.
-        return rng.choices(fit, [0.3 if one.flushes else 1 for one in fit])[0]
+        return rng.choices(fit, [0.4 if one.flushes else 1 if one.steady else 2 for one in fit])[0]

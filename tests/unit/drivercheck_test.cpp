@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <sstream>
 
 #include "blescanner/btdrivercheck.h"
@@ -7,6 +8,7 @@
 #include "platform/bluetooth/sim/world.h"
 #include "platform/clock.h"
 #include "platform/text.h"
+#include "tests/e2e/harness.h"
 
 namespace blescanner {
 namespace {
@@ -51,6 +53,15 @@ TEST(DriversDb, Lines) {
         std::istringstream file(text);
         EXPECT_EQ(parseDriversDb(file), records) << text;
     }
+}
+
+TEST(DriversDb, FileMayBeMissing) {
+    const e2e::TemporaryFolder folder;
+    const auto file = folder.path() / "known.db";
+    sim::WorldScope world(R"({"drivers_db": ")" + file.string() + R"("})");
+    EXPECT_TRUE(readDriversDb().empty());
+    std::ofstream(file) << "a,b,c\n";
+    EXPECT_EQ(readDriversDb(), (DriversDb{{L"a#b", L"c"}}));
 }
 
 TEST(DriverCheck, RulesByDateAndManufacturer) {
