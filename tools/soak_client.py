@@ -90,7 +90,7 @@ class Shell:
                 piece = b""
             self.ended = not piece
             *lines, self.rest = (self.rest + piece).split(b"\r\n")
-            for line in map(bytes.decode, lines):
+            for line in (line.decode("latin-1") for line in lines):
                 check("\n" not in line and "\r" not in line, f"line end inside a line: {line!r}")
                 if line == UP or line in OVER:
                     self.on_link_line(line)

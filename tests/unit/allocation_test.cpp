@@ -18,8 +18,12 @@ void* operator new(std::size_t size) {
     if (void* memory = std::malloc(size)) return memory;
     throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
 
 namespace {
 
@@ -31,7 +35,8 @@ TEST(ReceivePath, AllocatesLessThanOnceInTwoPackets) {
     auto data = link.openData();
     ASSERT_EQ(data.readBytes(244 * 1000).size(), 244U * 1000);
     const long before = allocations;
-    for (int part = 0; part < 10; ++part) ASSERT_EQ(data.readBytes(24'400 * 10).size(), 244'000U);
+    for (int part = 0; part < 10; ++part)
+        ASSERT_EQ(data.readBytes(24'400 * 10).size(), 244'000U);
     // What remains is the credit grant with its log line, once in thirty packets.
     EXPECT_LT(allocations - before, kPackets / 2);
     link.stop();

@@ -28,6 +28,8 @@ class Link {
   public:
     explicit Link(const std::string& scenario) {
         world_.emplace(scenario);
+        loguru::g_stderr_verbosity =
+            loguru::Verbosity_OFF;  // thousands of lines, of which a test captures what it needs
         platform::setTimeScale(500);
         blescanner::settings().datPipeName = platform::widen(e2e::dataPipe(folder_.path()).string());
         blescanner::linkNotification().open();
