@@ -9,6 +9,7 @@
 #include "blescanner/blescanner.h"
 #include "blescanner/lecomm.h"
 #include "blescanner/lescan.h"
+#include "blescanner/reply_text.h"
 #include "platform/clock.h"
 #include "platform/text.h"
 
@@ -179,7 +180,7 @@ std::wstring CommandSet::bluetoothStats() const {
     if (enumerateRadioVersions(adapters)) {
         leList << L";LE=";
         for (const RadioVersionInfo& adapter : adapters) {
-            leList << adapter.name << L"+" << adapter.lmpVersion << L"|";
+            leList << withoutLineEnds(adapter.name) << L"+" << adapter.lmpVersion << L"|";
             leSupported = leSupported || adapter.lmpVersion >= kLowestLeLmpVersion;
         }
     }

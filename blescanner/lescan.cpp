@@ -9,6 +9,7 @@
 
 #include "blescanner/blehelper.h"
 #include "blescanner/lecomm.h"
+#include "blescanner/reply_text.h"
 #include "platform/advertisement.h"
 #include "platform/clock.h"
 #include "platform/text.h"
@@ -47,16 +48,6 @@ class ScanEntries {
     mutable std::mutex mutex_;
     std::set<std::wstring> entries_;
 };
-
-// Anybody in range chooses the name. A line end in it would forge lines of the command protocol and of the
-// log, so it becomes a blank; likewise any unit whose low byte, which is what travels on the pipe, is one.
-std::wstring withoutLineEnds(std::wstring name) {
-    const auto travelsAsLineEnd = [](wchar_t unit) {
-        return (unit & 0xFF) == L'\r' || (unit & 0xFF) == L'\n';
-    };
-    std::replace_if(name.begin(), name.end(), travelsAsLineEnd, L' ');
-    return name;
-}
 
 long long millisecondsNow() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
