@@ -40,6 +40,8 @@ std::shared_ptr<platform::GattDeviceService> BLEIFModern::getService(const platf
                  << (first->services ? first->services->size() : 0) << ". GATT Size is "
                  << context().device->gattServices().size();
     platform::sleepFor(2500ms);
+    // A look-up connects: it would take the peripheral away from a session that has been started meanwhile.
+    if (context().stoppedByShell) return nullptr;
 
     if (!refreshServices(serviceUuid, true) && !refreshServices(serviceUuid, false)) {
         return giveUpOnService(serviceUuid);

@@ -37,6 +37,8 @@ class CommSession {
     bool createInterface();
     void retrieveCharacteristics();
     void subscribe();
+    void setUp(std::uint64_t address);
+    bool stopped() const;
     void transfer();
     void serviceMissing();
     void awaitStop();
@@ -84,18 +86,29 @@ bool CommSession::createInterface() {
 void CommSession::run(const std::wstring& addressText) {
     const auto address = parseAddress(addressText);
     if (!address) return fail(L"ERROR TIO\r\n");
-
     if (!createInterface()) return fail(L"ERROR TIO\r\n");
+    setUp(*address);
+    interface_.reset();
+    LOG_S(INFO) << "commThread is DONE!";
+}
+
+void CommSession::setUp(std::uint64_t address) {
+    if (stopped()) return;
     // The result is not looked at: a connection that could not be prepared shows as a missing service.
-    interface_->prepareConnection(*address, kPrepareTimeoutMs);
-    context_.service = interface_->getService(context_.serviceUuid, *address);
+    interface_->prepareConnection(address, kPrepareTimeoutMs);
+    context_.service = interface_->getService(context_.serviceUuid, address);
+    if (stopped()) return;
     if (context_.service) {
         transfer();
     } else {
         serviceMissing();
     }
-    interface_.reset();
-    LOG_S(INFO) << "commThread is DONE!";
+}
+
+bool CommSession::stopped() const {
+    if (!context_.stoppedByShell) return false;
+    LOG_S(INFO) << "Stopped during the set-up";
+    return true;
 }
 
 void CommSession::serviceMissing() {
@@ -113,6 +126,7 @@ void CommSession::serviceMissing() {
 void CommSession::transfer() {
     platform::sleepFor(150ms);
     retrieveCharacteristics();
+    if (stopped()) return;
     subscribe();
     platform::sleepFor(100ms);
     LOG_S(INFO) << "Starting transfer...";

@@ -165,6 +165,25 @@ TEST(Link, AClientThatIsTooEarlyHasToComeAgain) {
     EXPECT_TRUE(eventually([&] { return log.find("Expecting disconnect..."); }));
 }
 
+TEST(Link, AStoppedSetUpLeavesTheNextSessionAlone) {
+    // The first set-up would look for the service a second time, or switch the radio off and on for want of
+    // it.
+    test::LogCapture log;
+    test::Link link(
+        R"({"peripherals": [{"faults": [{"on": "services", "times": 1, "do": "unreachable"}]}]})");
+    platform::setTimeScale(20);
+    link.connect();
+    ASSERT_TRUE(eventually([&] { return log.find("Could not get service at position 0!"); }));
+    link.stop();
+    link.connect();
+    ASSERT_EQ(link.line(), "CONNECT TIO");
+    ASSERT_TRUE(eventually([&] { return log.find("Stopped during the set-up"); }));
+    EXPECT_EQ(link.line(20ms), "");
+    auto data = link.openData();
+    data.send("mine");
+    EXPECT_EQ(data.readBytes(4), "mine");
+}
+
 TEST(Link, ANewSessionDoesNotWaitForTheOldOne) {
     // The first session hangs in its first write for good; the second one works, and the first never disturbs
     // it.

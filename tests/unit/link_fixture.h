@@ -50,7 +50,8 @@ class Link {
     }
     // As the shell does it.
     void stop() {
-        blescanner::currentTioContext()->dataPipe = nullptr;
+        context().stoppedByShell = true;
+        context().dataPipe = nullptr;
         if (pipe_) pipe_->close();
     }
     // The next line for the client, without its end; empty when none came in time. Like the shell, passes
