@@ -1,4 +1,4 @@
-"""The soak test of the simulated program: soak.py PROGRAM [MINUTES] [--seed N] [--sessions N] [--scale N] [--sanitized]"""
+"""The soak test: soak.py PROGRAM [MINUTES] [--seed N] [--sessions N] [--scale N] [--sanitized]"""
 import argparse
 import random
 import shutil

@@ -48,8 +48,8 @@ class LogWatch:
 class Link:
     """What a client was told about one link, checked against what the peripheral can cause."""
 
-    def __init__(self, name, may):
-        self.name, self.may, self.lines = name, set(may), []
+    def __init__(self, peripheral):
+        self.name, self.may, self.lines = peripheral.kind, set(peripheral.may), []
 
     def saw(self, line):
         known = f"link to {self.name}: {line!r} after {self.lines}"

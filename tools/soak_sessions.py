@@ -3,7 +3,7 @@ import time
 
 from bridge_client import check, wait_until
 from soak_client import DEADLINE, DataPipe
-from soak_scenario import Peripheral
+from soak_scenario import OVER, Peripheral
 
 LONGEST_LINE = 64 * 1024  # that the program takes for a command
 LONGEST_GARBAGE = 200 * 1024
@@ -212,18 +212,19 @@ def malformed_address(round_, rng):
 
 
 def lescan(round_, rng):
-    answer = round_.shell().ask(f"lescan {rng.randint(1000, 1500)}")
+    answer = round_.shell().ask(f"lescan {rng.randint(1000, 3000)}")
     known = {f"{one.address.lower()};{one.keys['name']}" for one in round_.world.peripherals}
     found = answer.split(",")
-    check(found == sorted(known & set(found)), f"unexpected result of a scan: {answer!r}")
+    # A scan in scaled time is so short that a busy machine may miss any of them.
+    check(answer == "N/A" or found == sorted(known & set(found)), f"unexpected result of a scan: {answer!r}")
     round_.shell().send(rng.choice([b"lescan\n", b"lescan 999\n", b"lescan -5\n"]))  # not answered
     round_.stats()
 
 
 def resetbt(round_, rng):
     up = rng.random() < 0.5 and round_.bring_up(round_.world.choose(rng, steady=True))
-    if up:
-        round_.link.may |= {"TIO DROP"} if round_.world.older else {"TIO DROP", "STATUS CLOSED"}
+    if round_.link:  # perhaps one that the session before has left running, or being set up
+        round_.link.may |= OVER
     round_.shell().expect("resetbt", "OK")
     if up and not round_.world.older:
         round_.shell().wait(round_.link.over, "the news of the link that the radio dropped")
