@@ -46,8 +46,8 @@ struct TioContext {
     std::shared_ptr<platform::GattCharacteristic> txmtuChar;
     std::shared_ptr<platform::GattCharacteristic> rxmtuChar;
 
-    // The shell has stopped the session. It then leaves the radio and the peripheral to the one that comes after it, and
-    // does not announce itself any more.
+    // The shell has stopped the session. It then leaves the radio and the peripheral to the one that comes
+    // after it, and does not announce itself any more.
     std::atomic<bool> stoppedByShell = false;
     // Keeps the pipe alive for late users of dataPipe. Set before the session's threads exist.
     std::shared_ptr<CNamedPipe> dataPipeOwner;
