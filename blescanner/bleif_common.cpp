@@ -141,8 +141,10 @@ void IBLEIF::grantCredits(const std::shared_ptr<platform::GattCharacteristic>& c
     }
     // A write that ended in an error has no result: asking for it throws, which ends the set-up of a session
     // whose first grant failed. Without that grant the peripheral would stay silent for ever.
-    if (write->getResults() == GattCommunicationStatus::success) return;
+    const GattCommunicationStatus status = write->getResults();
+    if (status == GattCommunicationStatus::success) return;
     LOG_S(ERROR) << "Error setting credits!";
+    LOG_S(WARNING) << "The peripheral did not get " << count << " credits, status " << statusText(status);
     if (context_.device) {
         LOG_S(ERROR) << "LE Connection is " << static_cast<int>(context_.device->connectionStatus());
     }
@@ -152,7 +154,12 @@ void IBLEIF::replenishLocalCredits() {
     const std::int32_t grant = TIO_LOCAL_CREDIT_TARGET - context_.localCredits;
     const std::int32_t total = context_.localCredits.fetch_add(grant) + grant;
     LOG_S(INFO) << "Granting local credits " << grant << " (" << total << ")";
-    grantCredits(context_.crrxChar, static_cast<std::uint32_t>(grant), true);
+    try {
+        grantCredits(context_.crrxChar, static_cast<std::uint32_t>(grant), true);
+    } catch (...) {
+        LOG_S(WARNING) << "The peripheral did not get " << grant << " credits and may fall silent";
+        throw;
+    }
 }
 
 void IBLEIF::writeCharacteristicU16(const std::shared_ptr<platform::GattCharacteristic>& characteristic,

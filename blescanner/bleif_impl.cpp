@@ -29,6 +29,7 @@ std::shared_ptr<platform::GattDeviceService> BLEIFModern::getService(const platf
     LOG_S(INFO) << "Retrieving service for " << platform::toString(serviceUuid);
     platform::sleepFor(100ms);
     requestStackFlush(false);
+    if (context().stoppedByShell) return nullptr;
 
     const auto first = lookUpService(serviceUuid);
     if (!first) return nullptr;
@@ -36,9 +37,9 @@ std::shared_ptr<platform::GattDeviceService> BLEIFModern::getService(const platf
         LOG_S(INFO) << "Got Service (2) ";
         return service;
     }
-    LOG_S(ERROR) << "Could not get service at position 0! Size is "
-                 << (first->services ? first->services->size() : 0) << ". GATT Size is "
-                 << context().device->gattServices().size();
+    const std::size_t found = first->services ? first->services->size() : 0;
+    const std::size_t known = context().device->gattServices().size();
+    LOG_S(ERROR) << "Could not get service at position 0! Size is " << found << ". GATT Size is " << known;
     platform::sleepFor(2500ms);
     // A look-up connects: it would take the peripheral away from a session that has been started meanwhile.
     if (context().stoppedByShell) return nullptr;
@@ -53,6 +54,7 @@ std::shared_ptr<platform::GattDeviceService> BLEIFModern::getService(const platf
         LOG_S(INFO) << "Got Service (3) ";
         return service;
     }
+    LOG_S(WARNING) << "The second look-up ended with status " << statusText(second->status);
     return giveUpOnService(serviceUuid);
 }
 
@@ -84,7 +86,10 @@ bool BLEIFModern::findDevice(const platform::Guid& serviceUuid, std::uint64_t ad
 std::optional<platform::GattDeviceServicesResult> BLEIFModern::lookUpService(
     const platform::Guid& serviceUuid) {
     const auto lookUp = context().device->getGattServicesForUuidAsync(serviceUuid);
-    if (!lookUp) return std::nullopt;
+    if (!lookUp) {
+        LOG_S(ERROR) << "No operation came back for the service look-up";
+        return std::nullopt;
+    }
     awaitOperation(*lookUp);
     platform::sleepFor(250ms);
     LOG_S(INFO) << "LE Connection status: " << static_cast<int>(context().device->connectionStatus());
@@ -108,6 +113,7 @@ bool BLEIFModern::refreshServices(const platform::Guid& serviceUuid, bool cached
         result = listing->getResults();
     }
     if (!result.services) {
+        LOG_S(WARNING) << "The listing ended with status " << statusText(result.status);
         LOG_S(WARNING) << "No services returned!";
         LOG_S(WARNING) << "Could not get device services (" << cached << ")";
         return false;
@@ -134,7 +140,10 @@ std::shared_ptr<platform::GattCharacteristic> BLEIFModern::getCharacteristic(
     const std::shared_ptr<platform::GattDeviceService>& service, const platform::Guid& uuid) {
     if (!service) return nullptr;
     const auto lookUp = service->getCharacteristicsForUuidAsync(uuid);
-    if (!lookUp) return nullptr;
+    if (!lookUp) {
+        LOG_S(ERROR) << "No operation came back for characteristic " << platform::toString(uuid);
+        return nullptr;
+    }
     awaitOperation(*lookUp);
     const auto result = lookUp->getResults();
     LOG_S(INFO) << "Characteristics...";

@@ -173,10 +173,15 @@ std::vector<std::shared_ptr<platform::GattDeviceService>> BLEIFLegacy::listServi
     if (!known.empty()) return known;
     LOG_S(INFO) << "Refreshig available GATT services (ALL)...";
     const auto listing = context().device->getGattServicesAsync(platform::BluetoothCacheMode::uncached);
-    if (!listing) return {};
+    if (!listing) {
+        LOG_S(ERROR) << "No operation came back for the listing";
+        return {};
+    }
     awaitOperation(*listing);
-    return listing->getResults().services.value_or(
-        std::vector<std::shared_ptr<platform::GattDeviceService>>{});
+    const auto result = listing->getResults();
+    if (result.services) return *result.services;
+    LOG_S(WARNING) << "The listing ended with status " << statusText(result.status);
+    return {};
 }
 
 std::shared_ptr<platform::GattCharacteristic> BLEIFLegacy::getCharacteristic(

@@ -66,6 +66,7 @@ class ShellSession {
     CNamedPipe shell_;
     CommandSet commands_{shell_};
     std::array<std::uint8_t, 512> readBuffer_{};
+    std::shared_ptr<const TioContext> dropped_;  // the session whose drop the client was told last
 };
 
 void ShellSession::run() {
@@ -216,10 +217,14 @@ void ShellSession::deliverLinkLines() {
             LOG_S(INFO) << "Not sent, an earlier link session is meant: " << platform::toUtf8(line->text);
             continue;
         }
-        if (line->session->stoppedByShell && line->text == L"CONNECT TIO\r\n") continue;
+        // Another thread may have noticed the drop before the session announced itself.
+        const bool late = line->session->stoppedByShell || line->session == dropped_;
+        if (late && line->text == L"CONNECT TIO\r\n") continue;
         const bool dropped = line->text == L"TIO DROP\r\n";
         shell_.writeText(line->text);
-        if (dropped) commands_.closeDataPipe();
+        if (!dropped) continue;
+        dropped_ = line->session;
+        commands_.closeDataPipe();
     }
 }
 

@@ -71,8 +71,8 @@ std::optional<std::uint64_t> CommSession::parseAddress(const std::wstring& text)
 bool CommSession::createInterface() {
     try {
         if (isOlderThanThresholdBuild()) {
-            interface_ = std::make_unique<BLEIFLegacy>(shared_);
             LOG_S(INFO) << "Using LEGACY interface...";
+            interface_ = std::make_unique<BLEIFLegacy>(shared_);
         } else {
             interface_ = std::make_unique<BLEIFModern>(shared_);
         }
@@ -96,6 +96,7 @@ void CommSession::setUp(std::uint64_t address) {
     if (stopped()) return;
     // The result is not looked at: a connection that could not be prepared shows as a missing service.
     interface_->prepareConnection(address, kPrepareTimeoutMs);
+    if (stopped()) return;
     context_.service = interface_->getService(context_.serviceUuid, address);
     if (stopped()) return;
     if (context_.service) {

@@ -165,6 +165,41 @@ TEST(Link, AClientThatIsTooEarlyHasToComeAgain) {
     EXPECT_TRUE(eventually([&] { return log.find("Expecting disconnect..."); }));
 }
 
+TEST(LegacyLink, PairsWhatItCanAndWalksTheListing) {
+    struct Case {
+        const char* peripheral;
+        const char* logged;
+        const char* line;
+        bool flush = false;
+    };
+    const Case cases[] = {
+        {R"("name": "plain")", "Device CONNECTED!", "CONNECT TIO"},
+        {R"("pairing": {"paired": true})", "Device is already accessible!", "CONNECT TIO"},
+        {R"("pairing": {"can_pair": false})", "Device seems not connectable!", "CONNECT TIO"},
+        {R"("pairing": {"custom": false})", "No customized connection possible! Check and update Windows 10!",
+         "CONNECT TIO"},
+        {R"("pairing": {"kind": 4})", "Custom BLE connecting - ProvidePin", "CONNECT TIO"},
+        {R"("pairing": {"kind": 16})", "Connection status is: The application handler rejected the pairing.",
+         "CONNECT TIO"},
+        {R"("pairing": {"result": 19})", "Connection status is: An unknown failure occurred.", "CONNECT TIO"},
+        {R"("pairing": {"result": 20})", "Connection status is: ", "CONNECT TIO"},
+        {R"("cached_services": [])", "Refreshig available GATT services (ALL)...", "CONNECT TIO"},
+        {R"("cached_services": ["180F"])", "Found 1 GATT services.", "ERROR TIO"},
+        {R"("cached_services": [], "uncached_services": [])", "Found 0 GATT services.", "ERROR TIO", true},
+    };
+    for (const Case& item : cases) {
+        SCOPED_TRACE(item.peripheral);
+        test::LogCapture log;
+        test::Link link(R"({"os_version": [10, 0, 15062], "peripherals": [{)" + std::string(item.peripheral) +
+                        "}]}");
+        link.connect();
+        EXPECT_EQ(link.line(), item.line);
+        EXPECT_EQ(log.count(item.logged), 1);
+        EXPECT_EQ(log.find("Flushing BLE stack..."), item.flush);
+        EXPECT_EQ(log.find("Bluetooth reset initiated..."), item.flush);
+    }
+}
+
 TEST(Link, AStoppedSetUpLeavesTheNextSessionAlone) {
     // The first set-up would look for the service a second time, or switch the radio off and on for want of
     // it.

@@ -60,9 +60,11 @@ class Link {
         platform::Event* const events[] = {&blescanner::linkNotification().event()};
         while (platform::waitAny(events, deadline)) {
             const auto taken = blescanner::linkNotification().take();
-            if (taken && taken->session == blescanner::currentTioContext()) {
-                return platform::toUtf8(taken->text.substr(0, taken->text.size() - 2));
-            }
+            if (!taken || taken->session != blescanner::currentTioContext()) continue;
+            const std::string text = platform::toUtf8(taken->text.substr(0, taken->text.size() - 2));
+            if (text == "CONNECT TIO" && dropped_ == taken->session) continue;
+            if (text == "TIO DROP") dropped_ = taken->session;
+            return text;
         }
         return "";
     }
@@ -80,6 +82,7 @@ class Link {
     std::optional<sim::WorldScope> world_;
     e2e::TemporaryFolder folder_;
     std::shared_ptr<blescanner::CNamedPipe> pipe_;
+    std::shared_ptr<const blescanner::TioContext> dropped_;
 };
 
 }  // namespace test
