@@ -22,4 +22,6 @@ if [[ ! -e $WINEPREFIX/ready ]]; then
     [[ -e $WINEPREFIX/ready ]] || make_prefix 9>&-
     exec 9>&-
 fi
+# Stays for a while: a program that starts just as the server of the one before it leaves finds none.
+wineserver -p60 >/dev/null 2>&1 </dev/null || true
 exec wine "$@"

@@ -37,6 +37,8 @@ struct Resources {
 
 // Of this process.
 Resources ownResources();
+// How many threads and handles the host's libraries make for themselves, at their own time.
+extern const std::size_t kResourceNoise;
 std::chrono::nanoseconds ownProcessorTime();
 
 // The running program; killed at the end if it still runs. Standard output and error are collected.

@@ -61,6 +61,8 @@ void redirect(const fs::path& path, int target) {
 
 }  // namespace
 
+const std::size_t kResourceNoise = 0;
+
 Resources ownResources() {
     return resourcesOf("self");
 }
