@@ -9,19 +9,20 @@ export WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d"
 unset DISPLAY WAYLAND_DISPLAY
 
 make_prefix() {
-    wine wineboot --init >"$root/build/wine.log" 2>&1 </dev/null || { cat "$root/build/wine.log" >&2; return 1; }
-    wine reg add 'HKCU\Software\Wine' /v Version /d win10 /f >>"$root/build/wine.log" 2>&1 </dev/null
-    touch "$WINEPREFIX/ready"
+    wine wineboot --init && wine reg add 'HKCU\Software\Wine' /v Version /d win10 /f && touch "$WINEPREFIX/ready"
 }
 
-if [[ ! -e $WINEPREFIX/ready ]]; then
-    mkdir -p "$WINEPREFIX"
-    # Of several tests that start at once, one makes the prefix.
-    exec 9>"$WINEPREFIX/.lock"
-    flock 9
-    [[ -e $WINEPREFIX/ready ]] || make_prefix 9>&-
-    exec 9>&-
-fi
-# Stays for a while: a program that starts just as the server of the one before it leaves finds none.
-wineserver -p60 >/dev/null 2>&1 </dev/null || true
+# Wine's server stays for a while: a program that starts just as the server of the one before it leaves finds none. It and
+# the services are started by themselves, or they would hold the first program's output open for as long.
+start_wine() {
+    [[ -e $WINEPREFIX/ready ]] || make_prefix
+    ! wineserver -p60 || wine wineboot
+}
+
+# Of several programs that start at once, one does it.
+mkdir -p "$WINEPREFIX"
+exec 9>"$WINEPREFIX/.lock"
+flock 9
+start_wine >"$root/build/wine.log" 2>&1 </dev/null 9>&- || { cat "$root/build/wine.log" >&2; exit 1; }
+exec 9>&-
 exec wine "$@"
