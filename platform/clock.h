@@ -30,7 +30,7 @@ struct FileTime {
 };
 
 // The same instant read off a local clock: shifted by the host's offset from UTC that holds at this time of
-// year.
+// year (Windows: by the one that holds now).
 FileTime toLocalFileTime(FileTime utc);
 
 struct CalendarTime {

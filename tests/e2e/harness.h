@@ -37,6 +37,9 @@ struct Resources {
 
 // Of this process.
 Resources ownResources();
+// How many threads and handles the host's libraries make for themselves, at their own time.
+extern const std::size_t kResourceNoise;
+std::chrono::nanoseconds ownProcessorTime();
 
 // The running program; killed at the end if it still runs. Standard output and error are collected.
 class Program {
@@ -56,7 +59,7 @@ class Program {
     std::optional<int> waitForExit();
 
     void interrupt();  // Ctrl-C
-    void terminate();  // the host's polite request
+    void terminate();  // the host's polite request (where there is none: Ctrl-C)
     void kill();       // without a chance to clean up
     Resources resources() const;
 
@@ -91,11 +94,9 @@ class PipeClient {
     std::unique_ptr<Impl> impl_;
 };
 
-inline std::filesystem::path commandPipe(const std::filesystem::path& folder) {
-    return folder / "shell";
-}
-inline std::filesystem::path dataPipe(const std::filesystem::path& folder) {
-    return folder / "data";
-}
+// The pipes that belong to a folder.
+std::filesystem::path commandPipe(const std::filesystem::path& folder);
+std::filesystem::path dataPipe(const std::filesystem::path& folder);
+bool pipeExists(const std::filesystem::path& pipe);
 
 }  // namespace e2e

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -60,8 +61,14 @@ void redirect(const fs::path& path, int target) {
 
 }  // namespace
 
+const std::size_t kResourceNoise = 0;
+
 Resources ownResources() {
     return resourcesOf("self");
+}
+
+std::chrono::nanoseconds ownProcessorTime() {
+    return std::chrono::nanoseconds(1s) / CLOCKS_PER_SEC * std::clock();
 }
 
 TemporaryFolder::TemporaryFolder() {
@@ -238,6 +245,16 @@ void PipeClient::close() {
     if (impl_->socket >= 0) ::close(impl_->socket);
     impl_->socket = -1;
     impl_->pending.clear();
+}
+
+fs::path commandPipe(const fs::path& folder) {
+    return folder / "shell";
+}
+fs::path dataPipe(const fs::path& folder) {
+    return folder / "data";
+}
+bool pipeExists(const fs::path& pipe) {
+    return fs::exists(pipe);
 }
 
 }  // namespace e2e

@@ -24,7 +24,7 @@ TEST_F(Startup, RefusesABadScenarioBeforeAnyPipeExists) {
     EXPECT_EQ(program.waitForExit(), 2);
     EXPECT_NE(program.errors().find("tx_mtu"), std::string::npos) << program.errors();
     EXPECT_EQ(program.output(), "");
-    EXPECT_FALSE(std::filesystem::exists(commandPipe(folder.path())));
+    EXPECT_FALSE(pipeExists(commandPipe(folder.path())));
 }
 
 TEST_F(Startup, EndsByItselfWithoutUsableBluetooth) {

@@ -85,7 +85,7 @@ TEST_F(LoguruTest, FileSinkAppendsItsHeadAndFlushesEachLine) {
 
     loguru::remove_all_callbacks();
     ASSERT_TRUE(loguru::add_file(file_.c_str(), loguru::Truncate, loguru::Verbosity_INFO));
-    EXPECT_FALSE(loguru::add_file(folder_.path().c_str(), loguru::Append, loguru::Verbosity_MAX));
+    EXPECT_FALSE(loguru::add_file(folder_.path().string().c_str(), loguru::Append, loguru::Verbosity_MAX));
     EXPECT_TRUE(linesOfFile().at(0).starts_with("arguments: "));
     EXPECT_NE(linesOfFile().at(5).find(" ERR| Failed to open '"), std::string::npos);
 }

@@ -58,7 +58,7 @@ TEST(DriversDb, Lines) {
 TEST(DriversDb, FileMayBeMissing) {
     const e2e::TemporaryFolder folder;
     const auto file = folder.path() / "known.db";
-    sim::WorldScope world(R"({"drivers_db": ")" + file.string() + R"("})");
+    sim::WorldScope world(R"({"drivers_db": ")" + file.generic_string() + R"("})");
     EXPECT_TRUE(readDriversDb().empty());
     std::ofstream(file) << "a,b,c\n";
     EXPECT_EQ(readDriversDb(), (DriversDb{{L"a#b", L"c"}}));

@@ -1,0 +1,73 @@
+#include "platform/clock.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <array>
+
+#include "platform/event.h"
+#include "platform/runtime.h"
+
+namespace platform {
+
+namespace {
+
+double timeScale = 1;
+std::function<void(std::chrono::milliseconds)> sleepObserver;
+
+FILETIME toFileTime(FileTime time) {
+    return {static_cast<DWORD>(time.ticks & 0xFFFFFFFF), static_cast<DWORD>(time.ticks >> 32)};
+}
+
+}  // namespace
+
+void sleepFor(std::chrono::milliseconds duration) {
+    if (duration <= std::chrono::milliseconds::zero()) {
+        ::Sleep(0);
+        return;
+    }
+    if (sleepObserver) sleepObserver(duration);
+    const auto scaled = std::chrono::duration<double, std::milli>(duration) / timeScale;
+    const std::array<Event*, 1> events{&stopRequested()};
+    waitAny(events, std::chrono::ceil<std::chrono::milliseconds>(scaled));
+}
+
+void setTimeScale(double factor) {
+    timeScale = std::max(1.0, factor);
+}
+
+void setSleepObserver(std::function<void(std::chrono::milliseconds)> observer) {
+    sleepObserver = std::move(observer);
+}
+
+FileTime toLocalFileTime(FileTime utc) {
+    const FILETIME time = toFileTime(utc);
+    FILETIME local{};
+    if (!::FileTimeToLocalFileTime(&time, &local)) return utc;
+    return {static_cast<std::uint64_t>(local.dwHighDateTime) << 32 | local.dwLowDateTime};
+}
+
+CalendarTime toCalendarTime(FileTime time) {
+    const FILETIME fileTime = toFileTime(time);
+    SYSTEMTIME calendar{};
+    if (!::FileTimeToSystemTime(&fileTime, &calendar)) return {};
+    return {calendar.wYear, calendar.wMonth,  calendar.wDay,
+            calendar.wHour, calendar.wMinute, calendar.wSecond};
+}
+
+std::wstring formatLongDateAndTime(const CalendarTime& time) {
+    SYSTEMTIME calendar{};
+    calendar.wYear = static_cast<WORD>(time.year);
+    calendar.wMonth = static_cast<WORD>(time.month);
+    calendar.wDay = static_cast<WORD>(time.day);
+    calendar.wHour = static_cast<WORD>(time.hour);
+    calendar.wMinute = static_cast<WORD>(time.minute);
+    calendar.wSecond = static_cast<WORD>(time.second);
+    std::array<wchar_t, 256> date{};
+    std::array<wchar_t, 256> clock{};
+    ::GetDateFormatW(LOCALE_USER_DEFAULT, DATE_LONGDATE, &calendar, nullptr, date.data(), date.size());
+    ::GetTimeFormatW(LOCALE_USER_DEFAULT, 0, &calendar, nullptr, clock.data(), clock.size());
+    return std::wstring(date.data()) + L' ' + clock.data();
+}
+
+}  // namespace platform

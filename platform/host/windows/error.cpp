@@ -1,0 +1,52 @@
+#include "platform/error.h"
+
+#include <array>
+#include <cstdio>
+#include <string_view>
+
+#include "platform/host/windows/system_error.h"
+#include "platform/text.h"
+
+namespace platform {
+
+namespace {
+
+constexpr std::size_t kLongestMessage = 256;
+
+std::string messageOrNumber(HResult code) {
+    std::string message = systemMessage(code);
+    if (!message.empty()) return message;
+    std::array<char, sizeof "HRESULT 0x00000000"> text;
+    std::snprintf(text.data(), text.size(), "HRESULT 0x%08X", static_cast<unsigned>(code));
+    return text.data();
+}
+
+}  // namespace
+
+PlatformError::PlatformError(HResult code) : PlatformError(code, messageOrNumber(code)) {}
+
+std::string systemMessage(HResult code) {
+    wchar_t* found = nullptr;
+    const DWORD length = ::FormatMessageW(
+        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+        static_cast<DWORD>(code), 0, reinterpret_cast<wchar_t*>(&found), 0, nullptr);
+    const std::string message = toUtf8(std::wstring_view(found, length).substr(0, kLongestMessage));
+    ::LocalFree(found);
+    return message.substr(0, message.find_last_not_of(" \r\n") + 1);
+}
+
+SystemError fromWindows(DWORD code) noexcept {
+    // What a write says when the client has gone; a read says ERROR_BROKEN_PIPE.
+    if (code == ERROR_NO_DATA) return SystemError::brokenPipe;
+    return static_cast<SystemError>(code);
+}
+
+SystemError lastSystemError() noexcept {
+    return fromWindows(::GetLastError());
+}
+
+PlatformError lastError() {
+    return PlatformError(HRESULT_FROM_WIN32(::GetLastError()));
+}
+
+}  // namespace platform

@@ -1,0 +1,96 @@
+#include "platform/runtime.h"
+
+#include <windows.h>
+
+#include <shellapi.h>
+
+#include <atomic>
+#include <cstdio>
+#include <memory>
+
+#include "platform/host/windows/security.h"
+#include "platform/host/windows/system_error.h"
+#include "platform/host/windows/system_function.h"
+#include "platform/text.h"
+
+namespace platform {
+
+namespace {
+
+// The system ends the process when the handler returns, and by itself a few seconds after the console was
+// closed: in any case later than a program that has been asked to stop needs.
+constexpr DWORD kLongestEndMs = 10'000;
+constexpr DWORD kRoInitMultithreaded = 1;
+
+// Looked for: a Windows without the Windows Runtime lacks them, and the program starts there all the same.
+bool initializeWindowsRuntime() {
+    const auto initialize = systemFunction<HRESULT WINAPI(DWORD)>(L"combase.dll", "RoInitialize");
+    return initialize && SUCCEEDED(initialize(kRoInitMultithreaded));
+}
+
+void uninitializeWindowsRuntime() {
+    const auto uninitialize = systemFunction<void WINAPI()>(L"combase.dll", "RoUninitialize");
+    if (uninitialize) uninitialize();
+}
+
+// Runs on a thread of the system's. Ctrl-C asks the program to stop, which may take a while: the second one
+// ends it at once. After the other events the process lives for as long as this function runs; it is gone
+// with the process, so it only has to wait.
+BOOL WINAPI stopOnConsoleEvent(DWORD event) {
+    static std::atomic<bool> askedBefore{false};
+    const bool repeated = askedBefore.exchange(true);
+    requestStop();
+    if (event == CTRL_C_EVENT || event == CTRL_BREAK_EVENT) return repeated ? FALSE : TRUE;
+    ::Sleep(kLongestEndMs);
+    return TRUE;
+}
+
+}  // namespace
+
+// The handler stays until the process ends: taking it away would wait for a handler that waits for the end.
+HostRuntime::HostRuntime() : initialized_(initializeWindowsRuntime()) {
+    if (!setUpComSecurity()) {
+        std::fputws(L"Could not convert string security descriptor!", stderr);
+        return;
+    }
+    stopRequested();  // exists before the handler can need it
+    ::SetConsoleCtrlHandler(stopOnConsoleEvent, TRUE);
+    ready_ = true;
+}
+
+HostRuntime::~HostRuntime() {
+    if (initialized_) uninitializeWindowsRuntime();
+}
+
+Event& stopRequested() {
+    // Never destroyed: detached threads may still wait on it while the process ends.
+    static Event& event = *new Event;
+    return event;
+}
+
+void requestStop() {
+    stopRequested().set();
+}
+
+// Not from main's arguments: those are in the user's code page, which does not know every character.
+std::vector<std::string> programArguments(int, char**) {
+    int count = 0;
+    const std::unique_ptr<wchar_t*, decltype(&::LocalFree)> arguments(
+        ::CommandLineToArgvW(::GetCommandLineW(), &count), ::LocalFree);
+    std::vector<std::string> result;
+    for (int i = 1; arguments && i < count; ++i)
+        result.push_back(toUtf8(arguments.get()[i]));
+    return result;
+}
+
+std::filesystem::path executableDirectory() {
+    std::wstring path(MAX_PATH, L'\0');
+    for (;;) {
+        const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+        if (length == 0) throw lastError();
+        if (length < path.size()) return std::filesystem::path(path.substr(0, length)).parent_path();
+        path.resize(2 * path.size());
+    }
+}
+
+}  // namespace platform

@@ -1,0 +1,374 @@
+#include <windows.h>
+
+#include <winternl.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "tests/e2e/harness.h"
+
+namespace e2e {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// As text: what the program's streams made of a line end is undone.
+std::string readText(const fs::path& path) {
+    std::ifstream file(path);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+// Polls the condition until it holds; false at the deadline.
+template <class Condition>
+bool eventually(Condition condition) {
+    for (const auto end = Clock::now() + kDeadline; Clock::now() < end;) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(2ms);
+    }
+    return condition();
+}
+
+void require(bool succeeded, const char* call) {
+    if (!succeeded) throw std::runtime_error(call + (" failed: " + std::to_string(::GetLastError())));
+}
+
+// One of the system's lists. Wine counts a process's threads and handles correctly nowhere else.
+std::vector<std::byte> systemList(int which) {
+    static const auto query = reinterpret_cast<decltype(&::NtQuerySystemInformation)>(reinterpret_cast<void*>(
+        ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+    std::vector<std::byte> list(1 << 20);
+    ULONG length = 0;
+    const auto status = query(static_cast<SYSTEM_INFORMATION_CLASS>(which), list.data(),
+                              static_cast<ULONG>(list.size()), &length);
+    require(status >= 0, "NtQuerySystemInformation");
+    return list;
+}
+
+struct HandleEntry {
+    ULONG process;
+    BYTE type, flags;
+    USHORT value;
+    void* object;
+    ULONG access;
+};
+
+std::size_t handlesOf(DWORD process) {
+    constexpr int kSystemHandleInformation = 16;
+    const auto list = systemList(kSystemHandleInformation);
+    const auto first = reinterpret_cast<const HandleEntry*>(list.data() + sizeof(void*));
+    const ULONG count = *reinterpret_cast<const ULONG*>(list.data());
+    return static_cast<std::size_t>(
+        std::count_if(first, first + count, [&](const auto& entry) { return entry.process == process; }));
+}
+
+Resources resourcesOf(DWORD process) {
+    const auto list = systemList(SystemProcessInformation);
+    for (const std::byte* entry = list.data();;) {
+        const auto& info = *reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(entry);
+        if (reinterpret_cast<std::uintptr_t>(info.UniqueProcessId) == process) {
+            return {info.NumberOfThreads, handlesOf(process),
+                    info.VirtualMemoryCounters.WorkingSetSize / 1024};
+        }
+        if (info.NextEntryOffset == 0) return {};
+        entry += info.NextEntryOffset;
+    }
+}
+
+HANDLE inheritableFile(const fs::path& path, DWORD access, DWORD disposition) {
+    SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
+    const HANDLE file =
+        ::CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                      &inheritable, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+    require(file != INVALID_HANDLE_VALUE, "CreateFileW");
+    return file;
+}
+
+// The texts hold neither quotation marks nor a backslash at the end.
+std::wstring commandLine(const std::vector<std::string>& arguments) {
+    std::wstring line;
+    for (const std::string& argument : arguments)
+        line += L"\"" + fs::path(argument).wstring() + L"\" ";
+    return line;
+}
+
+// A console without a window, of the program's own, so that keys can be pressed in it.
+class Console {
+  public:
+    Console() {
+        HANDLE keyboard = nullptr;
+        require(::CreatePipe(&keyboard, &keys_, nullptr, 0), "CreatePipe");
+        const HANDLE screen = inheritableFile("NUL", GENERIC_WRITE, OPEN_EXISTING);
+        const HRESULT made = ::CreatePseudoConsole({80, 25}, keyboard, screen, 0, &console_);
+        ::CloseHandle(keyboard);
+        ::CloseHandle(screen);
+        require(SUCCEEDED(made), "CreatePseudoConsole");
+    }
+    ~Console() {
+        ::ClosePseudoConsole(console_);
+        ::CloseHandle(keys_);
+    }
+    Console(const Console&) = delete;
+    Console& operator=(const Console&) = delete;
+
+    HPCON get() const { return console_; }
+
+  private:
+    HANDLE keys_ = nullptr;
+    HPCON console_ = nullptr;
+};
+
+// As an event: Wine's console reads keys from a terminal only, and passes on no other event than this one.
+void pressCtrlC(DWORD process) {
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION helper{};
+    std::wstring line = commandLine({ZIQBLE_PRESS_CTRL_C, std::to_string(process)});
+    require(::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, DETACHED_PROCESS, nullptr,
+                             nullptr, &startup, &helper),
+            "CreateProcessW");
+    ::WaitForSingleObject(helper.hProcess, INFINITE);
+    ::CloseHandle(helper.hThread);
+    ::CloseHandle(helper.hProcess);
+}
+
+}  // namespace
+
+const std::size_t kResourceNoise = 8;
+
+Resources ownResources() {
+    return resourcesOf(::GetCurrentProcessId());
+}
+
+std::chrono::nanoseconds ownProcessorTime() {
+    FILETIME created{}, ended{}, kernel{}, user{};
+    ::GetProcessTimes(::GetCurrentProcess(), &created, &ended, &kernel, &user);
+    return 100ns * (std::int64_t{kernel.dwLowDateTime} + user.dwLowDateTime);
+}
+
+TemporaryFolder::TemporaryFolder() {
+    static std::atomic<int> count{0};
+    const std::string number = std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(++count);
+    path_ = fs::temp_directory_path() / ("ziqble-" + number);
+    fs::create_directories(path_);
+}
+
+TemporaryFolder::~TemporaryFolder() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+}
+
+struct Program::Impl {
+    fs::path folder;
+    Console console;
+    PROCESS_INFORMATION process{};
+
+    void start(std::wstring line);
+    std::optional<int> exitCode() const {
+        DWORD code = 0;
+        if (::WaitForSingleObject(process.hProcess, 0) != WAIT_OBJECT_0) return std::nullopt;
+        ::GetExitCodeProcess(process.hProcess, &code);
+        return static_cast<int>(code);
+    }
+};
+
+void Program::Impl::start(std::wstring line) {
+    SIZE_T size = 0;
+    ::InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
+    std::vector<std::byte> memory(size);
+    STARTUPINFOEXW startup{};
+    startup.StartupInfo.cb = sizeof startup;
+    startup.lpAttributeList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(memory.data());
+    ::InitializeProcThreadAttributeList(startup.lpAttributeList, 1, 0, &size);
+    ::UpdateProcThreadAttribute(startup.lpAttributeList, 0, PROC_THREAD_ATTRIBUTE_PSEUDOCONSOLE,
+                                console.get(), sizeof(HPCON), nullptr, nullptr);
+    startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+    startup.StartupInfo.hStdInput = inheritableFile("NUL", GENERIC_READ, OPEN_EXISTING);
+    startup.StartupInfo.hStdOutput = inheritableFile(folder / "out", FILE_APPEND_DATA, CREATE_ALWAYS);
+    startup.StartupInfo.hStdError = inheritableFile(folder / "err", FILE_APPEND_DATA, CREATE_ALWAYS);
+
+    ::SetEnvironmentVariableW(L"ZIQBLE_SCENARIO", (folder / "scenario.json").c_str());
+    const BOOL started =
+        ::CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, EXTENDED_STARTUPINFO_PRESENT, nullptr,
+                         folder.c_str(), &startup.StartupInfo, &process);
+    require(started, "CreateProcessW");
+    ::DeleteProcThreadAttributeList(startup.lpAttributeList);
+    for (const HANDLE file :
+         {startup.StartupInfo.hStdInput, startup.StartupInfo.hStdOutput, startup.StartupInfo.hStdError})
+        ::CloseHandle(file);
+}
+
+Program::Program(const fs::path& folder, std::string_view scenario, std::vector<std::string> arguments)
+    : impl_(std::make_unique<Impl>()) {
+    impl_->folder = folder;
+    std::ofstream(folder / "scenario.json") << scenario;
+    if (arguments.empty()) {
+        arguments = {"--cmdPipe", commandPipe(folder).string(), "--datPipe", dataPipe(folder).string()};
+    }
+    arguments.insert(arguments.begin(), ZIQBLE_PROGRAM);
+    impl_->start(commandLine(arguments));
+}
+
+Program::~Program() {
+    if (!impl_->exitCode()) kill();
+    ::CloseHandle(impl_->process.hThread);
+    ::CloseHandle(impl_->process.hProcess);
+}
+
+bool Program::waitForOutput(std::string_view text, int times) const {
+    return eventually([&] {
+        const std::string all = output();
+        std::size_t from = 0;
+        for (int found = 0; found < times; ++found) {
+            from = all.find(text, from);
+            if (from == std::string::npos) return false;
+            from += text.size();
+        }
+        return true;
+    });
+}
+
+std::string Program::output() const {
+    return readText(impl_->folder / "out");
+}
+std::string Program::errors() const {
+    return readText(impl_->folder / "err");
+}
+
+std::optional<int> Program::waitForExit() {
+    eventually([this] { return impl_->exitCode().has_value(); });
+    return impl_->exitCode();
+}
+
+void Program::interrupt() {
+    pressCtrlC(impl_->process.dwProcessId);
+}
+void Program::terminate() {
+    interrupt();
+}
+void Program::kill() {
+    ::TerminateProcess(impl_->process.hProcess, 1);
+    ::WaitForSingleObject(impl_->process.hProcess, INFINITE);
+}
+
+Resources Program::resources() const {
+    return resourcesOf(impl_->process.dwProcessId);
+}
+
+// Reads and writes may be under way at the same time, on two threads.
+struct PipeClient::Impl {
+    HANDLE pipe = INVALID_HANDLE_VALUE;
+    HANDLE readDone = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    HANDLE writeDone = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    std::string pending;
+
+    ~Impl() {
+        ::CloseHandle(readDone);
+        ::CloseHandle(writeDone);
+    }
+
+    // Reads what is there; false when the other end is gone or the deadline has passed.
+    bool fill(Clock::time_point end) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+        if (left.count() <= 0) return false;
+        std::array<char, 65536> buffer;
+        OVERLAPPED overlapped{};
+        overlapped.hEvent = readDone;
+        if (!::ReadFile(pipe, buffer.data(), buffer.size(), nullptr, &overlapped) &&
+            ::GetLastError() != ERROR_IO_PENDING) {
+            return false;
+        }
+        if (::WaitForSingleObject(readDone, static_cast<DWORD>(left.count())) != WAIT_OBJECT_0) {
+            ::CancelIoEx(pipe, &overlapped);
+        }
+        DWORD count = 0;
+        if (!::GetOverlappedResult(pipe, &overlapped, &count, TRUE)) return false;
+        pending.append(buffer.data(), count);
+        return true;
+    }
+
+    std::string take(std::size_t count) {
+        std::string taken = pending.substr(0, count);
+        pending.erase(0, count);
+        return taken;
+    }
+};
+
+PipeClient::PipeClient() : impl_(std::make_unique<Impl>()) {}
+PipeClient::~PipeClient() {
+    if (impl_) close();
+}
+PipeClient::PipeClient(PipeClient&&) noexcept = default;
+PipeClient& PipeClient::operator=(PipeClient&&) noexcept = default;
+
+bool PipeClient::tryOpen(const fs::path& pipe) {
+    impl_->pipe = ::CreateFileW(pipe.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                FILE_FLAG_OVERLAPPED, nullptr);
+    return impl_->pipe != INVALID_HANDLE_VALUE;
+}
+
+bool PipeClient::open(const fs::path& pipe) {
+    return eventually([&] { return tryOpen(pipe); });
+}
+
+bool PipeClient::send(std::string_view bytes) {
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = impl_->writeDone;
+    if (!::WriteFile(impl_->pipe, bytes.data(), static_cast<DWORD>(bytes.size()), nullptr, &overlapped) &&
+        ::GetLastError() != ERROR_IO_PENDING) {
+        return false;
+    }
+    DWORD count = 0;
+    return ::GetOverlappedResult(impl_->pipe, &overlapped, &count, TRUE) && count == bytes.size();
+}
+
+std::string PipeClient::readUntil(std::string_view text, std::chrono::milliseconds deadline) {
+    const auto end = Clock::now() + deadline;
+    for (;;) {
+        const std::size_t found = impl_->pending.find(text);
+        if (found != std::string::npos) return impl_->take(found + text.size());
+        if (!impl_->fill(end)) return impl_->take(impl_->pending.size());
+    }
+}
+
+std::string PipeClient::readBytes(std::size_t count, std::chrono::milliseconds deadline) {
+    const auto end = Clock::now() + deadline;
+    while (impl_->pending.size() < count && impl_->fill(end)) {
+    }
+    return impl_->take(count);
+}
+
+bool PipeClient::waitForClose() {
+    const auto end = Clock::now() + kDeadline;
+    while (impl_->fill(end)) {
+    }
+    return Clock::now() < end;
+}
+
+void PipeClient::close() {
+    if (impl_->pipe != INVALID_HANDLE_VALUE) ::CloseHandle(impl_->pipe);
+    impl_->pipe = INVALID_HANDLE_VALUE;
+    impl_->pending.clear();
+}
+
+// Pipes are not in the folder, but named after it.
+fs::path commandPipe(const fs::path& folder) {
+    return L"\\\\.\\pipe\\" + folder.filename().wstring() + L"-shell";
+}
+fs::path dataPipe(const fs::path& folder) {
+    return L"\\\\.\\pipe\\" + folder.filename().wstring() + L"-data";
+}
+bool pipeExists(const fs::path& pipe) {
+    return ::WaitNamedPipeW(pipe.c_str(), 1) || ::GetLastError() != ERROR_FILE_NOT_FOUND;
+}
+
+}  // namespace e2e
