@@ -32,6 +32,7 @@ std::optional<FaultPoint> parseFaultPoint(std::string_view text) {
     if (text == "services:all") return FaultPoint{Call::servicesAll};
     if (text == "characteristics") return FaultPoint{Call::characteristics};
     if (text == "pair") return FaultPoint{Call::pair};
+    if (text == "session") return FaultPoint{Call::session};
     if (text == "notify:TX") return FaultPoint{Call::notify, CharacteristicKind::tx};
 
     const auto colon = text.find(':');
@@ -70,6 +71,10 @@ std::optional<Fault> parseFault(std::string_view text) {
 }
 
 bool isPossible(const FaultPoint& point, FaultAction action) {
+    if (point.call == FaultPoint::Call::session) {
+        return action == FaultAction::error || action == FaultAction::throwError ||
+               action == FaultAction::disconnect || action == FaultAction::hang;
+    }
     if (point.call != FaultPoint::Call::notify) return true;
     return action == FaultAction::null || action == FaultAction::noOperation ||
            action == FaultAction::disconnect || action == FaultAction::hang;

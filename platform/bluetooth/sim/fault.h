@@ -12,7 +12,17 @@
 namespace sim {
 
 struct FaultPoint {
-    enum class Call { device, services, servicesAll, characteristics, subscribe, write, notify, pair };
+    enum class Call {
+        device,
+        services,
+        servicesAll,
+        characteristics,
+        subscribe,
+        write,
+        notify,
+        pair,
+        session
+    };
 
     Call call = Call::device;
     CharacteristicKind characteristic = CharacteristicKind::tx;  // of subscribe, write and notify

@@ -100,6 +100,8 @@ class Service final : public platform::GattDeviceService {
     }
 
     std::shared_ptr<platform::GattSession> session() override {
+        auto& peripheral = link_->peripheral();
+        if (const auto fault = peripheral.pass({Call::session})) sufferFault(peripheral, *fault);
         return std::make_shared<Session>(link_->peripheral().sharedBackstage(), link_->sessionListeners());
     }
 
