@@ -66,7 +66,7 @@ class ShellSession {
     CNamedPipe shell_;
     CommandSet commands_{shell_};
     std::array<std::uint8_t, 512> readBuffer_{};
-    std::shared_ptr<const TioContext> dropped_;  // the session whose drop the client was told last
+    std::weak_ptr<const TioContext> dropped_;  // the session whose drop the client was told last
 };
 
 void ShellSession::run() {
@@ -218,7 +218,7 @@ void ShellSession::deliverLinkLines() {
             continue;
         }
         // Another thread may have noticed the drop before the session announced itself.
-        const bool late = line->session->stoppedByShell || line->session == dropped_;
+        const bool late = line->session->stoppedByShell || line->session == dropped_.lock();
         if (late && line->text == L"CONNECT TIO\r\n") continue;
         const bool dropped = line->text == L"TIO DROP\r\n";
         shell_.writeText(line->text);

@@ -43,7 +43,7 @@ class FailureTable:
             if fields[0] == "generation":
                 columns = fields
             elif fields[0] in ("newer", "older"):
-                for action, cell in zip(columns[3:], fields[3:]):
+                for action, cell in zip(columns[4:], fields[4:]):
                     lines = {line.strip() for line in cell.split(",")} - {"", "none", "waits"}
                     self.cells.setdefault((fields[0], fields[1], action), set()).update(lines)
 
