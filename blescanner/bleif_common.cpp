@@ -21,8 +21,8 @@ namespace {
 constexpr std::size_t kLongestNotification = 1024;  // bytes; what is longer is cut
 
 void signalConnectionDrop(const std::shared_ptr<TioContext>& context) {
-    // The exchange makes it once, however many writes fail at the same moment.
-    if (context->dataPipe.exchange(nullptr) != nullptr) notifyClient(context, L"TIO DROP\r\n");
+    // Once, however many writes fail at the same moment.
+    if (endLink(*context)) notifyClient(context, L"TIO DROP\r\n");
 }
 
 // Little-endian; a missing high byte counts as zero.

@@ -98,7 +98,7 @@ void CommandSet::closeLink() {
     const auto session = currentTioContext();
     session->stoppedByShell = true;
     // The reference goes first: whoever wakes up because the pipe is closed finds the session stopped.
-    session->dataPipe = nullptr;
+    endLink(*session);
     closeDataPipe();
 }
 

@@ -114,7 +114,7 @@ std::shared_ptr<TioContext> currentTioContext() {
 
 void resetTioContext(TioContext& context) {
     context.subscriptions.clear();
-    context.dataPipe = nullptr;
+    endLink(context);
     context.localCredits = 0;
     context.remoteCredits = 0;
     context.crtxChar.reset();
@@ -184,7 +184,7 @@ int lecommStart(std::shared_ptr<CNamedPipe> dataPipe, const std::wstring& addres
         LOG_S(ERROR) << "Exception in lecommStart" << platform::number(platform::lastSystemError());
         logCurrentException();
         // Without a thread the session must not look as if it ran.
-        if (context) context->dataPipe = nullptr;
+        if (context) endLink(*context);
     }
     return 0;
 }
@@ -196,14 +196,24 @@ void onSessionStatusChanged(const std::shared_ptr<TioContext>& context, platform
             return;
         case platform::GattSessionStatus::closed:
             LOG_S(INFO) << "Status is: CLOSED";
-            if (context->dataPipe) notifyClient(context, L"STATUS CLOSED\r\n");
+            notifyWhileLinked(context, L"STATUS CLOSED\r\n");
             return;
     }
     LOG_S(INFO) << "[UNEXPECTED]: Session status is " << static_cast<int>(status);
 }
 
+bool endLink(TioContext& context) {
+    const std::lock_guard lock(context.lineOrder);
+    return context.dataPipe.exchange(nullptr) != nullptr;
+}
+
 void notifyClient(const std::shared_ptr<const TioContext>& context, const wchar_t* line) {
     linkNotification().post({line, context});
+}
+
+void notifyWhileLinked(const std::shared_ptr<TioContext>& context, const wchar_t* line) {
+    const std::lock_guard lock(context->lineOrder);
+    if (context->dataPipe) notifyClient(context, line);
 }
 
 bool waitForLinkSessions(std::chrono::milliseconds timeout) {

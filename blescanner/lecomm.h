@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,7 @@ struct TioContext {
     std::atomic<std::int32_t> txMtu = TIO_DEFAULT_MTU;  // bytes; the largest write to RX_UUID
     platform::Guid serviceUuid = TIO_SERVICE_UUID;
     platform::Guid altServiceUuid = TIO_ALT_SERVICE_UUID;
-    // The session's stop signal: non-null while it runs, cleared by whoever ends it. Points at
+    // The session's stop signal: non-null while it runs, cleared by whoever ends it (endLink). Points at
     // dataPipeOwner's.
     std::atomic<CNamedPipe*> dataPipe = nullptr;
     std::atomic<std::int32_t> localCredits = 0;
@@ -49,6 +50,8 @@ struct TioContext {
     // The shell has stopped the session. It then leaves the radio and the peripheral to the one that comes
     // after it, and does not announce itself any more.
     std::atomic<bool> stoppedByShell = false;
+    // Held while a line that only a running session may send is posted, and while the session is ended.
+    std::mutex lineOrder;
     // Keeps the pipe alive for late users of dataPipe. Set before the session's threads exist.
     std::shared_ptr<CNamedPipe> dataPipeOwner;
     std::vector<platform::Subscription> subscriptions;
@@ -95,8 +98,14 @@ void runDataPump(const std::shared_ptr<TioContext>& context);
 
 void onSessionStatusChanged(const std::shared_ptr<TioContext>& context, platform::GattSessionStatus status);
 
-// Sends a line of this session to the command-pipe client.
+// Ends the session's claim on the data pipe, once: true for the call that did it. Any thread.
+bool endLink(TioContext& context);
+
+// Sends a line of this session to the command-pipe client. Any thread.
 void notifyClient(const std::shared_ptr<const TioContext>& context, const wchar_t* line);
+
+// The same, unless the session has ended: such a line never follows the one that told the end. Any thread.
+void notifyWhileLinked(const std::shared_ptr<TioContext>& context, const wchar_t* line);
 
 // True once every session thread has ended, false when the time was over before. Any thread.
 bool waitForLinkSessions(std::chrono::milliseconds timeout);

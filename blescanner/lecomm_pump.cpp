@@ -75,7 +75,7 @@ void DataPump::run() {
     if (!startConnection()) return;
     // The client is told to open the data pipe only now. Not when it has stopped the link, or the link has
     // dropped, meanwhile: there is no pipe any more that it could open.
-    if (context_.dataPipe) notifyClient(shared_, L"CONNECT TIO\r\n");
+    notifyWhileLinked(shared_, L"CONNECT TIO\r\n");
     watchSession();
     LOG_S(INFO) << "Starting communication loop...";
     transfer();

@@ -52,7 +52,7 @@ class CommSession {
 };
 
 void CommSession::fail(const wchar_t* line) {
-    context_.dataPipe = nullptr;
+    endLink(context_);
     notifyClient(shared_, line);
 }
 
@@ -113,7 +113,7 @@ bool CommSession::stopped() const {
 }
 
 void CommSession::serviceMissing() {
-    context_.dataPipe = nullptr;
+    endLink(context_);
     if (interface_->needsStackFlush()) {
         LOG_S(INFO) << "Flushing BLE stack...";
         resetTioContext(context_);
@@ -182,7 +182,7 @@ void CommSession::awaitStop() {
 }
 
 void abandon(const std::shared_ptr<TioContext>& context, const char* logLine) {
-    context->dataPipe = nullptr;
+    endLink(*context);
     notifyClient(context, L"ERROR EXP\r\n");
     resetTioContext(*context);
     LOG_S(ERROR) << logLine;
