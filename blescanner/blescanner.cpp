@@ -10,6 +10,7 @@
 #include "blescanner/blehelper.h"
 #include "blescanner/cmdpipe.h"
 #include "blescanner/lecomm.h"
+#include "blescanner/platform_error_text.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
 #include "platform/version.h"
@@ -52,12 +53,16 @@ void logBanner() {
 }
 
 void shellThread() {
+    constexpr const char* kFatal = "Unknown exception in shell thread!";
     try {
         LOG_S(INFO) << "Starting shell pipe...";
         runShellSession();
         LOG_S(INFO) << "Shell pipe terminated...";
+    } catch (const platform::PlatformError& error) {
+        LOG_S(ERROR) << kFatal;
+        LOG_S(ERROR) << describe(error);
     } catch (...) {
-        LOG_S(ERROR) << "Unknown exception in shell thread!";
+        LOG_S(ERROR) << kFatal;
     }
 }
 

@@ -1,0 +1,166 @@
+#include "platform/bluetooth/windows/gatt.h"
+
+#include "platform/bluetooth/windows/event_handler.h"
+#include "platform/bluetooth/windows/streams.h"
+
+namespace platform::winrt {
+
+namespace {
+
+namespace abi = ABI::Windows::Devices::Bluetooth::GenericAttributeProfile;
+using ABI::Windows::Foundation::IAsyncOperation;
+using CharacteristicView = ABI::Windows::Foundation::Collections::IVectorView<abi::GattCharacteristic*>;
+
+AsyncOperationPtr<GattCommunicationStatus> makeWriteOperation(
+    ComPtr<IAsyncOperation<abi::GattCommunicationStatus>> operation) {
+    return makeOperation<GattCommunicationStatus>(
+        std::move(operation),
+        [](abi::GattCommunicationStatus status) { return static_cast<GattCommunicationStatus>(status); });
+}
+
+class WindowsCharacteristic final : public GattCharacteristic {
+  public:
+    WindowsCharacteristic(ComPtr<abi::IGattCharacteristic> characteristic,
+                          std::shared_ptr<const Streams> streams)
+        : characteristic_(std::move(characteristic)), streams_(std::move(streams)) {}
+
+    Guid uuid() const override {
+        return fromRuntime(valueOf(characteristic_, &abi::IGattCharacteristic::get_Uuid));
+    }
+
+    AsyncOperationPtr<GattCommunicationStatus> writeValueAsync(std::span<const std::uint8_t> value,
+                                                               GattWriteOption option) override {
+        ComPtr<IAsyncOperation<abi::GattCommunicationStatus>> operation;
+        check(characteristic_->WriteValueWithOptionAsync(streams_->bufferOf(value).Get(),
+                                                         static_cast<abi::GattWriteOption>(option),
+                                                         operation.GetAddressOf()));
+        return makeWriteOperation(std::move(operation));
+    }
+
+    AsyncOperationPtr<GattCommunicationStatus> writeClientCharacteristicConfigurationDescriptorAsync(
+        GattClientCharacteristicConfigurationDescriptorValue value) override {
+        ComPtr<IAsyncOperation<abi::GattCommunicationStatus>> operation;
+        check(characteristic_->WriteClientCharacteristicConfigurationDescriptorAsync(
+            static_cast<abi::GattClientCharacteristicConfigurationDescriptorValue>(value),
+            operation.GetAddressOf()));
+        return makeWriteOperation(std::move(operation));
+    }
+
+    Subscription onValueChanged(ValueChangedHandler handler) override {
+        return subscribe<abi::IGattCharacteristic, abi::IGattValueChangedEventArgs>(
+            characteristic_, &abi::IGattCharacteristic::add_ValueChanged,
+            &abi::IGattCharacteristic::remove_ValueChanged,
+            [handler = std::move(handler), streams = streams_](abi::IGattCharacteristic* sender,
+                                                               abi::IGattValueChangedEventArgs* args) {
+                deliver(handler, streams, sender, args);
+            });
+    }
+
+  private:
+    static void deliver(const ValueChangedHandler& handler, const std::shared_ptr<const Streams>& streams,
+                        abi::IGattCharacteristic* sender, abi::IGattValueChangedEventArgs* args) {
+        std::optional<WindowsCharacteristic> from;
+        if (sender) from.emplace(sender, streams);
+        WindowsCharacteristic* const seen = from ? &*from : nullptr;
+        if (!args) return handler(seen, nullptr);
+        ValueBytes storage;
+        const auto buffer = objectOf(ComPtr<abi::IGattValueChangedEventArgs>(args),
+                                     &abi::IGattValueChangedEventArgs::get_CharacteristicValue);
+        const GattValueChangedEventArgs value{streams->bytesOf(buffer.Get(), storage)};
+        handler(seen, &value);
+    }
+
+    const ComPtr<abi::IGattCharacteristic> characteristic_;
+    const std::shared_ptr<const Streams> streams_;
+};
+
+std::vector<std::shared_ptr<GattCharacteristic>> characteristicsOf(const ComPtr<CharacteristicView>& view) {
+    const auto streams = std::make_shared<const Streams>();
+    return elementsOf<std::shared_ptr<GattCharacteristic>>(
+        view, [&streams](ComPtr<abi::IGattCharacteristic> characteristic) {
+            return std::make_shared<WindowsCharacteristic>(std::move(characteristic), streams);
+        });
+}
+
+GattCharacteristicsResult characteristicsResult(const ComPtr<abi::IGattCharacteristicsResult>& result) {
+    if (!result) return {};
+    const auto status = valueOf(result, &abi::IGattCharacteristicsResult::get_Status);
+    const auto view = objectOf(result, &abi::IGattCharacteristicsResult::get_Characteristics);
+    if (!view) return {static_cast<GattCommunicationStatus>(status), std::nullopt};
+    return {static_cast<GattCommunicationStatus>(status), characteristicsOf(view)};
+}
+
+class WindowsSession final : public GattSession {
+  public:
+    explicit WindowsSession(ComPtr<abi::IGattSession> session) : session_(std::move(session)) {}
+
+    Subscription onSessionStatusChanged(StatusChangedHandler handler) override {
+        return subscribe<abi::IGattSession, abi::IGattSessionStatusChangedEventArgs>(
+            session_, &abi::IGattSession::add_SessionStatusChanged,
+            &abi::IGattSession::remove_SessionStatusChanged,
+            [handler = std::move(handler)](abi::IGattSession*,
+                                           abi::IGattSessionStatusChangedEventArgs* args) {
+                const auto status = valueOf(ComPtr<abi::IGattSessionStatusChangedEventArgs>(args),
+                                            &abi::IGattSessionStatusChangedEventArgs::get_Status);
+                handler(static_cast<GattSessionStatus>(status));
+            });
+    }
+
+  private:
+    const ComPtr<abi::IGattSession> session_;
+};
+
+class WindowsService final : public GattDeviceService {
+  public:
+    explicit WindowsService(ComPtr<abi::IGattDeviceService> service) : service_(std::move(service)) {}
+
+    Guid uuid() const override { return fromRuntime(valueOf(service_, &abi::IGattDeviceService::get_Uuid)); }
+
+    AsyncOperationPtr<GattCharacteristicsResult> getCharacteristicsForUuidAsync(const Guid& uuid) override {
+        ComPtr<IAsyncOperation<abi::GattCharacteristicsResult*>> operation;
+        check(query<abi::IGattDeviceService3>(service_)->GetCharacteristicsForUuidAsync(
+            toRuntime(uuid), operation.GetAddressOf()));
+        return makeOperation<GattCharacteristicsResult>(std::move(operation), characteristicsResult);
+    }
+
+    std::vector<std::shared_ptr<GattCharacteristic>> getCharacteristics(const Guid& uuid) override {
+        ComPtr<CharacteristicView> view;
+        check(service_->GetCharacteristics(toRuntime(uuid), view.GetAddressOf()));
+        if (!view) return {};
+        return characteristicsOf(view);
+    }
+
+    std::shared_ptr<GattSession> session() override {
+        auto session =
+            objectOf(query<abi::IGattDeviceService3>(service_), &abi::IGattDeviceService3::get_Session);
+        if (!session) throw PlatformError(kEFail);
+        return std::make_shared<WindowsSession>(std::move(session));
+    }
+
+  private:
+    const ComPtr<abi::IGattDeviceService> service_;
+};
+
+}  // namespace
+
+std::vector<std::shared_ptr<GattDeviceService>> servicesOf(const ComPtr<GattServiceView>& view) {
+    if (!view) return {};
+    return elementsOf<std::shared_ptr<GattDeviceService>>(view, [](ComPtr<abi::IGattDeviceService> service) {
+        return std::make_shared<WindowsService>(std::move(service));
+    });
+}
+
+AsyncOperationPtr<GattDeviceServicesResult> makeServicesOperation(
+    ComPtr<IAsyncOperation<abi::GattDeviceServicesResult*>> operation) {
+    return makeOperation<GattDeviceServicesResult>(
+        std::move(operation),
+        [](const ComPtr<abi::IGattDeviceServicesResult>& result) -> GattDeviceServicesResult {
+            if (!result) return {};
+            const auto status = valueOf(result, &abi::IGattDeviceServicesResult::get_Status);
+            const auto view = objectOf(result, &abi::IGattDeviceServicesResult::get_Services);
+            if (!view) return {static_cast<GattCommunicationStatus>(status), std::nullopt};
+            return {static_cast<GattCommunicationStatus>(status), servicesOf(view)};
+        });
+}
+
+}  // namespace platform::winrt

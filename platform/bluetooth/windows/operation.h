@@ -1,0 +1,98 @@
+// Asynchronous operations of the Windows Runtime as the program polls them.
+#pragma once
+
+#include <asyncinfo.h>
+#include <windows.foundation.collections.h>
+#include <windows.foundation.h>
+
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "platform/async.h"
+#include "platform/bluetooth/windows/winrt.h"
+#include "platform/text.h"
+
+namespace platform::winrt {
+
+// What both kinds of question about an operation need, whatever its result.
+//
+// Threads: any.
+class OperationInfo {
+  public:
+    template <class Operation>
+    explicit OperationInfo(const ComPtr<Operation>& operation) : info_(query<IAsyncInfo>(operation)) {}
+
+    // Once the Bluetooth side has ended (endOperations) an operation that still runs is called back and
+    // reads as cancelled, whether or not the runtime follows at once.
+    AsyncStatus status() const;
+    HResult errorCode() const;
+    std::string typeName() const;
+
+  private:
+    ComPtr<IAsyncInfo> info_;
+};
+
+// From now on nobody has to wait for an operation that the runtime does not finish.
+void endOperations();
+
+// `Logical` is the result as the runtime names it (BluetoothLEDevice*, an enum); `Convert` makes the seam's
+// of it: it is given the enum, or a reference that may be null.
+template <class Result, class Logical, class Convert>
+class Operation final : public AsyncOperation<Result> {
+  public:
+    using Abi = ABI::Windows::Foundation::IAsyncOperation<Logical>;
+
+    Operation(ComPtr<Abi> operation, Convert convert)
+        : operation_(std::move(operation)), info_(operation_), convert_(std::move(convert)) {}
+
+    AsyncStatus status() const override { return info_.status(); }
+    HResult errorCode() const override { return info_.errorCode(); }
+    std::string typeName() const override { return info_.typeName(); }
+
+    Result getResults() override {
+        if (info_.status() == AsyncStatus::canceled) throw PlatformError(kECancelled);
+        typename ABI::Windows::Foundation::Internal::GetAbiType<typename Abi::TResult_complex>::type raw{};
+        check(operation_->GetResults(&raw));
+        if constexpr (std::is_pointer_v<decltype(raw)>) {
+            ComPtr<std::remove_pointer_t<decltype(raw)>> owned;
+            owned.Attach(raw);
+            return convert_(owned);
+        } else {
+            return convert_(raw);
+        }
+    }
+
+  private:
+    const ComPtr<Abi> operation_;
+    const OperationInfo info_;
+    const Convert convert_;
+};
+
+// Null stays null: no operation came back.
+template <class Result, class Logical, class Convert>
+AsyncOperationPtr<Result> makeOperation(ComPtr<ABI::Windows::Foundation::IAsyncOperation<Logical>> operation,
+                                        Convert convert) {
+    if (!operation) return nullptr;
+    return std::make_shared<Operation<Result, Logical, Convert>>(std::move(operation), std::move(convert));
+}
+
+// The elements of a list, each made into the seam's object. The list must not be null.
+template <class Result, class View, class Convert>
+std::vector<Result> elementsOf(const ComPtr<View>& view, Convert convert) {
+    std::vector<Result> elements;
+    const UINT32 size = valueOf(view, &View::get_Size);
+    elements.reserve(size);
+    for (UINT32 index = 0; index < size; ++index) {
+        typename ABI::Windows::Foundation::Internal::GetAbiType<typename View::T_complex>::type raw{};
+        check(view->GetAt(index, &raw));
+        ComPtr<std::remove_pointer_t<decltype(raw)>> element;
+        element.Attach(raw);
+        elements.push_back(convert(std::move(element)));
+    }
+    return elements;
+}
+
+}  // namespace platform::winrt

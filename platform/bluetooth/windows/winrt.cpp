@@ -1,0 +1,49 @@
+#include "platform/bluetooth/windows/winrt.h"
+
+#include <roapi.h>
+#include <winstring.h>
+
+#include <algorithm>
+#include <cwchar>
+
+namespace platform::winrt {
+
+void check(HRESULT result) {
+    if (FAILED(result)) throw PlatformError(result);
+}
+
+void activationFactory(const wchar_t* className, REFIID interfaceId, void** factory) {
+    HSTRING_HEADER header;
+    HSTRING name = nullptr;
+    check(::WindowsCreateStringReference(className, static_cast<UINT32>(std::wcslen(className)), &header,
+                                         &name));
+    check(::RoGetActivationFactory(name, interfaceId, factory));
+}
+
+RuntimeString::RuntimeString(const std::wstring& text) {
+    check(::WindowsCreateString(text.data(), static_cast<UINT32>(text.size()), &handle_));
+}
+
+RuntimeString::~RuntimeString() {
+    ::WindowsDeleteString(handle_);
+}
+
+std::wstring RuntimeString::text() const {
+    UINT32 length = 0;
+    const wchar_t* const units = ::WindowsGetStringRawBuffer(handle_, &length);
+    return {units, length};
+}
+
+Guid fromRuntime(const GUID& guid) {
+    Guid result{guid.Data1, guid.Data2, guid.Data3, {}};
+    std::copy(std::begin(guid.Data4), std::end(guid.Data4), result.data4.begin());
+    return result;
+}
+
+GUID toRuntime(const Guid& guid) {
+    GUID result{guid.data1, guid.data2, guid.data3, {}};
+    std::copy(guid.data4.begin(), guid.data4.end(), std::begin(result.Data4));
+    return result;
+}
+
+}  // namespace platform::winrt
