@@ -211,8 +211,9 @@ void IBLEIF::dataReceived(const platform::GattValueChangedEventArgs* args) {
     } else if (!args->value.empty()) {
         const auto bytes = args->value.first(std::min(args->value.size(), kLongestNotification));
         if (CNamedPipe* const pipe = context_.dataPipe) {
-            pipe->writeBytes(bytes);
+            // First: a client that has them all may ask for the figure at once.
             context_.rxBytes.fetch_add(bytes.size(), std::memory_order_relaxed);
+            pipe->writeBytes(bytes);
         } else {
             LOG_S(ERROR) << "ERR(W) - NULL";
         }

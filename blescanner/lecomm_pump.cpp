@@ -2,6 +2,7 @@
 #include <array>
 #include <chrono>
 #include <loguru.hpp>
+#include <optional>
 #include <span>
 
 #include "blescanner/bleif_common.h"
@@ -39,6 +40,8 @@ class DataPump {
     void issuePipeRead();
     std::size_t waitPipeRead();
     void sendToPeripheral(std::span<const std::uint8_t> bytes);
+    // The status of the awaited write; nothing when it failed with an error.
+    std::optional<platform::GattCommunicationStatus> writeChunk(std::span<const std::uint8_t> chunk);
     void sendChunk(std::span<const std::uint8_t> chunk);
     bool waitForCredits();
 
@@ -178,14 +181,25 @@ void DataPump::sendToPeripheral(std::span<const std::uint8_t> bytes) {
     }
 }
 
-void DataPump::sendChunk(std::span<const std::uint8_t> chunk) {
-    context_.remoteCredits.fetch_sub(1);
+std::optional<platform::GattCommunicationStatus> DataPump::writeChunk(std::span<const std::uint8_t> chunk) {
     const auto write =
         context_.rxChar->writeValueAsync(chunk, platform::GattWriteOption::writeWithoutResponse);
     if (!write) throw platform::PlatformError(platform::kEFail, "No operation came back for a data write");
     awaitOperation(*write);
-    const auto status = recoverOnError(shared_, *write);
+    return recoverOnError(shared_, *write);
+}
+
+void DataPump::sendChunk(std::span<const std::uint8_t> chunk) {
+    context_.remoteCredits.fetch_sub(1);
+    // Before the peripheral can answer: a client that has the answer may ask for the figure at once.
     context_.txBytes.fetch_add(chunk.size(), std::memory_order_relaxed);
+    std::optional<platform::GattCommunicationStatus> status;
+    try {
+        status = writeChunk(chunk);
+    } catch (...) {
+        context_.txBytes.fetch_sub(chunk.size(), std::memory_order_relaxed);
+        throw;
+    }
     if (status == platform::GattCommunicationStatus::success) return;
     LOG_S(WARNING) << "Link: a write of " << chunk.size() << " bytes failed, they may be lost (status "
                    << (status ? statusText(*status) : "error") << ")";
