@@ -70,7 +70,9 @@ std::string scenario(const Case& item) {
     // The full listing is asked for only when the look-up by UUID has failed.
     if (newer && item.point == "services:all") text << R"("appears_after_listing": true, )";
     // Without MTUs nothing else is under way when the fault comes.
-    if (item.duringTransfer) text << R"("characteristics": ["TX", "RX", "CRTX", "CRRX"], )";
+    if (item.duringTransfer || item.point == "session") {
+        text << R"("characteristics": ["TX", "RX", "CRTX", "CRRX"], )";
+    }
     text << R"("faults": [{"on": ")" << item.point << R"(", "after": )" << item.after << R"(, "times": )"
          << item.times << R"(, "do": ")" << (spelled == actions.end() ? item.action : spelled->second)
          << R"("}]}]})";
