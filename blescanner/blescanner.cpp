@@ -19,7 +19,7 @@ namespace blescanner {
 
 namespace {
 
-constexpr const char* kVersion = "1.00.4";
+constexpr const char* kVersion = ZIQBLE_VERSION;
 constexpr std::chrono::seconds kLinkSessionEndTime{2};
 
 void logToStandardOutput(void*, const loguru::Message& line) {
