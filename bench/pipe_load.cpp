@@ -20,6 +20,7 @@
 #include <random>
 #include <span>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
