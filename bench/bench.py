@@ -1,4 +1,4 @@
-"""Measures the bridge and socat with the same loads and prints a table in Markdown."""
+"""Measures the bridge, and socat with the same loads, and prints a table in Markdown."""
 import argparse
 import json
 import os
@@ -10,7 +10,7 @@ import threading
 import time
 from pathlib import Path
 
-from relays import ADDRESS, LOAD, PROGRAM, Bridge, Socat, stop
+from relays import ADDRESS, Bridge, Linux, Socat, Wine, stop
 
 # At zero credits the sender sleeps 20 ms, and it uses up a few hundred faster than the thread that brings new ones wakes
 # up. So the bridge itself is measured with plenty; what fewer credits cost is shown beside it.
@@ -26,16 +26,17 @@ SOURCE = "source:1000000000000"
 def run_load(relay, mode, seconds):
     """Plays a client; the result gets the CPU seconds that the relay used meanwhile and its peak memory."""
     cpu = relay.cpu_seconds()
-    load = subprocess.Popen([LOAD, mode, relay.near, str(seconds)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                            text=True)
+    load = subprocess.Popen([*relay.load, mode, relay.near, str(seconds)], stdin=subprocess.PIPE,
+                            stdout=subprocess.PIPE, text=True)
     try:
         relay.client_connected()
         line = load.stdout.readline()
         if not line:
             raise RuntimeError(f"pipe_load {mode} against {relay.name} failed")
+        told = time.monotonic()
         result = json.loads(line)
         if mode == "send" and isinstance(relay, Bridge):
-            result["end"] = relay.all_arrived(result["sent"])
+            result["end"] += relay.all_arrived(result["sent"]) - told  # Wine's clock is not this one
         result["cpu"] = relay.cpu_seconds() - cpu
         result["memory"] = relay.peak_megabytes()
         load.stdin.close()
@@ -60,8 +61,8 @@ def throughput(relay, mode, seconds):
 
 
 class Bench:
-    def __init__(self, folder):
-        self.folder = folder
+    def __init__(self, host, folder):
+        self.host, self.folder = host, folder
         self.rows = []
         self.accounts = []
         self.runs = 0
@@ -74,67 +75,78 @@ class Bench:
 
     def bridge(self, what, measure, **peripheral):
         print(f"{what}: the bridge ...", file=sys.stderr, flush=True)
-        relay = Bridge(self.fresh_folder(), {"address": ADDRESS, "name": "BENCH", "tx_mtu": 244, **peripheral})
+        peripheral = {"address": ADDRESS, "name": "BENCH", "tx_mtu": 244, **peripheral}
+        relay = Bridge(self.host, self.fresh_folder(), peripheral)
         with relay:
             result = measure(relay)
         self.accounts.append(f"{what}: {relay.account}")
         return result
 
     def socat(self, what, measure, part, pace=()):
+        """Nothing where there is no socat to compare with."""
+        if self.host is not Linux:
+            return None
         print(f"{what}: socat ...", file=sys.stderr, flush=True)
         with Socat(self.fresh_folder(), part, pace) as relay:
             return measure(relay)
 
-    def row(self, what, ours, theirs=None, form="{:.1f}"):
-        cells = [what, form.format(ours)]
-        cells += [form.format(theirs), f"{ours / theirs:.2f}" if theirs else "-"] if theirs is not None else ["-", "-"]
+    def row(self, what, figure, ours, theirs=None, form="{:.1f}"):
+        """`figure` takes the figure out of a result."""
+        cells = [what, form.format(figure(ours)), "-", "-"]
+        if theirs:
+            cells[2] = form.format(figure(theirs))
+            cells[3] = f"{figure(ours) / figure(theirs):.2f}" if figure(theirs) else "-"
         self.rows.append(cells)
 
     def one_way(self, what, mode, serial, part, seconds):
         def measure(relay):
             return throughput(relay, mode, seconds)
-        ours = self.bridge(what, measure, serial=serial, **PLENTY)
-        theirs = self.socat(what, measure, part)
-        self.row(f"{what}, MB/s" + (" each way" if mode == "echo" else ""), ours["rate"] / 1e6, theirs["rate"] / 1e6)
-        self.row(f"{what}, CPU seconds per MB moved", ours["cpu"], theirs["cpu"], "{:.4f}")
-        self.row(f"{what}, peak memory in MB", ours["memory"], theirs["memory"])
+        results = self.bridge(what, measure, serial=serial, **PLENTY), self.socat(what, measure, part)
+        self.row(rate_title(what, mode), lambda result: result["rate"] / 1e6, *results)
+        self.row(f"{what}, CPU seconds per MB moved", lambda result: result["cpu"], *results, form="{:.4f}")
+        self.row(f"{what}, peak memory in MB", lambda result: result["memory"], *results)
 
     def round_trip(self, what, seconds, pace=(), **link):
         def measure(relay):
             return run_load(relay, "rtt", seconds)
-        ours = self.bridge(what, measure, serial="echo", **PLENTY, **link)
-        theirs = self.socat(what, measure, "far-echo", pace)
+        results = (self.bridge(what, measure, serial="echo", **PLENTY, **link),
+                   self.socat(what, measure, "far-echo", pace))
         for part in ("p50", "p99"):
-            self.row(f"{what}, {part} in µs", ours[part] * 1e6, theirs[part] * 1e6)
+            self.row(f"{what}, {part} in µs", lambda result: result[part] * 1e6, *results)
 
     def fewer_credits(self, seconds):
         for credits, settings in FEWER.items():
             for way, mode, serial in (("out", "send", "sink"), ("both at once", "echo", "echo")):
                 what = f"{way}, credits {credits}"
                 ours = self.bridge(what, lambda relay: throughput(relay, mode, seconds), serial=serial, **settings)
-                self.row(f"{what}, MB/s" + (" each way" if mode == "echo" else ""), ours["rate"] / 1e6)
+                self.row(rate_title(what, mode), lambda result: result["rate"] / 1e6, ours)
 
     def paced(self, seconds):
         what = f"paced, both at once for {seconds:g} s"
-        ours = self.bridge(what, lambda relay: paced_echo(relay, seconds), serial="echo", link=LINK_2M)
-        theirs = self.socat(what, lambda relay: throughput(relay, "echo", seconds), "far-echo", SOCAT_PACE)
-        self.row(f"{what}, out in % of the pace", 100 * ours["out"] / PACE, 100 * theirs["rate"] / PACE, "{:.2f}")
-        self.row(f"{what}, in in % of the pace", 100 * ours["in"] / PACE, 100 * theirs["rate"] / PACE, "{:.2f}")
-        self.row(f"{what}, CPU share in %", 100 * ours["share"], 100 * theirs["share"], "{:.2f}")
-        self.row(f"{what}, peak memory in MB", ours["memory"], theirs["memory"])
+        results = (self.bridge(what, lambda relay: paced_echo(relay, seconds), serial="echo", link=LINK_2M),
+                   self.socat(what, lambda relay: throughput(relay, "echo", seconds), "far-echo", SOCAT_PACE))
+        for way in ("out", "in"):
+            self.row(f"{what}, {way} in % of the pace", lambda result: 100 * result.get(way, result["rate"]) / PACE,
+                     *results, form="{:.2f}")
+        self.row(f"{what}, CPU share in %", lambda result: 100 * result["share"], *results, form="{:.2f}")
+        self.row(f"{what}, peak memory in MB", lambda result: result["memory"], *results)
 
     def startup(self):
-        times = sorted(startup_milliseconds(self.fresh_folder()) for _ in range(9))
-        self.row("start to waiting for a client, median in ms", times[len(times) // 2])
+        times = sorted(startup_milliseconds(self.host, self.fresh_folder()) for _ in range(9))
+        self.row("start to waiting for a client, median in ms", lambda result: result, times[len(times) // 2])
 
     def report(self):
+        columns = 4 if self.host is Linux else 2
         print(f"\n{platform.platform()}, {os.cpu_count()} cores; pace {PACE / 1000:.1f} kB/s each way\n")
-        print("| measure | ZIQBLEConnect-sim | socat | ratio |\n| --- | --: | --: | --: |")
-        for cells in self.rows:
-            print("| " + " | ".join(cells) + " |")
+        for cells in (["measure", self.host.NAME, "socat", "ratio"], ["---", "--:", "--:", "--:"], *self.rows):
+            print(f"| {' | '.join(cells[:columns])} |")
         print("\nWhat the simulated peripherals counted:\n")
         for account in self.accounts:
             print(f"    {account}")
+
+
+def rate_title(what, mode):
+    return f"{what}, MB/s" + (" each way" if mode == "echo" else "")
 
 
 def paced_echo(relay, seconds):
@@ -154,9 +166,9 @@ def paced_echo(relay, seconds):
     return result | {"in": (in1 - in0) / (end - begin), "out": (out1 - out0) / (end - begin)}
 
 
-def startup_milliseconds(folder):
+def startup_milliseconds(host, folder):
     start = time.monotonic()
-    program = subprocess.Popen([PROGRAM, "--cmdPipe", folder / "command"], stdin=subprocess.DEVNULL,
+    program = subprocess.Popen([*host.PROGRAM, "--cmdPipe", host.pipe(folder, "command")], stdin=subprocess.DEVNULL,
                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     try:
         for line in program.stdout:
@@ -172,9 +184,10 @@ def main():
     options = argparse.ArgumentParser(prog="tools/bench", description=__doc__)
     options.add_argument("--seconds", type=float, default=3, help="for each unpaced measurement (3)")
     options.add_argument("--paced-seconds", type=float, default=30, help="for the paced measurement (30)")
+    options.add_argument("--windows", action="store_true", help="measure the program for Windows, under Wine")
     chosen = options.parse_args()
     with tempfile.TemporaryDirectory(prefix="ziqble-bench-") as temporary:
-        bench = Bench(Path(temporary))
+        bench = Bench(Wine if chosen.windows else Linux, Path(temporary))
         bench.one_way("out", "send", "sink", "sink", chosen.seconds)
         bench.one_way("in", "recv", SOURCE, "source", chosen.seconds)
         bench.one_way("both at once", "echo", "echo", "far-echo", chosen.seconds)

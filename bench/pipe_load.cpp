@@ -1,32 +1,31 @@
 // Load for a local pipe, and the peripheral's part at the far end of a plain relay:
 //   pipe_load send|recv|echo|rtt PATH SECONDS
 //   pipe_load sink|source|far-echo PATH [INTERVAL_US PACKETS]
+//   pipe_load shell PATH
 // The first kind is the client under measurement: blocks of 2048 bytes, or 20 bytes to and fro. The second
 // one moves packets of at most 244 bytes, at most PACKETS of them within an interval when one is given. A
 // line of JSON tells the result; times are seconds of the monotonic clock. "send" then keeps its pipe open
-// until standard input ends, so that what it sent can arrive.
-
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
-#include <unistd.h>
+// until standard input ends, so that what it sent can arrive. "shell" is a client of the command pipe: it
+// sends the lines of standard input and prints one line of the other side for each, an empty one included.
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <iostream>
 #include <map>
 #include <random>
 #include <span>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "bench/pipe.h"
 
 namespace {
 
@@ -36,59 +35,19 @@ using Bytes = std::span<std::uint8_t>;
 constexpr std::size_t kBlock = 2048;
 constexpr std::size_t kPacket = 244;
 constexpr std::size_t kSmall = 20;
-constexpr int kStallSeconds = 10;  // nothing moved for so long: the measurement has failed
 
 double now() {
     return std::chrono::duration<double>(Clock::now().time_since_epoch()).count();
 }
 
-class Pipe {
-  public:
-    explicit Pipe(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        const timeval stall{kStallSeconds, 0};
-        setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &stall, sizeof stall);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        if (path.size() >= sizeof address.sun_path) throw std::runtime_error("path too long: " + path);
-        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-        if (connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-            throw std::runtime_error("cannot connect to " + path + ": " + std::strerror(errno));
+bool readAll(Pipe& pipe, Bytes buffer) {
+    while (!buffer.empty()) {
+        const std::size_t count = pipe.readSome(buffer);
+        if (count == 0) return false;
+        buffer = buffer.subspan(count);
     }
-    ~Pipe() { close(fd_); }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-
-    // 0: the other side has closed the pipe.
-    std::size_t readSome(Bytes buffer) {
-        pollfd wait{fd_, POLLIN, 0};
-        if (poll(&wait, 1, kStallSeconds * 1000) <= 0)
-            throw std::runtime_error("nothing was received for too long");
-        const ssize_t count = recv(fd_, buffer.data(), buffer.size(), 0);
-        return count > 0 ? static_cast<std::size_t>(count) : 0;
-    }
-
-    bool readAll(Bytes buffer) {
-        for (std::size_t done = 0; done < buffer.size();) {
-            const std::size_t count = readSome(buffer.subspan(done));
-            if (count == 0) return false;
-            done += count;
-        }
-        return true;
-    }
-
-    // false: the other side has closed the pipe, or takes nothing.
-    bool writeAll(std::span<const std::uint8_t> bytes) {
-        while (!bytes.empty()) {
-            const ssize_t count = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-            if (count <= 0) return false;
-            bytes = bytes.subspan(static_cast<std::size_t>(count));
-        }
-        return true;
-    }
-
-  private:
-    int fd_;
-};
+    return true;
+}
 
 // The same pseudo-random bytes for the sender and for whoever compares. They repeat, after a prime number of
 // bytes: nothing that a relay could lose or swap fits that length.
@@ -203,7 +162,7 @@ void rtt(Pipe& pipe, double seconds) {
     do {
         stream.fill(out);
         const double sent = now();
-        if (!pipe.writeAll(out) || !pipe.readAll(in)) throw std::runtime_error("the pipe was closed");
+        if (!pipe.writeAll(out) || !readAll(pipe, in)) throw std::runtime_error("the pipe was closed");
         times.push_back(now() - sent);
         if (in != out) throw std::runtime_error("the echo differs");
     } while (now() < start + seconds);
@@ -243,6 +202,26 @@ void farEcho(Pipe& pipe, Pacer pacer) {
     }
 }
 
+// One line without its end; false: the other side has closed the pipe.
+bool readLine(Pipe& pipe, std::string& line) {
+    line.clear();
+    for (std::uint8_t next = 0; readAll(pipe, Bytes(&next, 1));) {
+        if (next == '\n') return true;
+        if (next != '\r') line += static_cast<char>(next);
+    }
+    return false;
+}
+
+void shell(Pipe& pipe) {
+    for (std::string line; std::getline(std::cin, line);) {
+        if (!line.empty()) line += '\n';
+        const Bytes bytes(reinterpret_cast<std::uint8_t*>(line.data()), line.size());
+        if (!pipe.writeAll(bytes) || !readLine(pipe, line)) return;
+        std::puts(line.c_str());
+        std::fflush(stdout);
+    }
+}
+
 void waitForEndOfInput() {
     std::fflush(stdout);
     while (std::getchar() != EOF) {
@@ -266,6 +245,7 @@ void run(std::span<char*> arguments) {
         throw std::runtime_error("usage: pipe_load MODE PATH [SECONDS | INTERVAL_US PACKETS]");
     const std::string mode = arguments[0];
     Pipe pipe(arguments[1]);
+    if (mode == "shell") return shell(pipe);
     const auto client = clients.find(mode);
     if (client == clients.end()) return runFarSide(mode, pipe, arguments.subspan(2));
     client->second(pipe, std::stod(arguments.size() > 2 ? arguments[2] : "1"));

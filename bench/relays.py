@@ -2,16 +2,36 @@
 import json
 import os
 import re
-import socket
 import subprocess
 import time
 from pathlib import Path
 
-BUILD = Path(__file__).resolve().parent.parent / "build" / "linux"
-PROGRAM = BUILD / "ZIQBLEConnect-sim"
-LOAD = BUILD / "bench" / "pipe_load"
+ROOT = Path(__file__).resolve().parent.parent
 ADDRESS = "00:1A:7D:DA:71:13"
 TICKS = os.sysconf("SC_CLK_TCK")
+
+
+class Linux:
+    """The program and its client as this machine runs them."""
+    PROGRAM = [ROOT / "build/linux/ZIQBLEConnect-sim"]
+    LOAD = [ROOT / "build/linux/bench/pipe_load"]
+    NAME = "ZIQBLEConnect-sim"
+
+    @staticmethod
+    def pipe(folder, name):
+        return folder / name
+
+
+class Wine:
+    """The program for Windows and its client. Wine runs a program in the process that starts it."""
+    RUN = ROOT / "tests/wine_run.sh"
+    PROGRAM = [RUN, ROOT / "build/windows/ZIQBLEConnect-sim.exe"]
+    LOAD = [RUN, ROOT / "build/windows/bench/pipe_load.exe"]
+    NAME = "ZIQBLEConnect-sim.exe"
+
+    @staticmethod
+    def pipe(folder, name):
+        return rf"\\.\pipe\{folder.parent.name}-{folder.name}-{name}"
 
 
 def wait_until(condition, seconds, what):
@@ -33,7 +53,7 @@ def stop(process):
 
 
 class Relay:
-    """A running relay; `near` is the path that the measured client opens."""
+    """A running relay; `near` is the pipe that the measured client, `load`, opens."""
 
     def client_connected(self):
         """To be called once the client has been started."""
@@ -55,43 +75,41 @@ class Relay:
 
 class Bridge(Relay):
     """The program, connected to its peripheral."""
-    name = "ZIQBLEConnect-sim"
 
-    def __init__(self, folder, peripheral):
-        self.near = folder / "data"
+    def __init__(self, host, folder, peripheral):
+        self.name, self.load, self.near = host.NAME, host.LOAD, host.pipe(folder, "data")
         self.errors = folder / "errors"
         scenario = folder / "scenario.json"
         scenario.write_text(json.dumps({"peripherals": [peripheral]}))
-        shell_path = folder / "command"
+        shell_pipe = host.pipe(folder, "command")
         with self.errors.open("w") as errors:
             self.process = subprocess.Popen(
-                [PROGRAM, "--cmdPipe", shell_path, "--datPipe", self.near], stdin=subprocess.DEVNULL,
+                [*host.PROGRAM, "--cmdPipe", shell_pipe, "--datPipe", self.near], stdin=subprocess.DEVNULL,
                 stdout=subprocess.DEVNULL, stderr=errors, env=os.environ | {"ZIQBLE_SCENARIO": str(scenario)})
+        self.shell = subprocess.Popen([*host.LOAD, "shell", shell_pipe], stdin=subprocess.PIPE,
+                                      stdout=subprocess.PIPE, text=True)
         try:
-            wait_until(lambda: shell_path.exists() or self.process.poll() is not None, 10, "command pipe")
-            self.shell = socket.socket(socket.AF_UNIX)
-            self.shell.settimeout(20)
-            self.shell.connect(str(shell_path))
-            self.lines = self.shell.makefile("r", newline="\r\n")
-            self.say(f"connect {ADDRESS}", "OK\r\n")
-            self.expect("CONNECT TIO\r\n")
+            self.expect(f"connect {ADDRESS}", "OK")
+            self.expect("", "CONNECT TIO")
         except BaseException:
+            stop(self.shell)
             stop(self.process)
             raise
 
-    def say(self, line, reply):
-        self.shell.sendall(line.encode() + b"\n")
-        self.expect(reply)
+    def ask(self, command):
+        """The line that answers the command; with an empty command the next line."""
+        self.shell.stdin.write(f"{command}\n")
+        self.shell.stdin.flush()
+        return self.shell.stdout.readline().rstrip("\n")
 
-    def expect(self, reply):
-        line = self.lines.readline()
+    def expect(self, command, reply):
+        line = self.ask(command)
         if line != reply:
             raise RuntimeError(f"expected {reply!r}, got {line!r}; errors: {self.errors.read_text()}")
 
     def counters(self):
         """Bytes that went in (from the peripheral) and out (to it)."""
-        self.shell.sendall(b"stats\n")
-        return tuple(map(int, re.match(r"RX (\d+) bytes\. TX (\d+) bytes", self.lines.readline()).groups()))
+        return tuple(map(int, re.match(r"RX (\d+) bytes\. TX (\d+) bytes", self.ask("stats")).groups()))
 
     def all_arrived(self, count):
         """When the far side had all of it."""
@@ -101,11 +119,11 @@ class Bridge(Relay):
     def close(self):
         """Ends the program; its account of the peripheral has to be free of violations."""
         try:
-            self.shell.sendall(b"exit\n")
+            self.ask("exit")
             self.process.wait(20)
         finally:
             stop(self.process)
-            self.shell.close()
+            stop(self.shell)
         self.account = self.errors.read_text().strip()
         if not re.search(r"\bviolations 0\b", self.account):
             raise RuntimeError(f"violations, or no account of the peripheral: {self.account!r}")
@@ -113,7 +131,7 @@ class Bridge(Relay):
 
 class Socat(Relay):
     """socat between the client and a stand-in for the peripheral: sink, source or far-echo, paced or not."""
-    name = "socat"
+    name, load = "socat", Linux.LOAD
 
     def __init__(self, folder, part, pace=()):
         self.near, far = folder / "near", folder / "far"
@@ -131,7 +149,7 @@ class Socat(Relay):
     def client_connected(self):
         # socat makes its second end only when the first one has its client.
         wait_until(self.far_path.exists, 10, "socat's far end")
-        self.far = subprocess.Popen([LOAD, self.part, self.far_path, *map(str, self.pace)],
+        self.far = subprocess.Popen([*self.load, self.part, self.far_path, *map(str, self.pace)],
                                     stdout=subprocess.PIPE, text=True)
 
     def all_arrived(self, count):

@@ -19,7 +19,7 @@ namespace blescanner {
 
 namespace {
 
-constexpr const char* kVersion = "1.00.4";
+constexpr const char* kVersion = ZIQBLE_VERSION;
 constexpr std::chrono::seconds kLinkSessionEndTime{2};
 
 void logToStandardOutput(void*, const loguru::Message& line) {
@@ -30,6 +30,8 @@ void logToStandardOutput(void*, const loguru::Message& line) {
 // init writes anything to it. The library never sees the real arguments, and it keeps pointers into the ones
 // that it gets.
 void setUpLogging() {
+    // Without a buffer, as a console may have none, each character would be written by itself.
+    std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
     static char programName[] = "ZIQBLEConnect.exe";
     static char* arguments[] = {programName, nullptr};
     int argumentCount = 1;

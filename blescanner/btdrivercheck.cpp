@@ -4,6 +4,7 @@
 #include <fstream>
 #include <loguru.hpp>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/driver.h"

@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <loguru.hpp>
+#include <utility>
 
 #include "blescanner/blescanner.h"
 #include "platform/runtime.h"

@@ -41,6 +41,7 @@ needs() {
 }
 
 build_packages=(g++ cmake ninja-build nlohmann-json3-dev)
+windows_packages=(g++-mingw-w64-x86-64-posix wine64-tools libwine-dev)
 jobs=$(nproc)
 command -v ccache >/dev/null && export CMAKE_CXX_COMPILER_LAUNCHER=ccache
 

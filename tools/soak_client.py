@@ -65,14 +65,44 @@ class Link:
         return not OVER.isdisjoint(self.lines)
 
 
-class Shell:
+class Client:
+    """A client of a pipe, which never waits unless it says so."""
+
+    def __init__(self, path, pipe_name):
+        self.socket, self.pipe_name, self.ended = open_pipe(path), pipe_name, False
+        self.socket.setblocking(False)
+
+    def receive(self, most):
+        """What has come; None when there is nothing yet. The other side's end sets `ended`."""
+        try:
+            piece = self.socket.recv(most)
+        except BlockingIOError:
+            return None
+        except ConnectionResetError:
+            piece = b""
+        self.ended = not piece
+        return piece
+
+    def expect_end(self):
+        end = time.monotonic() + DEADLINE
+        while not self.ended:
+            check(time.monotonic() < end, f"the program did not close the {self.pipe_name} within {DEADLINE} s")
+            select.select([self.socket], [], [], 0.05)
+            self.pull()
+        self.close()
+
+    def close(self):
+        self.ended = True
+        self.socket.close()
+
+
+class Shell(Client):
     """A client on the command pipe. Lines about the link go to `on_link_line`, the others are replies."""
 
     def __init__(self, path, on_link_line, on_reply):
-        self.socket = open_pipe(path)
-        self.socket.setblocking(False)
+        super().__init__(path, "command pipe")
         self.on_link_line, self.on_reply = on_link_line, on_reply
-        self.rest, self.replies, self.ended = b"", [], False
+        self.rest, self.replies = b"", []
 
     def send(self, data):
         self.socket.settimeout(DEADLINE)
@@ -82,13 +112,9 @@ class Shell:
     def pull(self):
         """Takes what has come, without waiting."""
         while not self.ended:
-            try:
-                piece = self.socket.recv(65536)
-            except BlockingIOError:
+            piece = self.receive(65536)
+            if piece is None:
                 return
-            except ConnectionResetError:
-                piece = b""
-            self.ended = not piece
             *lines, self.rest = (self.rest + piece).split(b"\r\n")
             for line in (line.decode("latin-1") for line in lines):
                 check("\n" not in line and "\r" not in line, f"line end inside a line: {line!r}")
@@ -122,36 +148,19 @@ class Shell:
         got = self.ask(command)
         check(got == answer, f"{command!r} was answered with {got!r}")
 
-    def expect_end(self):
-        end = time.monotonic() + DEADLINE
-        while not self.ended:
-            check(time.monotonic() < end, f"the program did not close the command pipe within {DEADLINE} s")
-            select.select([self.socket], [], [], 0.05)
-            self.pull()
-        self.close()
 
-    def close(self):
-        self.ended = True
-        self.socket.close()
-
-
-class DataPipe:
+class DataPipe(Client):
     """A client on the data pipe."""
 
     def __init__(self, path):
-        self.socket = open_pipe(path)
-        self.socket.setblocking(False)
-        self.sent, self.received, self.ended = bytearray(), bytearray(), False
+        super().__init__(path, "data pipe")
+        self.sent, self.received = bytearray(), bytearray()
 
     def pull(self, most=1 << 30):
         while not self.ended and len(self.received) < most:
-            try:
-                piece = self.socket.recv(min(65536, most - len(self.received)))
-            except BlockingIOError:
+            piece = self.receive(min(65536, most - len(self.received)))
+            if piece is None:
                 return
-            except ConnectionResetError:
-                piece = b""
-            self.ended = not piece
             self.received += piece
 
     def push(self, data):
@@ -166,18 +175,6 @@ class DataPipe:
             self.pull()  # what came before the end
             self.ended = True
             return 0
-
-    def expect_end(self):
-        end = time.monotonic() + DEADLINE
-        while not self.ended:
-            check(time.monotonic() < end, f"the program did not close the data pipe within {DEADLINE} s")
-            select.select([self.socket], [], [], 0.05)
-            self.pull()
-        self.close()
-
-    def close(self):
-        self.ended = True
-        self.socket.close()
 
 
 def same_length(one, other):

@@ -1,7 +1,8 @@
-// Drives the real executable through its real pipes. One header, one implementation per host.
+// Drives the real executable through its real pipes. harness.cpp has what is the same on every host.
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -37,6 +38,7 @@ struct Resources {
 
 // Of this process.
 Resources ownResources();
+std::uint32_t ownProcessId();
 // How many threads and handles the host's libraries make for themselves, at their own time.
 extern const std::size_t kResourceNoise;
 std::chrono::nanoseconds ownProcessorTime();
@@ -65,10 +67,14 @@ class Program {
 
   private:
     struct Impl;
+
+    std::optional<int> exitCode() const;  // nothing while it runs
+
+    std::filesystem::path folder_;
     std::unique_ptr<Impl> impl_;
 };
 
-// One client of a pipe.
+// One client of a pipe. One thread may send while another one reads.
 class PipeClient {
   public:
     PipeClient();
@@ -91,7 +97,13 @@ class PipeClient {
 
   private:
     struct Impl;
+
+    // Reads what is there; false when the other end is gone or the deadline has passed.
+    bool fill(std::chrono::steady_clock::time_point end);
+    std::string take(std::size_t count);
+
     std::unique_ptr<Impl> impl_;
+    std::string pending_;
 };
 
 // The pipes that belong to a folder.

@@ -11,8 +11,6 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <sstream>
-#include <thread>
 
 #include "tests/e2e/harness.h"
 
@@ -23,27 +21,10 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-std::string readFile(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-// Polls the condition until it holds; false at the deadline.
-template <class Condition>
-bool eventually(Condition condition) {
-    for (const auto end = Clock::now() + kDeadline; Clock::now() < end;) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(2ms);
-    }
-    return condition();
-}
-
 Resources resourcesOf(const std::string& process) {
     const fs::path proc = fs::path("/proc") / process;
     Resources used;
-    std::istringstream status(readFile(proc / "status"));
+    std::ifstream status(proc / "status");
     for (std::string key; status >> key;) {
         if (key == "Threads:") status >> used.threads;
         if (key == "VmRSS:") status >> used.residentKiB;
@@ -67,6 +48,10 @@ Resources ownResources() {
     return resourcesOf("self");
 }
 
+std::uint32_t ownProcessId() {
+    return static_cast<std::uint32_t>(::getpid());
+}
+
 std::chrono::nanoseconds ownProcessorTime() {
     return std::chrono::nanoseconds(1s) / CLOCKS_PER_SEC * std::clock();
 }
@@ -76,28 +61,19 @@ TemporaryFolder::TemporaryFolder() {
     path_ = ::mkdtemp(name.data());
 }
 
-TemporaryFolder::~TemporaryFolder() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-}
-
 struct Program::Impl {
-    fs::path folder;
     pid_t pid = -1;
     std::optional<int> exitCode;
 
-    bool reap(int options) {
-        if (exitCode) return true;
+    void reap(int options) {
         int status = 0;
-        if (::waitpid(pid, &status, options) != pid) return false;
+        if (exitCode || ::waitpid(pid, &status, options) != pid) return;
         exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return true;
     }
 };
 
 Program::Program(const fs::path& folder, std::string_view scenario, std::vector<std::string> arguments)
-    : impl_(std::make_unique<Impl>()) {
-    impl_->folder = folder;
+    : folder_(folder), impl_(std::make_unique<Impl>()) {
     const std::string scenarioFile = folder / "scenario.json";
     std::ofstream(scenarioFile) << scenario;
     if (arguments.empty()) {
@@ -119,31 +95,11 @@ Program::Program(const fs::path& folder, std::string_view scenario, std::vector<
 }
 
 Program::~Program() {
-    if (!impl_->reap(WNOHANG)) kill();
+    if (!exitCode()) kill();
 }
 
-bool Program::waitForOutput(std::string_view text, int times) const {
-    return eventually([&] {
-        const std::string all = output();
-        std::size_t from = 0;
-        for (int found = 0; found < times; ++found) {
-            from = all.find(text, from);
-            if (from == std::string::npos) return false;
-            from += text.size();
-        }
-        return true;
-    });
-}
-
-std::string Program::output() const {
-    return readFile(impl_->folder / "out");
-}
-std::string Program::errors() const {
-    return readFile(impl_->folder / "err");
-}
-
-std::optional<int> Program::waitForExit() {
-    eventually([this] { return impl_->reap(WNOHANG); });
+std::optional<int> Program::exitCode() const {
+    impl_->reap(WNOHANG);
     return impl_->exitCode;
 }
 
@@ -164,25 +120,6 @@ Resources Program::resources() const {
 
 struct PipeClient::Impl {
     int socket = -1;
-    std::string pending;
-
-    // Reads what is there; false when the other end is gone or the deadline has passed.
-    bool fill(Clock::time_point end) {
-        pollfd readable{socket, POLLIN, 0};
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-        if (left.count() <= 0 || ::poll(&readable, 1, static_cast<int>(left.count())) <= 0) return false;
-        std::array<char, 65536> buffer;
-        const ssize_t count = ::recv(socket, buffer.data(), buffer.size(), 0);
-        if (count <= 0) return false;
-        pending.append(buffer.data(), static_cast<std::size_t>(count));
-        return true;
-    }
-
-    std::string take(std::size_t count) {
-        std::string taken = pending.substr(0, count);
-        pending.erase(0, count);
-        return taken;
-    }
 };
 
 PipeClient::PipeClient() : impl_(std::make_unique<Impl>()) {}
@@ -205,8 +142,15 @@ bool PipeClient::tryOpen(const fs::path& pipe) {
     return false;
 }
 
-bool PipeClient::open(const fs::path& pipe) {
-    return eventually([&] { return tryOpen(pipe); });
+bool PipeClient::fill(Clock::time_point end) {
+    pollfd readable{impl_->socket, POLLIN, 0};
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+    if (left.count() <= 0 || ::poll(&readable, 1, static_cast<int>(left.count())) <= 0) return false;
+    std::array<char, 65536> buffer;
+    const ssize_t count = ::recv(impl_->socket, buffer.data(), buffer.size(), 0);
+    if (count <= 0) return false;
+    pending_.append(buffer.data(), static_cast<std::size_t>(count));
+    return true;
 }
 
 bool PipeClient::send(std::string_view bytes) {
@@ -218,33 +162,10 @@ bool PipeClient::send(std::string_view bytes) {
     return true;
 }
 
-std::string PipeClient::readUntil(std::string_view text, std::chrono::milliseconds deadline) {
-    const auto end = Clock::now() + deadline;
-    for (;;) {
-        const std::size_t found = impl_->pending.find(text);
-        if (found != std::string::npos) return impl_->take(found + text.size());
-        if (!impl_->fill(end)) return impl_->take(impl_->pending.size());
-    }
-}
-
-std::string PipeClient::readBytes(std::size_t count, std::chrono::milliseconds deadline) {
-    const auto end = Clock::now() + deadline;
-    while (impl_->pending.size() < count && impl_->fill(end)) {
-    }
-    return impl_->take(count);
-}
-
-bool PipeClient::waitForClose() {
-    const auto end = Clock::now() + kDeadline;
-    while (impl_->fill(end)) {
-    }
-    return Clock::now() < end;
-}
-
 void PipeClient::close() {
     if (impl_->socket >= 0) ::close(impl_->socket);
     impl_->socket = -1;
-    impl_->pending.clear();
+    pending_.clear();
 }
 
 fs::path commandPipe(const fs::path& folder) {

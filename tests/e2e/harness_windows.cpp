@@ -6,9 +6,7 @@
 #include <array>
 #include <atomic>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
-#include <thread>
 #include <vector>
 
 #include "tests/e2e/harness.h"
@@ -19,24 +17,6 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-// As text: what the program's streams made of a line end is undone.
-std::string readText(const fs::path& path) {
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-// Polls the condition until it holds; false at the deadline.
-template <class Condition>
-bool eventually(Condition condition) {
-    for (const auto end = Clock::now() + kDeadline; Clock::now() < end;) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(2ms);
-    }
-    return condition();
-}
 
 void require(bool succeeded, const char* call) {
     if (!succeeded) throw std::runtime_error(call + (" failed: " + std::to_string(::GetLastError())));
@@ -149,6 +129,10 @@ Resources ownResources() {
     return resourcesOf(::GetCurrentProcessId());
 }
 
+std::uint32_t ownProcessId() {
+    return ::GetCurrentProcessId();
+}
+
 std::chrono::nanoseconds ownProcessorTime() {
     FILETIME created{}, ended{}, kernel{}, user{};
     ::GetProcessTimes(::GetCurrentProcess(), &created, &ended, &kernel, &user);
@@ -162,26 +146,14 @@ TemporaryFolder::TemporaryFolder() {
     fs::create_directories(path_);
 }
 
-TemporaryFolder::~TemporaryFolder() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-}
-
 struct Program::Impl {
-    fs::path folder;
     Console console;
     PROCESS_INFORMATION process{};
 
-    void start(std::wstring line);
-    std::optional<int> exitCode() const {
-        DWORD code = 0;
-        if (::WaitForSingleObject(process.hProcess, 0) != WAIT_OBJECT_0) return std::nullopt;
-        ::GetExitCodeProcess(process.hProcess, &code);
-        return static_cast<int>(code);
-    }
+    void start(std::wstring line, const fs::path& folder);
 };
 
-void Program::Impl::start(std::wstring line) {
+void Program::Impl::start(std::wstring line, const fs::path& folder) {
     SIZE_T size = 0;
     ::InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
     std::vector<std::byte> memory(size);
@@ -208,45 +180,26 @@ void Program::Impl::start(std::wstring line) {
 }
 
 Program::Program(const fs::path& folder, std::string_view scenario, std::vector<std::string> arguments)
-    : impl_(std::make_unique<Impl>()) {
-    impl_->folder = folder;
+    : folder_(folder), impl_(std::make_unique<Impl>()) {
     std::ofstream(folder / "scenario.json") << scenario;
     if (arguments.empty()) {
         arguments = {"--cmdPipe", commandPipe(folder).string(), "--datPipe", dataPipe(folder).string()};
     }
     arguments.insert(arguments.begin(), ZIQBLE_PROGRAM);
-    impl_->start(commandLine(arguments));
+    impl_->start(commandLine(arguments), folder);
 }
 
 Program::~Program() {
-    if (!impl_->exitCode()) kill();
+    if (!exitCode()) kill();
     ::CloseHandle(impl_->process.hThread);
     ::CloseHandle(impl_->process.hProcess);
 }
 
-bool Program::waitForOutput(std::string_view text, int times) const {
-    return eventually([&] {
-        const std::string all = output();
-        std::size_t from = 0;
-        for (int found = 0; found < times; ++found) {
-            from = all.find(text, from);
-            if (from == std::string::npos) return false;
-            from += text.size();
-        }
-        return true;
-    });
-}
-
-std::string Program::output() const {
-    return readText(impl_->folder / "out");
-}
-std::string Program::errors() const {
-    return readText(impl_->folder / "err");
-}
-
-std::optional<int> Program::waitForExit() {
-    eventually([this] { return impl_->exitCode().has_value(); });
-    return impl_->exitCode();
+std::optional<int> Program::exitCode() const {
+    DWORD code = 0;
+    if (::WaitForSingleObject(impl_->process.hProcess, 0) != WAIT_OBJECT_0) return std::nullopt;
+    ::GetExitCodeProcess(impl_->process.hProcess, &code);
+    return static_cast<int>(code);
 }
 
 void Program::interrupt() {
@@ -264,42 +217,14 @@ Resources Program::resources() const {
     return resourcesOf(impl_->process.dwProcessId);
 }
 
-// Reads and writes may be under way at the same time, on two threads.
 struct PipeClient::Impl {
     HANDLE pipe = INVALID_HANDLE_VALUE;
     HANDLE readDone = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
     HANDLE writeDone = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    std::string pending;
 
     ~Impl() {
         ::CloseHandle(readDone);
         ::CloseHandle(writeDone);
-    }
-
-    // Reads what is there; false when the other end is gone or the deadline has passed.
-    bool fill(Clock::time_point end) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-        if (left.count() <= 0) return false;
-        std::array<char, 65536> buffer;
-        OVERLAPPED overlapped{};
-        overlapped.hEvent = readDone;
-        if (!::ReadFile(pipe, buffer.data(), buffer.size(), nullptr, &overlapped) &&
-            ::GetLastError() != ERROR_IO_PENDING) {
-            return false;
-        }
-        if (::WaitForSingleObject(readDone, static_cast<DWORD>(left.count())) != WAIT_OBJECT_0) {
-            ::CancelIoEx(pipe, &overlapped);
-        }
-        DWORD count = 0;
-        if (!::GetOverlappedResult(pipe, &overlapped, &count, TRUE)) return false;
-        pending.append(buffer.data(), count);
-        return true;
-    }
-
-    std::string take(std::size_t count) {
-        std::string taken = pending.substr(0, count);
-        pending.erase(0, count);
-        return taken;
     }
 };
 
@@ -316,8 +241,23 @@ bool PipeClient::tryOpen(const fs::path& pipe) {
     return impl_->pipe != INVALID_HANDLE_VALUE;
 }
 
-bool PipeClient::open(const fs::path& pipe) {
-    return eventually([&] { return tryOpen(pipe); });
+bool PipeClient::fill(Clock::time_point end) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+    if (left.count() <= 0) return false;
+    std::array<char, 65536> buffer;
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = impl_->readDone;
+    if (!::ReadFile(impl_->pipe, buffer.data(), buffer.size(), nullptr, &overlapped) &&
+        ::GetLastError() != ERROR_IO_PENDING) {
+        return false;
+    }
+    if (::WaitForSingleObject(impl_->readDone, static_cast<DWORD>(left.count())) != WAIT_OBJECT_0) {
+        ::CancelIoEx(impl_->pipe, &overlapped);
+    }
+    DWORD count = 0;
+    if (!::GetOverlappedResult(impl_->pipe, &overlapped, &count, TRUE)) return false;
+    pending_.append(buffer.data(), count);
+    return true;
 }
 
 bool PipeClient::send(std::string_view bytes) {
@@ -331,33 +271,10 @@ bool PipeClient::send(std::string_view bytes) {
     return ::GetOverlappedResult(impl_->pipe, &overlapped, &count, TRUE) && count == bytes.size();
 }
 
-std::string PipeClient::readUntil(std::string_view text, std::chrono::milliseconds deadline) {
-    const auto end = Clock::now() + deadline;
-    for (;;) {
-        const std::size_t found = impl_->pending.find(text);
-        if (found != std::string::npos) return impl_->take(found + text.size());
-        if (!impl_->fill(end)) return impl_->take(impl_->pending.size());
-    }
-}
-
-std::string PipeClient::readBytes(std::size_t count, std::chrono::milliseconds deadline) {
-    const auto end = Clock::now() + deadline;
-    while (impl_->pending.size() < count && impl_->fill(end)) {
-    }
-    return impl_->take(count);
-}
-
-bool PipeClient::waitForClose() {
-    const auto end = Clock::now() + kDeadline;
-    while (impl_->fill(end)) {
-    }
-    return Clock::now() < end;
-}
-
 void PipeClient::close() {
     if (impl_->pipe != INVALID_HANDLE_VALUE) ::CloseHandle(impl_->pipe);
     impl_->pipe = INVALID_HANDLE_VALUE;
-    impl_->pending.clear();
+    pending_.clear();
 }
 
 // Pipes are not in the folder, but named after it.

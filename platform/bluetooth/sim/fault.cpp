@@ -1,6 +1,7 @@
 #include "platform/bluetooth/sim/fault.h"
 
 #include <charconv>
+#include <system_error>
 #include <utility>
 
 namespace sim {

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <fstream>
 #include <sstream>
+#include <system_error>
 
 #include "platform/bluetooth/sim/fields.h"
 #include "platform/runtime.h"

@@ -4,6 +4,8 @@
 
 #include <setupapi.h>
 
+#include <utility>
+
 #include "platform/runtime.h"
 
 namespace platform {

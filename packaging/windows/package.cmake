@@ -1,0 +1,10 @@
+# One folder, to be copied anywhere: the program looks for drivers.db beside itself.
+set(CPACK_GENERATOR ZIP)
+set(CPACK_PACKAGE_FILE_NAME ${PROJECT_NAME}-${PROJECT_VERSION}-win64)
+
+configure_file(${packaging}/windows/README.txt ${package_files}/README.txt @ONLY NEWLINE_STYLE CRLF)
+configure_file(${packaging}/copyright ${package_files}/COPYRIGHT.txt @ONLY NEWLINE_STYLE CRLF)
+
+install(TARGETS ${programs} RUNTIME DESTINATION .)
+install(FILES ${PROJECT_SOURCE_DIR}/data/drivers.db ${package_files}/README.txt ${package_files}/COPYRIGHT.txt
+        DESTINATION .)

@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Unpacks what tools/package made and checks that it runs from there.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+packages=$root/build/packages
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+cd "$folder"
+
+fail() {
+    printf '%s\n' "$@"
+    exit 1
+}
+
+# No radio, so that the program ends by itself; a driver that drivers.db knows, so that it shows whether the file is found.
+cat >scenario.json <<'END'
+{ "radios": [], "drivers": [ { "compatible": [
+  { "manufacturer": "Example Semiconductor", "date": "2020-05-01T00:00:00Z", "version": "2.0.7.1" } ] } ] }
+END
+
+# runs PROGRAM...
+runs() {
+    local output expected
+    output=$(ZIQBLE_SCENARIO=scenario.json timeout 60 "$@" --help --cmdPipe "\\\\.\\pipe\\package-$$" 2>&1) ||
+        fail "exit code $? of $*" "$output"
+    for expected in "ZIQBLEConnect $version" "Display use information" "Get 2.1.0.4 or later." "Goodbye!"; do
+        [[ $output == *"$expected"* ]] || fail "not found in the output of $*: $expected" "$output"
+    done
+}
+
+check_windows() {
+    local program
+    python3 -m zipfile -e "$packages/ZIQBLEConnect-$version-win64.zip" .
+    cd "ZIQBLEConnect-$version-win64"
+    ! grep -qv $'\r$' README.txt COPYRIGHT.txt || fail "line ends that not every Windows editor knows"
+    for program in *.exe; do
+        strings -el "$program" | grep -A 1 -x ProductVersion | grep -qxF "$version" || fail "$program: no version"
+        # Its signature, the structure's version, then 1.0.4.0 as numbers.
+        LC_ALL=C grep -qaP '\xbd\x04\xef\xfe\0\0\x01\0\0\0\x01\0\0\0\x04\0' "$program" || fail "$program: other numbers"
+    done
+    cd ..
+    runs "$root/tests/wine_run.sh" "ZIQBLEConnect-$version-win64/ZIQBLEConnect-sim.exe"
+}
+
+check_linux() {
+    local deb=$1 link warnings
+    dpkg-deb -x "$deb" .
+    runs usr/bin/ZIQBLEConnect-sim
+    "$root/tests/e2e/example_client.sh" usr/bin/ZIQBLEConnect-sim "$root"
+    for link in usr/bin/* usr/share/man/man1/*; do
+        [[ -e $link ]] || fail "a link to nothing: $link"
+    done
+    ! command -v man >/dev/null || warnings=$(man --warnings -l usr/share/man/man1/ZIQBLEConnect.1.gz 2>&1 >/dev/null)
+    [[ -z ${warnings-} ]] || fail "$warnings"
+    [[ ! -e usr/lib/systemd/user/ziqbleconnect.service ]] || check_unit
+}
+
+check_unit() {
+    command -v systemd-analyze >/dev/null || return 0
+    sed "s|/usr/bin|$folder/usr/bin|; /^Documentation/d" usr/lib/systemd/user/ziqbleconnect.service >ziqbleconnect.service
+    systemd-analyze --user verify "$folder/ziqbleconnect.service" || fail "the systemd unit is not valid"
+}
+
+debs=("$packages"/ziqbleconnect_*.deb)
+version=${debs[0]#*/ziqbleconnect_}
+version=${version%%_*}
+check_linux "${debs[0]}"
+check_windows
+echo "packages of version $version: they run"
