@@ -70,8 +70,9 @@ class Pipe {
     // connected. Otherwise ioPending; the request finishes with 0 bytes when a client came.
     virtual SystemError startConnect(IoRequest& request) = 0;
 
-    // Reads up to buffer.size() bytes (at least one). A read on a request whose read is still pending keeps
-    // the pending one, its buffer included, and answers ioPending. brokenPipe: the client has closed its end.
+    // Reads up to buffer.size() bytes (at least one). A read on a request whose read is still pending, or
+    // has finished since without result() having told, keeps that one, its buffer included, and answers
+    // ioPending. brokenPipe: the client has closed its end.
     virtual IoResult startRead(IoRequest& request, std::span<std::uint8_t> buffer) = 0;
 
     // Writes the whole buffer. brokenPipe: the client has gone.

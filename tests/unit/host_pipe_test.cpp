@@ -39,8 +39,8 @@ TEST_F(HostPipe, PendingReadIsKeptAndACancelledOneLosesNothing) {
     Bytes unused(512);
     EXPECT_EQ(pipe_->startRead(request_, buffer_).error, ioPending);
     client.send("abc");
-    EXPECT_EQ(pipe_->startRead(request_, unused).error, ioPending) << "nobody has looked at the bytes yet";
     ASSERT_TRUE(wait());
+    EXPECT_EQ(pipe_->startRead(request_, unused).error, ioPending) << "nobody has looked at the bytes yet";
     EXPECT_EQ(pipe_->cancel(request_).bytes, 3U) << "had finished before";
     EXPECT_EQ(buffer_[2], 'c');
     EXPECT_EQ(unused, Bytes(512));

@@ -67,16 +67,19 @@ bool Operation::carryOn() {
     const IoResult next = attempt();
     if (next.error == SystemError::ioPending) return false;
     finish(next);
+    unfetched_ = true;
     return true;
 }
 
 IoResult Operation::result() {
     if (pending() && !carryOn()) return kPending;
+    unfetched_ = false;
     return result_;
 }
 
 IoResult Operation::cancel() {
     if (pending()) finish({SystemError::operationAborted, moved_});
+    unfetched_ = false;
     return result_;
 }
 

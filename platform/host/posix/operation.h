@@ -21,7 +21,8 @@ class Operation {
     explicit Operation(Event& event) : event_(event) {}
 
     bool pending() const { return socket_ != nullptr; }
-    bool reading() const { return pending() && kind_ == Kind::read; }
+    // A read that runs, or whose outcome nobody has fetched yet.
+    bool reading() const { return (pending() || unfetched_) && kind_ == Kind::read; }
     // What the thread that carries the operation on has to wait for.
     pollfd pollTarget() const;
 
@@ -55,6 +56,7 @@ class Operation {
     std::span<const std::uint8_t> writeBuffer_;
     std::size_t moved_ = 0;
     IoResult result_;
+    bool unfetched_ = false;  // finished while it was waited for
 };
 
 struct IoRequest::Impl {
