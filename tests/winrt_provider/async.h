@@ -1,0 +1,126 @@
+// Asynchronous operations and lists of the seam as those of the Windows Runtime.
+#pragma once
+
+#include <asyncinfo.h>
+#include <windows.foundation.h>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "platform/async.h"
+#include "platform/bluetooth/sim/operation.h"
+#include "tests/winrt_provider/object.h"
+
+namespace provider {
+
+namespace foundation = ABI::Windows::Foundation;
+
+// What a generic interface's type argument is at the binary interface.
+template <class Complex>
+using AbiType = typename foundation::Internal::GetAbiType<Complex>::type;
+
+// The name of an operation's result, which is part of the operation's.
+template <class Result>
+inline constexpr const wchar_t* kOperationName = nullptr;
+
+template <class Result, class Seam>
+class AsyncOperation final
+    : public Object<AsyncOperation<Result, Seam>, foundation::IAsyncOperation<Result>, IAsyncInfo> {
+  public:
+    static constexpr const wchar_t* kClassName = kOperationName<Result>;
+    static_assert(kClassName != nullptr);
+    using Abi = AbiType<typename foundation::IAsyncOperation<Result>::TResult_complex>;
+    using Handler = foundation::IAsyncOperationCompletedHandler<Result>;
+    using Convert = std::function<void(const Seam& result, Abi* out)>;
+
+    AsyncOperation(platform::AsyncOperationPtr<Seam> operation, Convert convert)
+        : operation_(std::move(operation)), convert_(std::move(convert)) {}
+
+    // Nobody waits with a handler here: it is called at once or never.
+    HRESULT put_Completed(Handler* handler) override {
+        AsyncStatus status{};
+        get_Status(&status);
+        return status == AsyncStatus::Started ? E_NOTIMPL : handler->Invoke(this, status);
+    }
+    HRESULT get_Completed(Handler** out) override {
+        *out = nullptr;
+        return E_NOTIMPL;
+    }
+    HRESULT GetResults(Abi* out) override {
+        *out = {};
+        return guarded([&] { convert_(operation_->getResults(), out); });
+    }
+
+    HRESULT get_Id(UINT32* out) override {
+        *out = 1;
+        return S_OK;
+    }
+    HRESULT get_Status(AsyncStatus* out) override {
+        return guarded([&] { *out = static_cast<AsyncStatus>(operation_->status()); });
+    }
+    HRESULT get_ErrorCode(HRESULT* out) override {
+        return guarded([&] { *out = operation_->errorCode(); });
+    }
+    HRESULT Cancel() override {
+        if (const auto pending = std::dynamic_pointer_cast<sim::Cancelable>(operation_)) pending->cancel();
+        return S_OK;
+    }
+    HRESULT Close() override { return S_OK; }
+
+  private:
+    const platform::AsyncOperationPtr<Seam> operation_;
+    const Convert convert_;
+};
+
+// No operation becomes none.
+template <class Result, class Seam, class Convert>
+void handOut(platform::AsyncOperationPtr<Seam> operation, const Convert& convert,
+             foundation::IAsyncOperation<Result>** out) {
+    *out = nullptr;
+    if (operation) handOut(make<AsyncOperation<Result, Seam>>(std::move(operation), convert), out);
+}
+
+template <class Element>
+class VectorView final : public Object<VectorView<Element>, foundation::Collections::IVectorView<Element>> {
+  public:
+    static constexpr const wchar_t* kClassName = L"IVectorView";
+    using Abi = AbiType<typename foundation::Collections::IVectorView<Element>::T_complex>;
+    using Elements = std::vector<ComPtr<std::remove_pointer_t<Abi>>>;
+
+    explicit VectorView(Elements elements) : elements_(std::move(elements)) {}
+
+    HRESULT GetAt(UINT32 index, Abi* out) override {
+        *out = nullptr;
+        return index < elements_.size() ? elements_[index].CopyTo(out) : kOutOfBounds;
+    }
+    HRESULT get_Size(UINT32* out) override {
+        *out = static_cast<UINT32>(elements_.size());
+        return S_OK;
+    }
+    HRESULT IndexOf(Abi, UINT32*, BOOLEAN*) override { return E_NOTIMPL; }
+    HRESULT GetMany(UINT32, UINT32, Abi*, UINT32*) override { return E_NOTIMPL; }
+
+  private:
+    const Elements elements_;
+};
+
+// The list with every element wrapped.
+template <class Element, class Seam, class Wrap>
+void handOut(const std::vector<Seam>& list, const Wrap& wrap,
+             foundation::Collections::IVectorView<Element>** out) {
+    typename VectorView<Element>::Elements elements;
+    for (const auto& item : list)
+        elements.push_back(wrap(item));
+    handOut(make<VectorView<Element>>(std::move(elements)), out);
+}
+
+// No list becomes none.
+template <class Element, class Seam, class Wrap>
+void handOut(const std::optional<std::vector<Seam>>& list, const Wrap& wrap,
+             foundation::Collections::IVectorView<Element>** out) {
+    *out = nullptr;
+    if (list) handOut(*list, wrap, out);
+}
+
+}  // namespace provider

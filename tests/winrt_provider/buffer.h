@@ -1,0 +1,22 @@
+// Buffers of bytes.
+#pragma once
+
+#include <windows.storage.streams.h>
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "tests/winrt_provider/object.h"
+
+namespace provider {
+
+namespace streams = ABI::Windows::Storage::Streams;
+
+ComPtr<streams::IBuffer> makeBuffer(std::vector<std::uint8_t> bytes);
+
+// The bytes of anybody's buffer, for as long as the buffer lives. Throws PlatformError when it does not give
+// them.
+std::span<const std::uint8_t> bytesOf(streams::IBuffer* buffer);
+
+}  // namespace provider

@@ -1,0 +1,125 @@
+// A simulated Windows Runtime: the world of a scenario file behind the real binary interface.
+//
+// The mirror image of the program's Windows side: that one turns interfaces into the seam's objects, this one
+// the seam's objects, the simulated ones, into interfaces. ZIQBLE_SCENARIO names the file, as for the
+// simulated program. Its time scale speeds up this side only: what the program itself sleeps lasts as long as
+// it does.
+//
+// The end of the process is told in two steps. The world ends, and its summary is printed, when the program's
+// main function has returned: other threads still run and hold no lock for ever. Live objects are counted
+// when the library is told that the process ends: the program's own last objects are gone by then, and so are
+// all other threads, wherever they were; so that step takes no lock and no memory.
+#include "tests/winrt_provider/provider.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+#include "platform/bluetooth/sim/world.h"
+#include "platform/host/windows/system_function.h"
+#include "platform/runtime.h"
+
+namespace provider {
+
+namespace {
+
+struct Class {
+    std::wstring_view name;
+    ComPtr<IActivationFactory> (*factory)();
+};
+
+constexpr std::array kClasses = {
+    Class{L"Windows.Devices.Bluetooth.Advertisement.BluetoothLEAdvertisementWatcher",
+          advertisementWatcherFactory},
+    Class{L"Windows.Devices.Bluetooth.BluetoothLEDevice", bluetoothLEDeviceFactory},
+    Class{L"Windows.Devices.Enumeration.DeviceInformation", deviceInformationFactory},
+    Class{L"Windows.Devices.Radios.Radio", radioFactory},
+    Class{L"Windows.Storage.Streams.DataReader", dataReaderFactory},
+    Class{L"Windows.Storage.Streams.DataWriter", dataWriterFactory},
+};
+
+sim::WorldScope* world = nullptr;  // never destroyed: see above
+
+int endWorld() {
+    world->world().end();
+    for (const auto& line : world->world().summary())
+        std::fputs((line + "\n").c_str(), stderr);
+    return 0;
+}
+
+sim::Scenario configuredScenario() {
+    const char* const file = std::getenv("ZIQBLE_SCENARIO");
+    return file && *file ? sim::readScenario(file) : sim::Scenario();
+}
+
+// With the C library itself: what a library registers in the usual way runs at its own end, which is too
+// late.
+void atProgramEnd(int (*function)()) {
+    using Register = decltype(function)(decltype(function));
+    if (const auto enlist = platform::systemFunction<Register>(L"msvcrt.dll", "_onexit")) enlist(function);
+}
+
+void startWorld() {
+    try {
+        world = new sim::WorldScope(configuredScenario());
+        // Held once more, so that the end of the library does not destroy what threads may have died in.
+        new std::shared_ptr<sim::World>(sim::currentWorld());
+        atProgramEnd(endWorld);
+    } catch (const platform::BluetoothConfigError& error) {
+        std::fprintf(stderr, "provider: %s\n", error.what());
+        throw;
+    }
+}
+
+HRESULT factoryOf(std::wstring_view name, IActivationFactory** out) {
+    static std::once_flag started;
+    std::call_once(started, startWorld);
+    for (const auto& item : kClasses) {
+        if (item.name != name) continue;
+        handOut(item.factory(), out);
+        return S_OK;
+    }
+    return CLASS_E_CLASSNOTAVAILABLE;
+}
+
+void print(const char* text) noexcept {
+    DWORD written = 0;
+    ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), text, static_cast<DWORD>(std::strlen(text)), &written,
+                nullptr);
+}
+
+void reportLiveObjects() noexcept {
+    long all = 0;
+    for (auto* count = ObjectCount::first(); count; count = count->next)
+        all += count->live;
+    std::array<char, 256> line{};
+    std::snprintf(line.data(), line.size(), "provider: live objects %ld\n", all);
+    print(line.data());
+    for (auto* count = ObjectCount::first(); count; count = count->next) {
+        if (count->live == 0) continue;
+        std::snprintf(line.data(), line.size(), "provider: %ls %ld\n", count->className, count->live.load());
+        print(line.data());
+    }
+}
+
+}  // namespace
+
+}  // namespace provider
+
+extern "C" HRESULT WINAPI DllGetActivationFactory(HSTRING className, IActivationFactory** out) {
+    *out = nullptr;
+    HRESULT result = S_OK;
+    const HRESULT thrown =
+        provider::guarded([&] { result = provider::factoryOf(provider::textOf(className), out); });
+    return FAILED(thrown) ? thrown : result;
+}
+
+extern "C" HRESULT WINAPI DllCanUnloadNow() {
+    return S_FALSE;
+}
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void* processEnds) {
+    if (reason == DLL_PROCESS_DETACH && processEnds) provider::reportLiveObjects();
+    return TRUE;
+}
