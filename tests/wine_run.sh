@@ -9,16 +9,29 @@ export WINEPREFIX=$root/build/${ZIQBLE_WINE_PREFIX:-wine} WINEDEBUG=-all
 export WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d"
 unset DISPLAY WAYLAND_DISPLAY
 
+# What the prefix's registry has to hold: it is Windows 10, but an older one for a program of that name, and the classes of
+# the Windows Runtime come from the simulated one, whether or not it has been built yet.
+settings() {
+    local class library=${root//\//\\\\}'\\build\\windows\\tests\\winrt_provider.dll'
+    printf 'REGEDIT4\n\n[HKEY_CURRENT_USER\\Software\\Wine]\n"Version"="win10"\n\n'
+    printf '[HKEY_CURRENT_USER\\Software\\Wine\\AppDefaults\\ZIQBLEConnect-older.exe]\n"Version"="win81"\n\n'
+    for class in Devices.Bluetooth.Advertisement.BluetoothLEAdvertisementWatcher Devices.Bluetooth.BluetoothLEDevice \
+        Devices.Enumeration.DeviceInformation Devices.Radios.Radio Storage.Streams.DataReader Storage.Streams.DataWriter; do
+        printf '[HKEY_LOCAL_MACHINE\\Software\\Microsoft\\WindowsRuntime\\ActivatableClassId\\Windows.%s]\n' "$class"
+        printf '"DllPath"="Z:%s"\n\n' "$library"
+    done
+}
+
 # The server that made it goes: there its drivers wait for one another for most of a minute, and no service starts meanwhile.
 make_prefix() {
-    wine wineboot --init && wine reg add 'HKCU\Software\Wine' /v Version /d win10 /f && wineserver -k &&
-        touch "$WINEPREFIX/ready"
+    wine wineboot --init && settings >"$WINEPREFIX/new.reg" && wine regedit /S "Z:$WINEPREFIX/new.reg" && wineserver -k &&
+        mv "$WINEPREFIX/new.reg" "$WINEPREFIX/settings.reg"
 }
 
 # Wine's server stays for a while: a program that starts just as the server of the one before it leaves finds none. It and
 # the services are started by themselves, or they would hold the first program's output open for as long.
 start_wine() {
-    [[ -e $WINEPREFIX/ready ]] || make_prefix
+    cmp -s "$WINEPREFIX/settings.reg" <(settings) || make_prefix
     ! wineserver -p60 || wine wineboot
 }
 

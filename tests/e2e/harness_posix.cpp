@@ -13,6 +13,7 @@
 #include <fstream>
 
 #include "tests/e2e/harness.h"
+#include "tests/e2e/subject.h"
 
 namespace e2e {
 
@@ -79,7 +80,7 @@ Program::Program(const fs::path& folder, std::string_view scenario, std::vector<
     if (arguments.empty()) {
         arguments = {"--cmdPipe", commandPipe(folder), "--datPipe", dataPipe(folder)};
     }
-    std::string program = ZIQBLE_PROGRAM;
+    std::string program = programUnderTest();
     std::vector<char*> argv{program.data()};
     for (auto& argument : arguments)
         argv.push_back(argument.data());

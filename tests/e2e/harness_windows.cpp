@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/e2e/harness.h"
+#include "tests/e2e/subject.h"
 
 namespace e2e {
 
@@ -185,7 +186,7 @@ Program::Program(const fs::path& folder, std::string_view scenario, std::vector<
     if (arguments.empty()) {
         arguments = {"--cmdPipe", commandPipe(folder).string(), "--datPipe", dataPipe(folder).string()};
     }
-    arguments.insert(arguments.begin(), ZIQBLE_PROGRAM);
+    arguments.insert(arguments.begin(), programUnderTest());
     impl_->start(commandLine(arguments), folder);
 }
 
