@@ -1,5 +1,5 @@
-// Stands in for bluetoothapis.dll: a machine whose Bluetooth driver shows no adapter. Wine's own library ends the
-// process when it is asked.
+// Stands in for bluetoothapis.dll: a machine whose Bluetooth driver shows no adapter. Wine's own library ends
+// the process when it is asked.
 #include <windows.h>
 
 #include <bluetoothapis.h>

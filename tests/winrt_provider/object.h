@@ -138,7 +138,7 @@ class Object : public Bases... {
         ComPtr<Self> reference;
         for (ULONG now = references_; now != 0;) {
             if (!references_.compare_exchange_weak(now, now + 1)) continue;
-            reference.Attach(static_cast<Self*>(this));
+            *reference.GetAddressOf() = static_cast<Self*>(this);
             break;
         }
         return reference;

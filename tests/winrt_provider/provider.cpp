@@ -41,10 +41,17 @@ constexpr std::array kClasses = {
 
 sim::WorldScope* world = nullptr;  // never destroyed: see above
 
+// Not through the C library, which may be at its end.
+void print(const char* text) noexcept {
+    DWORD written = 0;
+    ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), text, static_cast<DWORD>(std::strlen(text)), &written,
+                nullptr);
+}
+
 int endWorld() {
     world->world().end();
     for (const auto& line : world->world().summary())
-        std::fputs((line + "\n").c_str(), stderr);
+        print((line + "\n").c_str());
     return 0;
 }
 
@@ -67,7 +74,7 @@ void startWorld() {
         new std::shared_ptr<sim::World>(sim::currentWorld());
         atProgramEnd(endWorld);
     } catch (const platform::BluetoothConfigError& error) {
-        std::fprintf(stderr, "provider: %s\n", error.what());
+        print(("provider: " + std::string(error.what()) + "\n").c_str());
         throw;
     }
 }
@@ -81,12 +88,6 @@ HRESULT factoryOf(std::wstring_view name, IActivationFactory** out) {
         return S_OK;
     }
     return CLASS_E_CLASSNOTAVAILABLE;
-}
-
-void print(const char* text) noexcept {
-    DWORD written = 0;
-    ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), text, static_cast<DWORD>(std::strlen(text)), &written,
-                nullptr);
 }
 
 void reportLiveObjects() noexcept {

@@ -66,7 +66,7 @@ class EventHandler final : public Delegate, public IAgileObject {
   private:
     ~EventHandler() = default;
 
-    std::atomic<ULONG> references_ = 1;
+    std::atomic<ULONG> references_ = 0;
     std::recursive_mutex mutex_;
     Function function_;
 };
@@ -78,8 +78,7 @@ Subscription subscribe(const ComPtr<Source>& source,
                        HRESULT (STDMETHODCALLTYPE Source::*remove)(EventRegistrationToken),
                        Function function) {
     using Handler = EventHandler<Delegate, Sender, Args>;
-    ComPtr<Handler> handler;
-    handler.Attach(new Handler(std::move(function)));
+    const ComPtr<Handler> handler(new Handler(std::move(function)));
     EventRegistrationToken token{};
     check((source.Get()->*add)(handler.Get(), &token));
     return Subscription([source, remove, handler, token] {

@@ -54,14 +54,16 @@ class Operation final : public AsyncOperation<Result> {
 
     Result getResults() override {
         if (info_.status() == AsyncStatus::canceled) throw PlatformError(kECancelled);
-        typename ABI::Windows::Foundation::Internal::GetAbiType<typename Abi::TResult_complex>::type raw{};
-        check(operation_->GetResults(&raw));
-        if constexpr (std::is_pointer_v<decltype(raw)>) {
-            ComPtr<std::remove_pointer_t<decltype(raw)>> owned;
-            owned.Attach(raw);
-            return convert_(owned);
+        using Raw =
+            typename ABI::Windows::Foundation::Internal::GetAbiType<typename Abi::TResult_complex>::type;
+        if constexpr (std::is_pointer_v<Raw>) {
+            ComPtr<std::remove_pointer_t<Raw>> result;
+            check(operation_->GetResults(result.GetAddressOf()));
+            return convert_(result);
         } else {
-            return convert_(raw);
+            Raw result{};
+            check(operation_->GetResults(&result));
+            return convert_(result);
         }
     }
 
@@ -82,14 +84,13 @@ AsyncOperationPtr<Result> makeOperation(ComPtr<ABI::Windows::Foundation::IAsyncO
 // The elements of a list, each made into the seam's object. The list must not be null.
 template <class Result, class View, class Convert>
 std::vector<Result> elementsOf(const ComPtr<View>& view, Convert convert) {
+    using Raw = typename ABI::Windows::Foundation::Internal::GetAbiType<typename View::T_complex>::type;
     std::vector<Result> elements;
     const UINT32 size = valueOf(view, &View::get_Size);
     elements.reserve(size);
     for (UINT32 index = 0; index < size; ++index) {
-        typename ABI::Windows::Foundation::Internal::GetAbiType<typename View::T_complex>::type raw{};
-        check(view->GetAt(index, &raw));
-        ComPtr<std::remove_pointer_t<decltype(raw)>> element;
-        element.Attach(raw);
+        ComPtr<std::remove_pointer_t<Raw>> element;
+        check(view->GetAt(index, element.GetAddressOf()));
         elements.push_back(convert(std::move(element)));
     }
     return elements;

@@ -17,6 +17,7 @@
 
 namespace platform::winrt {
 
+// Attach() is not to be used: MinGW's adds a reference, the Windows SDK's does not.
 using Microsoft::WRL::ComPtr;
 
 // Throws PlatformError with the system's text for the code when it is a failure.
