@@ -16,7 +16,9 @@ TEST_F(Endurance, EchoesAMegabyteWithoutLosingAByte) {
     const std::string sent = randomBytes(1 << 20);
     for (const char* mtu : {"20", "244"}) {
         SCOPED_TRACE(mtu);
-        start(R"({"time_scale": 50, "peripherals": [{"tx_mtu": )" + std::string(mtu) + "}]}");
+        // Credits enough, so that the pace is not that of the program's waits for more.
+        const std::string peripheral = R"("initial_credits": 1000, "regrant_at": 500, "tx_mtu": )";
+        start(R"({"time_scale": 50, "peripherals": [{)" + peripheral + mtu + "}]}");
         connect();
         std::thread writer([&] { EXPECT_TRUE(data.send(sent)); });
         const std::string received = data.readBytes(sent.size(), 60s);

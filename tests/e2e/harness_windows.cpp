@@ -43,13 +43,38 @@ struct HandleEntry {
     ULONG access;
 };
 
-std::size_t handlesOf(DWORD process) {
+std::vector<HandleEntry> allHandles() {
     constexpr int kSystemHandleInformation = 16;
     const auto list = systemList(kSystemHandleInformation);
     const auto first = reinterpret_cast<const HandleEntry*>(list.data() + sizeof(void*));
-    const ULONG count = *reinterpret_cast<const ULONG*>(list.data());
-    return static_cast<std::size_t>(
-        std::count_if(first, first + count, [&](const auto& entry) { return entry.process == process; }));
+    return {first, first + *reinterpret_cast<const ULONG*>(list.data())};
+}
+
+// How the system numbers the type of registry keys.
+BYTE keyType() {
+    HKEY key = nullptr;
+    ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"Software", 0, KEY_READ, &key);
+    const auto value = static_cast<USHORT>(reinterpret_cast<std::uintptr_t>(key));
+    BYTE type = 0;
+    for (const auto& entry : allHandles()) {
+        if (entry.process == ::GetCurrentProcessId() && entry.value == value) type = entry.type;
+    }
+    ::RegCloseKey(key);
+    return type;
+}
+
+// Wine leaves a registry key open each time that a class of the Windows Runtime is looked up: keys do not
+// count.
+bool counts(const HandleEntry& handle) {
+    static const BYTE keys = keyType();
+    return handle.type != keys;
+}
+
+std::size_t handlesOf(DWORD process) {
+    const auto all = allHandles();
+    return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), [&](const auto& entry) {
+        return entry.process == process && counts(entry);
+    }));
 }
 
 Resources resourcesOf(DWORD process) {
