@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -74,10 +75,8 @@ bool setScanIntervals();
 // The body of the configuration thread.
 void scanConfigThread(const ScanConfigArgs& args);
 
-// Waits for a configuration thread that still runs. It is waited for at the end of the process in any case;
-// whoever takes the Bluetooth side down earlier calls this before. Not at the same time as
-// setScanIntervals().
-void joinScanConfigThread();
+// True once no configuration thread runs any more, false when the time was over before. Any thread.
+bool waitForScanConfigThread(std::chrono::milliseconds timeout);
 
 // 1 when the driver took the command, otherwise its error number.
 std::uint32_t applyScanWorkaround1809(platform::Adapter& adapter);

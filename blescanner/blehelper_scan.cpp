@@ -1,10 +1,10 @@
 #include <array>
 #include <chrono>
 #include <loguru.hpp>
-#include <thread>
 #include <vector>
 
 #include "blescanner/blehelper.h"
+#include "blescanner/detached_threads.h"
 #include "platform/clock.h"
 
 namespace blescanner {
@@ -19,6 +19,7 @@ namespace {
 constexpr std::uint16_t kScanInterval = 29;  // of 0.625 ms: interval and window alike
 constexpr std::size_t kPlainReplySize = 40;
 constexpr std::chrono::milliseconds kThreadStartTime{250};
+constexpr std::chrono::seconds kSlowStartTime{5};
 
 // Size of a command, and where in it the interval stands how many times in a row. The rest is zero.
 struct CommandLayout {
@@ -48,19 +49,18 @@ std::uint32_t applyWorkaround(Adapter& adapter, const char* generation, const Co
     return number(error);
 }
 
-// Nobody waits for the thread's outcome while the program runs. It owns its adapter, and the handle joins it
-// when the process ends, so that it never logs into what is already gone; it holds that up no longer than the
-// driver takes for three commands.
-std::jthread& configThread() {
-    static std::jthread thread;
-    return thread;
+// Nobody waits for the thread's outcome while the program runs: a driver may take its time. It owns its
+// adapter.
+DetachedThreads& configThreads() {
+    static DetachedThreads instance;
+    return instance;
 }
 
 }  // namespace
 
 bool setScanIntervals() {
     // An earlier thread that was slow to start may be about to set the flag.
-    if (!scanIntervalsConfigured) joinScanConfigThread();
+    if (!scanIntervalsConfigured) waitForScanConfigThread(kSlowStartTime);
     if (scanIntervalsConfigured) return true;
     const platform::AdapterList list = platform::findAdapters();
     if (list.adapters.empty()) {
@@ -68,7 +68,8 @@ bool setScanIntervals() {
         return scanIntervalsConfigured;
     }
     LOG_S(INFO) << "setScanIntervals: Value " << kScanInterval;
-    configThread() = std::jthread(scanConfigThread, ScanConfigArgs{list.adapters.front(), kScanInterval});
+    configThreads().start(
+        [args = ScanConfigArgs{list.adapters.front(), kScanInterval}] { scanConfigThread(args); });
     platform::sleepFor(kThreadStartTime);
     return scanIntervalsConfigured;
 }
@@ -92,8 +93,8 @@ void scanConfigThread(const ScanConfigArgs& args) {
     LOG_S(INFO) << "Scan config thread terminated...";
 }
 
-void joinScanConfigThread() {
-    configThread() = {};
+bool waitForScanConfigThread(std::chrono::milliseconds timeout) {
+    return configThreads().wait(timeout);
 }
 
 std::uint32_t applyScanWorkaround1809(Adapter& adapter) {

@@ -20,7 +20,7 @@ namespace blescanner {
 namespace {
 
 constexpr const char* kVersion = ZIQBLE_VERSION;
-constexpr std::chrono::seconds kLinkSessionEndTime{2};
+constexpr std::chrono::seconds kLastCallTime{2};
 
 void logToStandardOutput(void*, const loguru::Message& line) {
     print(std::string(line.preamble) + line.indentation + line.prefix + line.message + '\n');
@@ -76,18 +76,20 @@ void runBridge(const std::vector<std::string>& arguments) {
     std::thread shell(shellThread);
     shell.join();
     platform::requestStop();  // a session that is still winding down has nothing more to wait for
-    joinScanConfigThread();
-    if (!waitForLinkSessions(kLinkSessionEndTime)) {
+    if (!waitForScanConfigThread(kLastCallTime)) {
+        LOG_S(WARNING) << "[WARNING] The adapter's driver has not answered a scan command!";
+    }
+    if (!waitForLinkSessions(kLastCallTime)) {
         LOG_S(WARNING)
             << "[WARNING] A Bluetooth call of the link session has not come back, it is cancelled!";
     }
     LOG_S(INFO) << "Goodbye!";
 }
 
-// Link sessions are detached threads. One that outlives even the cancelling of its Bluetooth call hangs in
-// the system: then the process goes without destroying anything under it.
-void endProcessUnderHangingSession() {
-    if (waitForLinkSessions(kLinkSessionEndTime)) return;
+// What makes Bluetooth calls runs on detached threads. One that outlives even the cancelling of its call
+// hangs in the system: then the process goes without destroying anything under it.
+void endProcessUnderHangingCall() {
+    if (waitForLinkSessions(kLastCallTime) && waitForScanConfigThread(kLastCallTime)) return;
     loguru::flush();
     std::fflush(stdout);
     std::_Exit(0);
@@ -131,7 +133,7 @@ int runProgram(const std::vector<std::string>& arguments) {
     } catch (...) {
         print("Unknown exception in main! Terminating application...\n");
     }
-    endProcessUnderHangingSession();
+    endProcessUnderHangingCall();
     loguru::remove_all_callbacks();
     return 0;
 }

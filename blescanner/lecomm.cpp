@@ -1,16 +1,15 @@
 #include "blescanner/lecomm.h"
 
 #include <array>
-#include <condition_variable>
 #include <cstdio>
 #include <loguru.hpp>
 #include <mutex>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 #include "blescanner/cmdpipe.h"
 #include "blescanner/cmdpipe_notification.h"
+#include "blescanner/detached_threads.h"
 #include "blescanner/lescan.h"
 #include "platform/text.h"
 
@@ -40,45 +39,8 @@ TioStatistics& statistics() {
     return instance;
 }
 
-// Counts the detached session threads, so that the end of the program can wait for them.
-class SessionThreads {
-  public:
-    void start(std::shared_ptr<TioContext> context, std::wstring address) {
-        {
-            const std::lock_guard lock(mutex_);
-            ++running_;
-        }
-        try {
-            std::thread([this, context = std::move(context), address = std::move(address)]() mutable {
-                commThread(context, address);
-                context.reset();
-                leave();
-            }).detach();
-        } catch (...) {
-            leave();
-            throw;
-        }
-    }
-
-    bool wait(std::chrono::milliseconds timeout) {
-        std::unique_lock lock(mutex_);
-        return ended_.wait_for(lock, timeout, [this] { return running_ == 0; });
-    }
-
-  private:
-    void leave() {
-        const std::lock_guard lock(mutex_);
-        --running_;
-        ended_.notify_all();
-    }
-
-    std::mutex mutex_;
-    std::condition_variable ended_;
-    int running_ = 0;
-};
-
-SessionThreads& sessionThreads() {
-    static SessionThreads instance;
+DetachedThreads& sessionThreads() {
+    static DetachedThreads instance;
     return instance;
 }
 
@@ -178,7 +140,7 @@ int lecommStart(std::shared_ptr<CNamedPipe> dataPipe, const std::wstring& addres
         LOG_S(INFO) << "Trigger a fake event...";
         triggerFakeScanEvent();
         LOG_S(INFO) << "Prepare scanner...";
-        sessionThreads().start(context, address);
+        sessionThreads().start([context, address] { commThread(context, address); });
         LOG_S(INFO) << "Communication thread detached and running...";
     } catch (...) {
         LOG_S(ERROR) << "Exception in lecommStart" << platform::number(platform::lastSystemError());

@@ -29,7 +29,7 @@ TEST(SetScanIntervals, SentOncePerProcessWhateverTheDriverSays) {
         test::SleepRecorder recorder;
         test::LogCapture log;
         setScanIntervals();
-        joinScanConfigThread();
+        EXPECT_TRUE(waitForScanConfigThread(std::chrono::seconds(20)));
         EXPECT_TRUE(setScanIntervals());
         const auto texts = log.texts();
         const auto first = std::find(texts.begin(), texts.end(), "Applying scan intervals...8");

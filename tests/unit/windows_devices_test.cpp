@@ -70,7 +70,7 @@ class WindowsRadios : public ::testing::Test {
         scanIntervalsConfigured = false;
         const test::SleepRecorder recorder;
         setScanIntervals();
-        joinScanConfigThread();
+        EXPECT_TRUE(waitForScanConfigThread(std::chrono::seconds(20)));
         const RadioReport report = driver_->reports()[0];
         std::vector<Bytes> commands;
         for (ULONG index = 0; index < report.commandCount; ++index) {

@@ -14,12 +14,12 @@
 
 namespace platform::winrt {
 
-// The result code of the exception that is being handled.
+// The result code of the exception that is being handled. Inside a handler only.
 HRESULT currentExceptionResult() noexcept;
 
 // A handler object of the type `Delegate`. It is agile: the runtime calls it on whatever thread it likes. The
-// lock is held during a call, so that end() waits for it and calls do not overlap; it is recursive, so that a
-// handler may end its own registration. What the function throws goes back to the runtime as a result code.
+// lock is held during a call, so that end() waits for it and calls do not overlap. What the function throws
+// goes back to the runtime as a result code.
 template <class Delegate, class Sender, class Args>
 class EventHandler final : public Delegate, public IAgileObject {
   public:
@@ -29,14 +29,13 @@ class EventHandler final : public Delegate, public IAgileObject {
 
     void end() {
         const std::lock_guard lock(mutex_);
-        function_ = nullptr;
+        ended_ = true;
     }
 
     STDMETHODIMP Invoke(Sender* sender, Args* args) override {
-        const std::lock_guard lock(mutex_);
-        if (!function_) return S_OK;
         try {
-            function_(sender, args);
+            const std::lock_guard lock(mutex_);
+            if (!ended_) function_(sender, args);
             return S_OK;
         } catch (...) {
             return currentExceptionResult();
@@ -67,8 +66,9 @@ class EventHandler final : public Delegate, public IAgileObject {
     ~EventHandler() = default;
 
     std::atomic<ULONG> references_ = 0;
-    std::recursive_mutex mutex_;
-    Function function_;
+    const Function function_;
+    std::recursive_mutex mutex_;  // a handler may be called from within itself
+    bool ended_ = false;
 };
 
 // Registers `function` for the event whose two methods are `add` and `remove`.
@@ -84,7 +84,7 @@ Subscription subscribe(const ComPtr<Source>& source,
     return Subscription([source, remove, handler, token] {
         // An event whose source is closed cannot be removed any more; the handler does nothing from now on.
         (source.Get()->*remove)(token);
-        handler->end();
+        handler.Get()->end();
     });
 }
 

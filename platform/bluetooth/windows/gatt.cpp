@@ -100,6 +100,7 @@ class WindowsSession final : public GattSession {
             &abi::IGattSession::remove_SessionStatusChanged,
             [handler = std::move(handler)](abi::IGattSession*,
                                            abi::IGattSessionStatusChangedEventArgs* args) {
+                if (!args) return;
                 const auto status = valueOf(ComPtr<abi::IGattSessionStatusChangedEventArgs>(args),
                                             &abi::IGattSessionStatusChangedEventArgs::get_Status);
                 handler(static_cast<GattSessionStatus>(status));

@@ -17,7 +17,8 @@
 
 namespace platform::winrt {
 
-// Attach() is not to be used: MinGW's adds a reference, the Windows SDK's does not.
+// Attach() is not to be used: MinGW's adds a reference, the Windows SDK's does not. And `->` is for the
+// runtime's interfaces only: the SDK's hands out a class derived from what it points to.
 using Microsoft::WRL::ComPtr;
 
 // Throws PlatformError with the system's text for the code when it is a failure.

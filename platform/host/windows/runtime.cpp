@@ -22,7 +22,7 @@ namespace {
 constexpr DWORD kLongestEndMs = 10'000;
 constexpr DWORD kRoInitMultithreaded = 1;
 
-// Looked for: a Windows without the Windows Runtime lacks them, and the program starts there all the same.
+// Looked for, so that the program in a simulated world starts where there is no Windows Runtime.
 bool initializeWindowsRuntime() {
     const auto initialize = systemFunction<HRESULT WINAPI(DWORD)>(L"combase.dll", "RoInitialize");
     return initialize && SUCCEEDED(initialize(kRoInitMultithreaded));
@@ -32,6 +32,17 @@ void uninitializeWindowsRuntime() {
     const auto uninitialize = systemFunction<void WINAPI()>(L"combase.dll", "RoUninitialize");
     if (uninitialize) uninitialize();
 }
+
+// The log is UTF-8, which a console shows in whatever code page it has. Returns the one that it had; 0 where
+// there is no console to change.
+UINT switchConsoleToUtf8() {
+    DWORD mode = 0;
+    if (!::GetConsoleMode(::GetStdHandle(STD_OUTPUT_HANDLE), &mode)) return 0;
+    const UINT before = ::GetConsoleOutputCP();
+    return ::SetConsoleOutputCP(CP_UTF8) ? before : 0;
+}
+
+UINT consoleCodePageBefore = 0;  // HostRuntime's, main thread only
 
 // Runs on a thread of the system's. Ctrl-C asks the program to stop, which may take a while: the second one
 // ends it at once. After the other events the process lives for as long as this function runs; it is gone
@@ -53,12 +64,14 @@ HostRuntime::HostRuntime() : initialized_(initializeWindowsRuntime()) {
         std::fputws(L"Could not convert string security descriptor!", stderr);
         return;
     }
+    consoleCodePageBefore = switchConsoleToUtf8();
     stopRequested();  // exists before the handler can need it
     ::SetConsoleCtrlHandler(stopOnConsoleEvent, TRUE);
     ready_ = true;
 }
 
 HostRuntime::~HostRuntime() {
+    if (consoleCodePageBefore != 0) ::SetConsoleOutputCP(consoleCodePageBefore);
     if (initialized_) uninitializeWindowsRuntime();
 }
 
