@@ -1,11 +1,10 @@
 #include <windows.devices.bluetooth.h>
 
+#include "platform/pairing.h"
 #include "tests/winrt_provider/closable.h"
 #include "tests/winrt_provider/gatt.h"
 #include "tests/winrt_provider/guid.h"
 #include "tests/winrt_provider/provider.h"
-
-#include "platform/pairing.h"
 
 namespace provider {
 
