@@ -191,8 +191,11 @@ void abandon(const std::shared_ptr<TioContext>& context, const char* logLine) {
 }  // namespace
 
 void commThread(const std::shared_ptr<TioContext>& context, const std::wstring& address) {
+    // Outlives what it throws: the client is told before the handlers are waited for, and one of them may be
+    // writing to a client that does not read.
+    CommSession session(context);
     try {
-        CommSession(context).run(address);
+        session.run(address);
         resetTioContext(*context);  // what a failed set-up has gathered
     } catch (const platform::PlatformError& error) {
         LOG_S(ERROR) << describe(error) << ":" << error.what();
