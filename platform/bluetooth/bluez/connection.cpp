@@ -1,0 +1,144 @@
+#include "platform/bluetooth/bluez/connection.h"
+
+#include <map>
+#include <mutex>
+
+#include "platform/bluetooth/bluez/error.h"
+
+namespace bluez {
+
+namespace {
+
+using platform::PlatformError;
+
+constexpr std::chrono::seconds kConnectTime{20};
+constexpr std::chrono::seconds kResolveTime{20};
+constexpr std::chrono::seconds kDisconnectTime{5};
+constexpr std::chrono::seconds kReportTime{2};  // from the reply to the property that it is about
+
+// What the connections to one peripheral share.
+struct Link {
+    int users = 0;
+    bool ours = false;    // made by one of them, to be ended by the last
+    bool ending = false;  // the end was asked for, and nobody has seen it yet
+};
+
+struct Links {
+    std::mutex mutex;
+    std::map<std::string, Link> byPath;
+};
+
+Links& links() {
+    static Links instance;
+    return instance;
+}
+
+}  // namespace
+
+Connection::Connection(std::shared_ptr<Bus> bus, std::string devicePath)
+    : bus_(std::move(bus)), path_(std::move(devicePath)) {
+    {
+        const std::lock_guard lock(links().mutex);
+        ++links().byPath[path_].users;
+    }
+    changes_ = bus_->onChange([this](const Change& change) {
+        if (change.kind == Change::Kind::removed && change.interface == kDevice && change.path == path_)
+            gone_ = true;
+    });
+}
+
+Connection::~Connection() {
+    changes_.reset();
+    {
+        const std::lock_guard lock(links().mutex);
+        Link& link = links().byPath[path_];
+        if (--link.users > 0) return;
+        if (!link.ours || gone()) {
+            if (!link.ending) links().byPath.erase(path_);
+            return;
+        }
+        link.ours = false;
+        link.ending = true;
+    }
+    disconnect();
+}
+
+bool Connection::connected() const {
+    return !gone_ && bus_->objects().isTrue(path_, kDevice, "Connected");
+}
+
+bool Connection::gone() const {
+    return gone_ ||
+           !bus_->objects().read([this](const ObjectTree& tree) { return tree.has(path_, kDevice); });
+}
+
+void Connection::requirePresent() const {
+    if (gone()) throw PlatformError(platform::kRoEClosed);
+}
+
+void Connection::requireLink() const {
+    requirePresent();
+    if (!connected()) throw PlatformError(kNotConnected);
+}
+
+void Connection::establish() {
+    awaitEarlierEnd();
+    requirePresent();
+    if (!connected()) connect();
+    if (waitFor(Until::resolved, kResolveTime)) return;
+    requireLink();
+    throw PlatformError(kTimeout);
+}
+
+// bluetoothd takes its time to end a link; one that is about to end must not be taken for one that is up.
+void Connection::awaitEarlierEnd() {
+    {
+        const std::lock_guard lock(links().mutex);
+        if (!links().byPath[path_].ending) return;
+    }
+    bus_->objects().waitFor(kDisconnectTime, [this](const ObjectTree& tree) {
+        return !tree.isTrue(path_, kDevice, "Connected");
+    });
+    const std::lock_guard lock(links().mutex);
+    links().byPath[path_].ending = false;
+}
+
+void Connection::connect() {
+    {
+        const std::lock_guard lock(links().mutex);
+        links().byPath[path_].ours = true;
+    }
+    try {
+        bus_->call({path_, kDevice, "Connect", kConnectTime});
+    } catch (const PlatformError& error) {
+        // Somebody else's attempt is as good.
+        if (error.code() == kInProgress && waitFor(Until::connected, kConnectTime)) return;
+        if (error.code() == kTimeout) disconnect();  // gives the attempt up
+        requirePresent();
+        throw;
+    }
+    if (waitFor(Until::connected, kReportTime)) return;
+    requirePresent();
+    throw PlatformError(kNotConnected);
+}
+
+// False: it did not happen in time, or cannot any more.
+bool Connection::waitFor(Until what, std::chrono::milliseconds timeout) {
+    bool reached = false;
+    bus_->objects().waitFor(timeout, [&](const ObjectTree& tree) {
+        const bool linked = tree.isTrue(path_, kDevice, "Connected");
+        reached = linked && (what == Until::connected || tree.isTrue(path_, kDevice, "ServicesResolved"));
+        return reached || !tree.has(path_, kDevice) || (what == Until::resolved && !linked);
+    });
+    return reached;
+}
+
+void Connection::disconnect() {
+    try {
+        bus_->send({path_, kDevice, "Disconnect"}, [](const PlatformError&) {});
+    } catch (const PlatformError&) {
+        // No bus, no link.
+    }
+}
+
+}  // namespace bluez
