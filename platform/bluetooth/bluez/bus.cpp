@@ -154,11 +154,7 @@ sdbus::IProxy& Bus::proxy(const std::string& path) {
 
 void Bus::await(const Outgoing& message, std::chrono::milliseconds timeout, ReadReply read) {
     const auto reply = std::make_shared<Reply>();
-    {
-        const std::lock_guard lock(mutex_);
-        if (closed_) throw PlatformError(platform::kECancelled);
-        if (lost_) throw PlatformError(platform::kRoEClosed);
-    }
+    requireOpen();
     const auto arrived = [this, reply, read = std::move(read)](sdbus::MethodReply& values,
                                                                const sdbus::Error* error) {
         std::unique_ptr<sdbus::Error> failure;
@@ -183,16 +179,30 @@ void Bus::await(const Outgoing& message, std::chrono::milliseconds timeout, Read
     if (reply->error) throw translate(*reply->error);
 }
 
-void Bus::sendOff(const Outgoing& message, std::chrono::milliseconds timeout,
-                  std::function<void(const PlatformError&)> failed) {
-    const auto arrived = [failed = std::move(failed)](sdbus::MethodReply&, const sdbus::Error* error) {
-        if (error) failed(translate(*error));
+void Bus::sendOff(const Outgoing& message, std::chrono::milliseconds timeout, Answered answered) {
+    const auto arrived = [answered = std::move(answered)](sdbus::MethodReply&, const sdbus::Error* error) {
+        if (!error) return answered(nullptr);
+        const PlatformError failure = translate(*error);
+        answered(&failure);
     };
     try {
         message.proxy.callMethod(message.call, arrived, microseconds(timeout));
     } catch (const sdbus::Error& error) {
         throw translate(error);
     }
+}
+
+bool Bus::waitFor(std::chrono::milliseconds timeout,
+                  const std::function<bool(const ObjectTree&)>& condition) {
+    const bool holds = objects_.waitFor(timeout, condition);
+    if (!holds) requireOpen();
+    return holds;
+}
+
+void Bus::requireOpen() {
+    const std::lock_guard lock(mutex_);
+    if (closed_) throw PlatformError(platform::kECancelled);
+    if (lost_) throw PlatformError(platform::kRoEClosed);
 }
 
 // The matches name the sender, so that nobody else on the bus can play bluetoothd.

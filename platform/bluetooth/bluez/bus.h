@@ -65,12 +65,15 @@ class Bus {
         return std::move(*results);
     }
 
-    // Calls and lets the reply be; one that is an error goes to `failed`, on the loop's thread.
+    // Calls and lets the reply be; `answered` gets it on the loop's thread, null or the error.
+    using Answered = std::function<void(const platform::PlatformError* error)>;
     template <class... Arguments>
-    void send(const Method& method, std::function<void(const platform::PlatformError&)> failed,
-              const Arguments&... arguments) {
-        sendOff(newCall(method, arguments...), method.timeout, std::move(failed));
+    void send(const Method& method, Answered answered, const Arguments&... arguments) {
+        sendOff(newCall(method, arguments...), method.timeout, std::move(answered));
     }
+
+    // Waits until the condition holds of the objects; false when the time has passed before.
+    bool waitFor(std::chrono::milliseconds timeout, const std::function<bool(const ObjectTree&)>& condition);
 
     // Readable once the bus was closed; for waits on descriptors.
     int closedDescriptor() const { return closedSignal_.get(); }
@@ -101,8 +104,8 @@ class Bus {
 
     sdbus::IProxy& proxy(const std::string& path);
     void await(const Outgoing& message, std::chrono::milliseconds timeout, ReadReply read);
-    void sendOff(const Outgoing& message, std::chrono::milliseconds timeout,
-                 std::function<void(const platform::PlatformError&)> failed);
+    void sendOff(const Outgoing& message, std::chrono::milliseconds timeout, Answered answered);
+    void requireOpen();
     void close();
     bool lost();
 

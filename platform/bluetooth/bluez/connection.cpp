@@ -1,5 +1,7 @@
 #include "platform/bluetooth/bluez/connection.h"
 
+#include <algorithm>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 
@@ -13,24 +15,33 @@ using platform::PlatformError;
 
 constexpr std::chrono::seconds kConnectTime{20};
 constexpr std::chrono::seconds kResolveTime{20};
-constexpr std::chrono::seconds kDisconnectTime{5};
+constexpr std::chrono::seconds kEndTime{3};
 constexpr std::chrono::seconds kReportTime{2};  // from the reply to the property that it is about
 
 // What the connections to one peripheral share.
 struct Link {
     int users = 0;
     bool ours = false;    // made by one of them, to be ended by the last
-    bool ending = false;  // the end was asked for, and nobody has seen it yet
+    bool ending = false;  // the end was asked for, and has not been reported yet
 };
 
 struct Links {
     std::mutex mutex;
-    std::map<std::string, Link> byPath;
+    std::condition_variable ended;
+    std::map<std::string, Link> byPath;  // guarded by mutex
 };
 
 Links& links() {
     static Links instance;
     return instance;
+}
+
+void linkEnded(const std::string& path) {
+    const std::lock_guard lock(links().mutex);
+    Link& link = links().byPath[path];
+    link.ending = false;
+    if (link.users == 0) links().byPath.erase(path);
+    links().ended.notify_all();
 }
 
 }  // namespace
@@ -53,7 +64,7 @@ Connection::~Connection() {
         const std::lock_guard lock(links().mutex);
         Link& link = links().byPath[path_];
         if (--link.users > 0) return;
-        if (!link.ours || gone()) {
+        if (!link.ours || gone_) {
             if (!link.ending) links().byPath.erase(path_);
             return;
         }
@@ -61,6 +72,14 @@ Connection::~Connection() {
         link.ending = true;
     }
     disconnect();
+}
+
+void Connection::awaitEnds() {
+    std::unique_lock lock(links().mutex);
+    links().ended.wait_for(lock, kEndTime, [] {
+        return std::none_of(links().byPath.begin(), links().byPath.end(),
+                            [](const auto& entry) { return entry.second.ending; });
+    });
 }
 
 bool Connection::connected() const {
@@ -90,17 +109,14 @@ void Connection::establish() {
     throw PlatformError(kTimeout);
 }
 
-// bluetoothd takes its time to end a link; one that is about to end must not be taken for one that is up.
+// A link that is about to end must not be taken for one that is up.
 void Connection::awaitEarlierEnd() {
     {
         const std::lock_guard lock(links().mutex);
         if (!links().byPath[path_].ending) return;
     }
-    bus_->objects().waitFor(kDisconnectTime, [this](const ObjectTree& tree) {
-        return !tree.isTrue(path_, kDevice, "Connected");
-    });
-    const std::lock_guard lock(links().mutex);
-    links().byPath[path_].ending = false;
+    bus_->waitFor(kEndTime,
+                  [this](const ObjectTree& tree) { return !tree.isTrue(path_, kDevice, "Connected"); });
 }
 
 void Connection::connect() {
@@ -125,7 +141,7 @@ void Connection::connect() {
 // False: it did not happen in time, or cannot any more.
 bool Connection::waitFor(Until what, std::chrono::milliseconds timeout) {
     bool reached = false;
-    bus_->objects().waitFor(timeout, [&](const ObjectTree& tree) {
+    bus_->waitFor(timeout, [&](const ObjectTree& tree) {
         const bool linked = tree.isTrue(path_, kDevice, "Connected");
         reached = linked && (what == Until::connected || tree.isTrue(path_, kDevice, "ServicesResolved"));
         return reached || !tree.has(path_, kDevice) || (what == Until::resolved && !linked);
@@ -135,9 +151,9 @@ bool Connection::waitFor(Until what, std::chrono::milliseconds timeout) {
 
 void Connection::disconnect() {
     try {
-        bus_->send({path_, kDevice, "Disconnect"}, [](const PlatformError&) {});
+        bus_->send({path_, kDevice, "Disconnect"}, [path = path_](const PlatformError*) { linkEnded(path); });
     } catch (const PlatformError&) {
-        // No bus, no link.
+        linkEnded(path_);  // no bus, no link
     }
 }
 

@@ -31,6 +31,10 @@ class Connection {
     // Throws PlatformError unless the link is up.
     void requireLink() const;
 
+    // Waits until the links that the program ended are down, bounded: who starts it again finds none that
+    // only looks as if it were up. bluetoothd takes two seconds for it.
+    static void awaitEnds();
+
     // Connects if need be and waits until the services are known, both bounded. Throws PlatformError.
     void establish();
 

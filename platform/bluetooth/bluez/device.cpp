@@ -84,7 +84,7 @@ DevicePtr findDevice(std::uint64_t address) {
     if (!path) {
         const Discovery discovery(bus);
         if (!discovery.running()) return nullptr;
-        bus->objects().waitFor(kFindTime, [&](const ObjectTree& tree) {
+        bus->waitFor(kFindTime, [&](const ObjectTree& tree) {
             path = knownDevice(tree, text);
             return path.has_value();
         });

@@ -25,9 +25,8 @@ constexpr std::chrono::milliseconds kWriteTime = kCallTime;
 constexpr const char* kAcquired = "WriteAcquired";
 
 void awaitRelease(Bus& bus, const std::string& path) {
-    bus.objects().waitFor(kReleaseTime, [&](const ObjectTree& tree) {
-        return !tree.isTrue(path, kGattCharacteristic, kAcquired);
-    });
+    bus.waitFor(kReleaseTime,
+                [&](const ObjectTree& tree) { return !tree.isTrue(path, kGattCharacteristic, kAcquired); });
 }
 
 }  // namespace

@@ -41,8 +41,8 @@ class AdapterRadio final : public platform::Radio {
         return run([&] {
             bus_->send(
                 {path_, "org.freedesktop.DBus.Properties", "Set"},
-                [name = adapterName(path_)](const PlatformError&) {
-                    if (isBlocked(kSysfsBluetooth, name)) advise(Trouble::adapterBlocked, name);
+                [name = adapterName(path_)](const PlatformError* error) {
+                    if (error && isBlocked(kSysfsBluetooth, name)) advise(Trouble::adapterBlocked, name);
                 },
                 kAdapter, "Powered", sdbus::Variant(state == RadioState::on));
             return RadioAccessStatus::allowed;

@@ -1,6 +1,7 @@
 #include "platform/runtime.h"
 
 #include "platform/bluetooth/bluez/bus.h"
+#include "platform/bluetooth/bluez/connection.h"
 #include "platform/version.h"
 
 namespace platform {
@@ -11,6 +12,7 @@ BluetoothRuntime::BluetoothRuntime() {
 }
 
 BluetoothRuntime::~BluetoothRuntime() {
+    bluez::Connection::awaitEnds();
     bluez::Bus::closeCurrent();
 }
 

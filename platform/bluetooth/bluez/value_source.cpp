@@ -74,7 +74,7 @@ class SignalSource final : public ValueSource {
     ~SignalSource() override {
         if (!connection_->connected()) return;
         try {
-            connection_->bus().send({path_, kGattCharacteristic, "StopNotify"}, [](const PlatformError&) {});
+            connection_->bus().send({path_, kGattCharacteristic, "StopNotify"}, [](const PlatformError*) {});
         } catch (const PlatformError&) {
             // No bus, no notifications.
         }
@@ -88,7 +88,7 @@ class SignalSource final : public ValueSource {
 };
 
 Descriptor acquireNotify(Connection& connection, const std::string& path) {
-    connection.bus().objects().waitFor(kReleaseTime, [&](const ObjectTree& tree) {
+    connection.bus().waitFor(kReleaseTime, [&](const ObjectTree& tree) {
         return !tree.isTrue(path, kGattCharacteristic, "NotifyAcquired");
     });
     const std::map<std::string, sdbus::Variant> options;
