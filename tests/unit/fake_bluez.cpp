@@ -58,14 +58,25 @@ Daemon::Daemon() {
     std::ofstream(config) << "<busconfig><listen>unix:path=" << (folder_ / "bus").string()
                           << "</listen><auth>EXTERNAL</auth><policy context='default'><allow own='*'/>"
                              "<allow send_destination='*'/><allow receive_sender='*'/></policy></busconfig>";
+    int ready[2];
+    if (::pipe(ready) != 0) throw std::runtime_error("pipe");
     const std::string option = "--config-file=" + config.string();
-    const char* const arguments[] = {"dbus-daemon", option.c_str(), "--nofork", "--nopidfile", nullptr};
-    if (::posix_spawnp(&process_, arguments[0], nullptr, nullptr, const_cast<char**>(arguments), environ) !=
-        0)
-        throw std::runtime_error("dbus-daemon cannot be started");
-    for (int i = 0; i < 1000 && !std::filesystem::exists(folder_ / "bus"); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + (folder_ / "bus").string()).c_str(), 1);
+    const char* const arguments[] = {"dbus-daemon", option.c_str(),      "--nofork",
+                                     "--nopidfile", "--print-address=3", nullptr};
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_addclose(&actions, ready[0]);
+    ::posix_spawn_file_actions_adddup2(&actions, ready[1], 3);
+    const int error =
+        ::posix_spawnp(&process_, arguments[0], &actions, nullptr, const_cast<char**>(arguments), environ);
+    ::posix_spawn_file_actions_destroy(&actions);
+    ::close(ready[1]);
+    std::string address(256, '\0');  // printed once the bus can be reached
+    const ssize_t size = error == 0 ? ::read(ready[0], address.data(), address.size()) : 0;
+    ::close(ready[0]);
+    if (size <= 0) throw std::runtime_error("dbus-daemon does not start");
+    address.resize(address.find('\n'));
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
 }
 
 Daemon::~Daemon() {
@@ -171,7 +182,7 @@ void Bluetoothd::addDevice() {
 void Bluetoothd::connected(bool is) {
     device_->set("Connected", is);
     if (is && gatt_.empty()) addGatt();
-    device_->set("ServicesResolved", is && script_.resolves);
+    if (!is || script_.resolves) device_->set("ServicesResolved", is);
 }
 
 void Bluetoothd::addGatt() {

@@ -1,5 +1,6 @@
 // Devices, and how one is found.
 #include <algorithm>
+#include <loguru.hpp>
 
 #include "platform/bluetooth/bluez/address.h"
 #include "platform/bluetooth/bluez/discovery.h"
@@ -56,6 +57,9 @@ class Device final : public platform::BluetoothLEDevice {
             connection_->establish();
             return {GattCommunicationStatus::success, knownServices(connection_)};
         } catch (const PlatformError& error) {
+            // The status alone does not tell a person what to look for.
+            LOG_S(WARNING) << "[WARNING] Bluetooth: the peripheral's services could not be had: "
+                           << error.what();
             return {statusOf(error), {}};
         }
     }
