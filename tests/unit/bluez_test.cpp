@@ -232,7 +232,7 @@ TEST_F(Bluez, ConnectsForTheServicesAndEndsWhatItMade) {
     script_.refuses = false;
     script_.resolves = false;
     std::thread resolve([this] {
-        EXPECT_TRUE(eventually([this] { return script_.connects == 2; }));
+        EXPECT_TRUE(eventually([this] { return script_.connects == 4; }));
         bluetoothd_->device().set("ServicesResolved", true);
     });
     findService();

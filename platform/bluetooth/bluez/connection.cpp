@@ -13,7 +13,9 @@ namespace {
 
 using platform::PlatformError;
 
-constexpr std::chrono::seconds kConnectTime{20};
+// A link that does not come up, or drops at once, is common on the air and no sign of the next one's fate.
+constexpr int kAttempts = 3;
+constexpr std::chrono::seconds kConnectTime{7};  // of one attempt
 constexpr std::chrono::seconds kResolveTime{20};
 constexpr std::chrono::seconds kEndTime{3};
 constexpr std::chrono::seconds kReportTime{2};  // from the reply to the property that it is about
@@ -102,11 +104,23 @@ void Connection::requireLink() const {
 
 void Connection::establish() {
     awaitEarlierEnd();
+    for (int left = kAttempts; !tryToEstablish(left == 1); --left) {
+    }
+}
+
+// False: another attempt may do better. Throws where it will not, and on the last one.
+bool Connection::tryToEstablish(bool last) {
     requirePresent();
-    if (!connected()) connect();
-    if (waitFor(Until::resolved, kResolveTime)) return;
-    requireLink();
-    throw PlatformError(kTimeout);
+    try {
+        if (!connected()) connect();
+        if (waitFor(Until::resolved, kResolveTime)) return true;
+        requireLink();
+        throw PlatformError(kTimeout);
+    } catch (const PlatformError& error) {
+        const bool ofTheAir = error.code() == kNotConnected || error.code() == kTimeout;
+        if (last || !ofTheAir || connected()) throw;
+        return false;
+    }
 }
 
 // A link that is about to end must not be taken for one that is up.

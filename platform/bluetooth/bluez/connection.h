@@ -43,6 +43,7 @@ class Connection {
 
     void requirePresent() const;
     void awaitEarlierEnd();
+    bool tryToEstablish(bool last);
     void connect();
     bool waitFor(Until what, std::chrono::milliseconds timeout);
     void disconnect();
