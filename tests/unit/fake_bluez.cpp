@@ -173,8 +173,8 @@ void Bluetoothd::addDevice() {
                 connected(true);
             });
             object.registerMethod("Disconnect").onInterface(interface).implementedAs([this] {
-                ++script_.disconnects;
                 drop();
+                ++script_.disconnects;
             });
         });
 }

@@ -179,8 +179,8 @@ void Bus::await(const Outgoing& message, std::chrono::milliseconds timeout, Read
     if (reply->error) throw translate(*reply->error);
 }
 
-void Bus::sendOff(const Outgoing& message, std::chrono::milliseconds timeout, Answered answered) {
-    const auto arrived = [answered = std::move(answered)](sdbus::MethodReply&, const sdbus::Error* error) {
+void Bus::sendOff(const Outgoing& message, std::chrono::milliseconds timeout, const Answered& answered) {
+    const auto arrived = [answered](sdbus::MethodReply&, const sdbus::Error* error) {
         if (!error) return answered(nullptr);
         const PlatformError failure = translate(*error);
         answered(&failure);

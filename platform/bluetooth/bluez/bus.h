@@ -68,8 +68,8 @@ class Bus {
     // Calls and lets the reply be; `answered` gets it on the loop's thread, null or the error.
     using Answered = std::function<void(const platform::PlatformError* error)>;
     template <class... Arguments>
-    void send(const Method& method, Answered answered, const Arguments&... arguments) {
-        sendOff(newCall(method, arguments...), method.timeout, std::move(answered));
+    void send(const Method& method, const Answered& answered, const Arguments&... arguments) {
+        sendOff(newCall(method, arguments...), method.timeout, answered);
     }
 
     // Waits until the condition holds of the objects; false when the time has passed before.
@@ -104,7 +104,7 @@ class Bus {
 
     sdbus::IProxy& proxy(const std::string& path);
     void await(const Outgoing& message, std::chrono::milliseconds timeout, ReadReply read);
-    void sendOff(const Outgoing& message, std::chrono::milliseconds timeout, Answered answered);
+    void sendOff(const Outgoing& message, std::chrono::milliseconds timeout, const Answered& answered);
     void requireOpen();
     void close();
     bool lost();
