@@ -10,6 +10,11 @@
 #include <stdexcept>
 #include <thread>
 
+// The library is not instrumented: its half of a reference count that it shares with its header is not seen.
+extern "C" const char* __tsan_default_suppressions() {
+    return "race:sdbus::PendingAsyncCall::~PendingAsyncCall";
+}
+
 namespace fake {
 
 namespace {

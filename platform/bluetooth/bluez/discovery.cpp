@@ -57,6 +57,7 @@ Discovery::Discovery(std::shared_ptr<Bus> bus) : bus_(std::move(bus)) {
     try {
         if (shared().users == 0) start(*bus_, *adapter);
     } catch (const PlatformError& error) {
+        if (error.code() == platform::kECancelled) throw;
         LOG_S(WARNING) << "[WARNING] Bluetooth: the search did not start: " << error.what();
         return;
     }
