@@ -71,8 +71,10 @@ class SignalSource final : public ValueSource {
         // The listener is there: no value is missed.
         connection_->bus().call({path_, kGattCharacteristic, "StartNotify"});
     }
+    // Without a link, too: bluetoothd would subscribe again by itself with the next one, before anybody here
+    // listens, and the peripheral's first values would be lost.
     ~SignalSource() override {
-        if (!connection_->connected()) return;
+        if (connection_->gone()) return;
         try {
             connection_->bus().send({path_, kGattCharacteristic, "StopNotify"}, [](const PlatformError*) {});
         } catch (const PlatformError&) {
