@@ -192,6 +192,15 @@ void Bus::sendOff(const Outgoing& message, std::chrono::milliseconds timeout, co
     }
 }
 
+void Bus::refresh(const std::string& path, const char* interface) {
+    const Outgoing message = newCall({path, kPropertiesInterface, "GetAll"}, interface);
+    await(message, kCallTime, [this, path, interface](sdbus::MethodReply& reply) {
+        Variants properties;
+        reply >> properties;
+        objects_.change(path, interface, convert(properties), {});
+    });
+}
+
 bool Bus::waitFor(std::chrono::milliseconds timeout,
                   const std::function<bool(const ObjectTree&)>& condition) {
     const bool holds = objects_.waitFor(timeout, condition);

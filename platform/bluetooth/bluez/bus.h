@@ -72,6 +72,9 @@ class Bus {
         sendOff(newCall(method, arguments...), method.timeout, answered);
     }
 
+    // Asks for the properties that objects() holds of an interface, where the signals may not have told all.
+    void refresh(const std::string& path, const char* interface);
+
     // Waits until the condition holds of the objects; false when the time has passed before.
     bool waitFor(std::chrono::milliseconds timeout, const std::function<bool(const ObjectTree&)>& condition);
 

@@ -147,6 +147,9 @@ void Connection::connect() {
         requirePresent();
         throw;
     }
+    // BlueZ 5.66 signals no "Connected" where it hears of the new link from the link's socket first
+    // (src/device.c, device_attach_att).
+    bus_->refresh(path_, kDevice);
     if (waitFor(Until::connected, kReportTime)) return;
     requirePresent();
     throw PlatformError(kNotConnected);
