@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "platform/bluetooth/bluez/error.h"
+#include "platform/clock.h"
 
 namespace bluez {
 
@@ -18,6 +19,7 @@ constexpr int kAttempts = 3;
 constexpr std::chrono::seconds kConnectTime{7};  // of one attempt
 constexpr std::chrono::seconds kResolveTime{20};
 constexpr std::chrono::seconds kEndTime{3};
+constexpr std::chrono::milliseconds kReadvertiseTime{200};
 constexpr std::chrono::seconds kReportTime{2};  // from the reply to the property that it is about
 
 // What the connections to one peripheral share.
