@@ -63,7 +63,8 @@ class AsyncOperation final
         return guarded([&] { *out = operation_->errorCode(); });
     }
     HRESULT Cancel() override {
-        if (const auto pending = std::dynamic_pointer_cast<bluetooth::Cancelable>(operation_)) pending->cancel();
+        if (const auto pending = std::dynamic_pointer_cast<bluetooth::Cancelable>(operation_))
+            pending->cancel();
         return S_OK;
     }
     HRESULT Close() override { return S_OK; }
