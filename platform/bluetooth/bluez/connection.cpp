@@ -133,6 +133,9 @@ void Connection::awaitEarlierEnd() {
     }
     bus_->waitFor(kEndTime,
                   [this](const ObjectTree& tree) { return !tree.isTrue(path_, kDevice, "Connected"); });
+    // The peripheral is about to advertise again. An attempt that meets it in between fails in the
+    // controller, and the kernel (6.1) makes no other.
+    platform::sleepFor(kReadvertiseTime);
 }
 
 void Connection::connect() {
