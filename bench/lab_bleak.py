@@ -62,10 +62,10 @@ class Loop:
 
 
 async def main(way, address, count):
-    device = await BleakScanner.find_device_by_address(address, 20)
+    device = await BleakScanner.find_device_by_address(address, 20, adapter="hci0")
     if not device:
         sys.exit(f"error: {address} is not found")
-    async with BleakClient(device) as client:
+    async with BleakClient(device, adapter="hci0") as client:
         loop = Loop(client, count)
         await loop.subscribe()
         while not loop.credits:

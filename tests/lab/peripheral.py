@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
 """A TIO peripheral on BlueZ's GATT server. Commands arrive on standard input, a line each, and are answered with a line:
-counters, drop (the link), vanish (drop, and advertise no more), appear."""
+counters; set NAME VALUE (tx_mtu, credits, regrant_at or serial, from the next connection on); acquired (the
+descriptor for data?); drop (the link); vanish (drop,
+and advertise no more); appear [NAME]."""
 import argparse
 import dataclasses
 import json
@@ -27,7 +29,10 @@ CHARACTERISTICS = {
 }
 GATT, ADVERTISEMENT, DEVICE = "org.bluez.GattCharacteristic1", "org.bluez.LEAdvertisement1", "org.bluez.Device1"
 PROPERTIES, OBJECTS = dbus.PROPERTIES_IFACE, "org.freedesktop.DBus.ObjectManager"
-APPLICATION, ADVERT = "/tio", "/tio_advertisement"
+APPLICATION = "/tio"
+# The virtual controllers are heard once, whenever advertising starts: two advertisements, the same in both, that take turns
+# each second are heard for as long as somebody listens.
+ADVERTS = "/tio_advertisement0", "/tio_advertisement1"
 
 
 class InvalidValue(dbus.DBusException):
@@ -131,16 +136,10 @@ class Application(dbus.service.Object):
 
 
 class Advertisement(dbus.service.Object):
-    def __init__(self, bus, name):
-        super().__init__(bus, ADVERT)
-        self.properties = {"Type": "peripheral", "ServiceUUIDs": dbus.Array(["fefb"], signature="s"),
-                           "Discoverable": True, "MinInterval": dbus.UInt32(20), "MaxInterval": dbus.UInt32(30)}
-        if name:
-            self.properties["LocalName"] = name
-
     @dbus.service.method(PROPERTIES, in_signature="s", out_signature="a{sv}")
     def GetAll(self, _interface):
-        return self.properties
+        return {"Type": "peripheral", "ServiceUUIDs": dbus.Array(["fefb"], signature="s"), "Discoverable": True,
+                "Duration": dbus.UInt16(1)} | ({"LocalName": self.name} if self.name else {})
 
     @dbus.service.method(ADVERTISEMENT)
     def Release(self):
@@ -152,11 +151,11 @@ class Peripheral:
         dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
         self.bus = dbus.SystemBus()
         self.options = options
-        self.tio = Tio(options.tx_mtu, options.credits, options.regrant_at, options.serial)
+        self.tio = Tio()
         self.adapter_path = f"/org/bluez/{options.adapter}"
         self.adapter = self.bus.get_object("org.bluez", self.adapter_path)
         self.application = None if options.no_service else Application(self.bus, self.tio)
-        self.advertisement = Advertisement(self.bus, options.name)
+        self.advertisements = [Advertisement(self.bus, path) for path in ADVERTS]
         self.loop = GLib.MainLoop()
 
     def call(self, interface, method, *arguments, done):
@@ -169,16 +168,23 @@ class Peripheral:
         self.bus.add_signal_receiver(lambda path, interfaces: self.noticed(path, interfaces.get(DEVICE, {})),
                                      "InterfacesAdded", OBJECTS)
         if self.application:
-            self.call("org.bluez.GattManager1", "RegisterApplication", dbus.ObjectPath(APPLICATION), {},
-                      done=lambda: self.advertise(self.ready))
+            self.call("org.bluez.GattManager1", "RegisterApplication", dbus.ObjectPath(APPLICATION),
+                      dbus.Dictionary(signature="sv"), done=self.advertise_first)
         else:
-            self.advertise(self.ready)
+            self.advertise_first()
         GLib.io_add_watch(sys.stdin.fileno(), GLib.IO_IN | GLib.IO_HUP, self.command)
         GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, self.loop.quit)
         self.loop.run()
 
-    def advertise(self, done):
-        self.call("org.bluez.LEAdvertisingManager1", "RegisterAdvertisement", dbus.ObjectPath(ADVERT), {}, done=done)
+    def advertise_first(self):
+        self.advertise(self.options.name, lambda: self.answer("ready"))
+
+    def advertise(self, name, done):
+        for path, advertisement in zip(ADVERTS, self.advertisements):
+            advertisement.name = name
+            last = path == ADVERTS[-1]
+            self.call("org.bluez.LEAdvertisingManager1", "RegisterAdvertisement", dbus.ObjectPath(path),
+                      dbus.Dictionary(signature="sv"), done=done if last else lambda: None)
 
     # A host that was never seen before appears connected.
     def noticed(self, path, properties):
@@ -188,6 +194,12 @@ class Peripheral:
             self.application.characteristics["RX"].drain()
         if properties["Connected"]:
             self.tio.begin_connection()
+
+    def vanish(self):
+        for path in ADVERTS:
+            self.adapter.UnregisterAdvertisement(dbus.ObjectPath(path),
+                                                 dbus_interface="org.bluez.LEAdvertisingManager1")
+        self.disconnect()
 
     def disconnect(self):
         objects = self.bus.get_object("org.bluez", "/").GetManagedObjects(dbus_interface=OBJECTS)
@@ -199,36 +211,35 @@ class Peripheral:
     def answer(self, text):
         print(text, flush=True)
 
-    def ready(self):
-        self.answer("ready")
-
     def command(self, _source, _condition):
         line = os.read(sys.stdin.fileno(), 4096).decode().strip()
-        if not line:
+        word, _, rest = line.partition(" ")
+        if not word:
             self.loop.quit()
-        elif line == "counters":
+        elif word == "counters":
             self.answer(json.dumps(dataclasses.asdict(self.tio.counters)))
-        elif line == "drop":
+        elif word == "set":
+            self.tio.configure(*rest.split(" ", 1))
+            self.answer("done")
+        elif word == "drop":
             self.disconnect()
             self.answer("done")
-        elif line == "vanish":
-            self.call("org.bluez.LEAdvertisingManager1", "UnregisterAdvertisement", dbus.ObjectPath(ADVERT),
-                      done=lambda: (self.disconnect(), self.answer("done")))
-        elif line == "appear":
-            self.advertise(lambda: self.answer("done"))
+        elif word == "vanish":
+            self.vanish()
+            self.answer("done")
+        elif word == "acquired":
+            self.answer("yes" if self.application.characteristics["RX"].socket else "no")
+        elif word == "appear":
+            self.advertise(rest, lambda: self.answer("done"))
         else:
             self.answer(f"unknown command {line}")
-        return bool(line)
+        return bool(word)
 
 
 def main():
     options = argparse.ArgumentParser(description=__doc__)
     options.add_argument("--adapter", default="hci1")
     options.add_argument("--name", default="TIO-LAB", help="the advertised name; empty: none")
-    options.add_argument("--tx-mtu", type=int, default=244)
-    options.add_argument("--credits", type=int, default=32, help="of the host; 0: it never gets any")
-    options.add_argument("--regrant-at", type=int, default=8)
-    options.add_argument("--serial", default="echo", help="echo, sink or source:BYTES (0: without end)")
     options.add_argument("--no-service", action="store_true", help="advertises the service without having it")
     Peripheral(options.parse_args()).run()
 

@@ -30,18 +30,26 @@ class Refused(Exception):
 
 
 class Tio:
-    def __init__(self, tx_mtu, credits, regrant_at, serial):
-        self.tx_mtu, self.credits, self.regrant_at = tx_mtu, credits, regrant_at
-        self.serial, _, size = serial.partition(":")
-        self.source_size = int(size) if size else 0
+    def __init__(self):
+        self.settings = {"tx_mtu": 244, "credits": 32, "regrant_at": 8}
+        self.serial, self.source_size = "echo", 0
         self.counters = Counters()
         self.begin_connection()
         self.counters.connections = 0
+
+    def configure(self, name, value):
+        """credits 0: the host never gets any. serial: echo, sink or source:BYTES (0: without end)."""
+        if name == "serial":
+            self.serial, _, size = value.partition(":")
+            self.source_size = int(size or 0)
+        else:
+            self.settings[name] = int(value)
 
     def begin_connection(self):
         self.counters.connections += 1
         self.send = {}  # by characteristic: takes bytes to the host that has subscribed
         self.host_mtu = self.own_mtu = DEFAULT_MTU
+        self.tx_mtu, self.credits, self.regrant_at = self.settings.values()
         self.begin_session()
 
     def begin_session(self):
