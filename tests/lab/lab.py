@@ -1,6 +1,7 @@
 """What the lab's tests share: the machine's adapters and bluetoothd, the peripheral and the program as children."""
 import json
 import os
+import shutil
 import signal
 import subprocess
 import sys
@@ -18,7 +19,9 @@ HOST, PERIPHERAL = "/org/bluez/hci0", "/org/bluez/hci1"
 ADDRESS = "00:AA:01:01:00:01"  # of hci1
 RX = "00000001-0000-1000-8000-008025000000"
 BLUETOOTHD, BTVIRT = ["/usr/libexec/bluetooth/bluetoothd", "-n", "-E"], ["btvirt", "-L", "-l2"]
+USER = "tester"
 DEADLINE = 30
+ANSWER_DEADLINE = 90  # a link that does not come up resets all radios, one after the other
 
 
 def proxy(path, interface):
@@ -38,11 +41,19 @@ def powered(adapter):
 
 def power(on, *adapters):
     for adapter in adapters:
-        proxy(adapter, dbus.PROPERTIES_IFACE).Set("org.bluez.Adapter1", "Powered", dbus.Boolean(on))
+        proxy(adapter, dbus.PROPERTIES_IFACE).Set("org.bluez.Adapter1", "Powered", dbus.Boolean(on, variant_level=1))
         wait_until(lambda: powered(adapter) == on, DEADLINE, f"power {on} of {adapter}")
 
 
+def connected():
+    return [path for path, interfaces in objects().items() if interfaces.get("org.bluez.Device1", {}).get("Connected")]
+
+
 def forget_devices():
+    """Links end first: bluetoothd does not survive the removal of every connected device."""
+    for path in connected():
+        proxy(path, "org.bluez.Device1").Disconnect()
+    wait_until(lambda: not connected(), DEADLINE, "the end of all links")
     for path, interfaces in objects().items():
         if "org.bluez.Device1" in interfaces:
             proxy(os.path.dirname(path), "org.bluez.Adapter1").RemoveDevice(dbus.ObjectPath(path))
@@ -63,6 +74,16 @@ def end(command):
 def start(command):
     with open(f"/tmp/{Path(command[0]).name}.log", "a") as log:
         subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+
+
+def restart():
+    """A world as after the machine's start."""
+    end(BLUETOOTHD)
+    end(BTVIRT)
+    start(BLUETOOTHD)
+    wait_until(objects, DEADLINE, "the start of bluetoothd")
+    start(BTVIRT)
+    wait_for_adapters()
 
 
 def wait_for_adapters():
@@ -130,14 +151,19 @@ class Peripheral:
         forget_devices()
 
 
-class Bridge:
-    """The program under test with a client on its command pipe."""
+def start_program(executable, folder):
+    shutil.chown(folder, USER)
+    return Program(executable, folder, user=USER, group=USER, extra_groups=[])
 
-    def __init__(self, executable, folder, **options):
-        self.program = Program(executable, folder, **options)
+
+class Bridge:
+    """The program under test, run by a user without privileges, with a client on its command pipe."""
+
+    def __init__(self, executable, folder):
+        self.program = start_program(executable, folder)
         self.program.wait_until_serving()
         self.shell = open_pipe(self.program.command)
-        self.shell.settimeout(DEADLINE)
+        self.shell.settimeout(ANSWER_DEADLINE)
         self.lines = self.shell.makefile("r", encoding="latin-1", newline="\n")
 
     def send(self, line):

@@ -138,8 +138,9 @@ class Application(dbus.service.Object):
 class Advertisement(dbus.service.Object):
     @dbus.service.method(PROPERTIES, in_signature="s", out_signature="a{sv}")
     def GetAll(self, _interface):
+        # Without an appearance a nameless peripheral would send no scan response, and the virtual controller the last one.
         return {"Type": "peripheral", "ServiceUUIDs": dbus.Array(["fefb"], signature="s"), "Discoverable": True,
-                "Duration": dbus.UInt16(1)} | ({"LocalName": self.name} if self.name else {})
+                "Duration": dbus.UInt16(1), "Appearance": dbus.UInt16(0x80)} | ({"LocalName": self.name} if self.name else {})
 
     @dbus.service.method(ADVERTISEMENT)
     def Release(self):
