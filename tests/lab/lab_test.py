@@ -97,8 +97,12 @@ class Tests:
             bridge.disconnect(data)
             self.no_violation()
 
-            self.fresh_peripheral(serial=f"source:{ECHO_BYTES}")
+            self.fresh_peripheral(serial="sink")
             data = bridge.connect()
+            before = self.peripheral.counters()["bytes_in"]
+            data.sendall(b"here")  # what comes before the data pipe is served is dropped
+            wait_until(lambda: self.peripheral.counters()["bytes_in"] == before + 4, DEADLINE, "the first bytes' arrival")
+            self.peripheral.do(f"set serial source:{ECHO_BYTES}")
             received = Transfer(data, b"", ECHO_BYTES).wait(DEADLINE)
             check(received == bytes((i + i // 251) & 0xFF for i in range(ECHO_BYTES)), "the source's bytes differ")
             bridge.disconnect(data)
@@ -189,7 +193,7 @@ class Tests:
         with self.bridge() as bridge:
             data = bridge.connect()
             data.sendall(b"held back")
-            wait_until(lambda: "waiting for credits" in bridge.program.log.read_text().lower(), DEADLINE, "the wait in the log")
+            wait_until(lambda: "the peripheral grants no credits" in bridge.program.log.read_text(), DEADLINE, "the wait in the log")
             check("TIOCONNECTED" in bridge.stats(), "the link should still be up")
             bridge.disconnect(data)
             check(self.peripheral.counters()["violations"] == self.violations, "data without a credit")
@@ -211,7 +215,7 @@ class Tests:
         try:
             code = program.process.wait(DEADLINE)
             log = program.log.read_text()
-            check(code == 0 and line in log and "[WARNING] Bluetooth: " in log, f"exit code {code}, log:\n{log}")
+            check(code == 0 and line in log, f"exit code {code}, log:\n{log}")
         finally:
             program.stop()
 

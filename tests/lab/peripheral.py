@@ -1,8 +1,7 @@
 #!/usr/bin/env python3
 """A TIO peripheral on BlueZ's GATT server. Commands arrive on standard input, a line each, and are answered with a line:
-counters; set NAME VALUE (tx_mtu, credits, regrant_at or serial, from the next connection on); acquired (the
-descriptor for data?); drop (the link); vanish (drop,
-and advertise no more); appear [NAME]."""
+counters; set NAME VALUE (tx_mtu, credits, regrant_at or serial); acquired (the descriptor for data?); drop (the link); vanish
+(drop, and advertise no more); appear [NAME]."""
 import argparse
 import dataclasses
 import json

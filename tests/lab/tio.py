@@ -38,10 +38,12 @@ class Tio:
         self.counters.connections = 0
 
     def configure(self, name, value):
-        """credits 0: the host never gets any. serial: echo, sink or source:BYTES (0: without end)."""
+        """credits 0: the host never gets any. serial: echo, sink or source:BYTES (0: without end). That is taken over at
+        once, the others with the next connection."""
         if name == "serial":
             self.serial, _, size = value.partition(":")
             self.source_size = int(size or 0)
+            self.pump()
         else:
             self.settings[name] = int(value)
 
