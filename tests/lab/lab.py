@@ -50,13 +50,15 @@ def connected():
 
 
 def forget_devices():
-    """Links end first: bluetoothd does not survive the removal of every connected device."""
+    """As if they had never been met. Links end first: bluetoothd does not survive the removal of every connected device."""
     for path in connected():
         proxy(path, "org.bluez.Device1").Disconnect()
     wait_until(lambda: not connected(), DEADLINE, "the end of all links")
     for path, interfaces in objects().items():
         if "org.bluez.Device1" in interfaces:
             proxy(os.path.dirname(path), "org.bluez.Adapter1").RemoveDevice(dbus.ObjectPath(path))
+    for names in Path("/var/lib/bluetooth").glob("*/cache/*"):
+        names.unlink()
 
 
 def end(command):
