@@ -17,7 +17,8 @@ from bridge_client import Deviation, Program, check, open_pipe, wait_until  # no
 
 HOST, PERIPHERAL = "/org/bluez/hci0", "/org/bluez/hci1"
 ADDRESS = "00:AA:01:01:00:01"  # of hci1
-RX = "00000001-0000-1000-8000-008025000000"
+# No data, no credits, the MTU that holds anyway.
+FIRST_VALUES = {f"{number:08x}-0000-1000-8000-008025000000": value for number, value in ((1, []), (3, [0]), (9, [20, 0]))}
 BLUETOOTHD, BTVIRT = ["/usr/libexec/bluetooth/bluetoothd", "-n", "-E"], ["btvirt", "-L", "-l2"]
 USER = "tester"
 DEADLINE = 30
@@ -129,9 +130,9 @@ class Peripheral:
         self.process.wait(DEADLINE)
 
     def prime(self):
-        """bluetoothd acquires the peripheral's descriptor for data with the first packet that arrives, and reads that packet
-        only when it has the descriptor: the next one from the host may have taken its place by then. An empty one cannot be
-        spoilt."""
+        """bluetoothd acquires the peripheral's descriptor for a characteristic with the first value that is written to it,
+        and reads that value only when it has the descriptor: the next one from the host may have taken its place by then.
+        So these first ones are written alone, and mean nothing."""
         device = f"{HOST}/dev_{ADDRESS.replace(':', '_')}"
         adapter = proxy(HOST, "org.bluez.Adapter1")
         adapter.SetDiscoveryFilter(dbus.Dictionary({"Transport": "le"}, signature="sv"))
@@ -139,17 +140,14 @@ class Peripheral:
         wait_until(lambda: device in objects(), DEADLINE, "finding the peripheral")
         adapter.StopDiscovery()
         proxy(device, "org.bluez.Device1").Connect(timeout=DEADLINE)
-
-        def data_characteristic():
-            return next((path for path, interfaces in objects().items() if path.startswith(device) and
-                         interfaces.get("org.bluez.GattCharacteristic1", {}).get("UUID") == RX), None)
-
-        wait_until(lambda: objects()[device]["org.bluez.Device1"]["ServicesResolved"] and data_characteristic(), DEADLINE,
-                   "finding the peripheral's services")
-        proxy(data_characteristic(), "org.bluez.GattCharacteristic1").WriteValue(dbus.Array(signature="y"),
-                                                                                 dbus.Dictionary({"type": "command"}, signature="sv"))
-        wait_until(lambda: self.ask("acquired") == "yes", DEADLINE, "acquiring the data descriptor")
-        proxy(device, "org.bluez.Device1").Disconnect(timeout=DEADLINE)
+        wait_until(lambda: objects()[device]["org.bluez.Device1"]["ServicesResolved"], DEADLINE, "finding its services")
+        for path, interfaces in objects().items():
+            value = FIRST_VALUES.get(interfaces.get("org.bluez.GattCharacteristic1", {}).get("UUID"))
+            if value is not None and path.startswith(device):
+                kind = "request" if value else "command"
+                proxy(path, "org.bluez.GattCharacteristic1").WriteValue(dbus.Array(value, signature="y"),
+                                                                        dbus.Dictionary({"type": kind}, signature="sv"))
+        wait_until(lambda: self.ask("acquired") == "yes", DEADLINE, "acquiring the descriptors")
         forget_devices()
 
 

@@ -70,7 +70,7 @@ class Tests:
                 bridge.ask("lescan 1000", "N/A")
                 self.peripheral.do(f"appear {name}")
                 bridge.send("lescan 4000")
-                expected = (FOUND + (f";{name}" if name else "")).encode().decode("latin-1")
+                expected = FOUND + (f";{name}" if name else "")
                 answer = bridge.receive()
                 check(answer == expected, f"the scan found {answer!r}, not {expected!r}")
 

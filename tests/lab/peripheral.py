@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """A TIO peripheral on BlueZ's GATT server. Commands arrive on standard input, a line each, and are answered with a line:
-counters; set NAME VALUE (tx_mtu, credits, regrant_at or serial); acquired (the descriptor for data?); drop (the link); vanish
-(drop, and advertise no more); appear [NAME]."""
+counters; set NAME VALUE (tx_mtu, credits, regrant_at or serial); acquired (the descriptors for
+writes?); drop (the link); vanish (drop, and advertise no more); appear [NAME]."""
 import argparse
 import dataclasses
 import json
@@ -15,7 +15,8 @@ import dbus.mainloop.glib
 import dbus.service
 from gi.repository import GLib
 
-from tio import Refused, Tio
+from advertiser import Advertiser
+from tio import Tio
 
 SERVICE = "0000fefb-0000-1000-8000-00805f9b34fb"
 CHARACTERISTICS = {
@@ -26,20 +27,14 @@ CHARACTERISTICS = {
     "RXMTU": ("00000009-0000-1000-8000-008025000000", "write"),
     "TXMTU": ("0000000a-0000-1000-8000-008025000000", "indicate"),
 }
-GATT, ADVERTISEMENT, DEVICE = "org.bluez.GattCharacteristic1", "org.bluez.LEAdvertisement1", "org.bluez.Device1"
+GATT, DEVICE = "org.bluez.GattCharacteristic1", "org.bluez.Device1"
 PROPERTIES, OBJECTS = dbus.PROPERTIES_IFACE, "org.freedesktop.DBus.ObjectManager"
 APPLICATION = "/tio"
-# The virtual controllers are heard once, whenever advertising starts: two advertisements, the same in both, that take turns
-# each second are heard for as long as somebody listens.
-ADVERTS = "/tio_advertisement0", "/tio_advertisement1"
-
-
-class InvalidValue(dbus.DBusException):
-    _dbus_error_name = "org.bluez.Error.InvalidValueLength"
 
 
 class Characteristic(dbus.service.Object):
-    """Data, credits and MTU to the host, and data from it, pass through sockets: no D-Bus message for a packet."""
+    """Values pass through sockets: no D-Bus message for a packet. That goes for writes with response as well, because
+    bluetoothd crashes when a link ends while it waits for a WriteValue; so what breaks a rule is counted, not refused."""
 
     def __init__(self, bus, name, tio):
         self.path = f"{APPLICATION}/service/{name}"
@@ -48,10 +43,8 @@ class Characteristic(dbus.service.Object):
         uuid, flag = CHARACTERISTICS[name]
         self.properties = {"UUID": uuid, "Service": dbus.ObjectPath(f"{APPLICATION}/service"),
                            "Flags": dbus.Array([flag], signature="s")}
-        if flag in ("notify", "indicate"):
-            self.properties["NotifyAcquired"] = False
-        if flag == "write-without-response":
-            self.properties["WriteAcquired"] = False
+        self.properties["NotifyAcquired" if flag in ("notify", "indicate") else "WriteAcquired"] = False
+        self.take = {"RX": tio.take_data, "CRRX": tio.take_credits, "RXMTU": tio.take_mtu}.get(name)
 
     def hand_out(self, options):
         self.close()
@@ -104,20 +97,10 @@ class Characteristic(dbus.service.Object):
         try:
             # An empty packet and the end look the same; the end also comes with a hang-up.
             while self.socket and (packet := self.socket.recv(1024)):
-                try:
-                    self.tio.take_data(packet)
-                except Refused:
-                    pass  # there is no answer to a write without response; it is counted
+                self.take(packet)
         except OSError:
             pass
         self.tio.pump()
-
-    @dbus.service.method(GATT, in_signature="aya{sv}")
-    def WriteValue(self, value, _options):
-        try:
-            (self.tio.take_credits if self.name == "CRRX" else self.tio.take_mtu)(bytes(value))
-        except Refused:
-            raise InvalidValue("refused")
 
 
 class Application(dbus.service.Object):
@@ -134,33 +117,17 @@ class Application(dbus.service.Object):
         return objects
 
 
-class Advertisement(dbus.service.Object):
-    @dbus.service.method(PROPERTIES, in_signature="s", out_signature="a{sv}")
-    def GetAll(self, _interface):
-        # Without an appearance a nameless peripheral would send no scan response, and the virtual controller the last one.
-        return {"Type": "peripheral", "ServiceUUIDs": dbus.Array(["fefb"], signature="s"), "Discoverable": True,
-                "Duration": dbus.UInt16(1), "Appearance": dbus.UInt16(0x80)} | ({"LocalName": self.name} if self.name else {})
-
-    @dbus.service.method(ADVERTISEMENT)
-    def Release(self):
-        pass
-
-
 class Peripheral:
     def __init__(self, options):
         dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
         self.bus = dbus.SystemBus()
-        self.options = options
+        self.name = options.name
         self.tio = Tio()
         self.adapter_path = f"/org/bluez/{options.adapter}"
         self.adapter = self.bus.get_object("org.bluez", self.adapter_path)
         self.application = None if options.no_service else Application(self.bus, self.tio)
-        self.advertisements = [Advertisement(self.bus, path) for path in ADVERTS]
+        self.advertiser = Advertiser(self.bus, self.adapter)
         self.loop = GLib.MainLoop()
-
-    def call(self, interface, method, *arguments, done):
-        self.adapter.get_dbus_method(method, interface)(
-            *arguments, reply_handler=lambda *_: done(), error_handler=lambda error: sys.exit(f"{method}: {error}"))
 
     def run(self):
         self.bus.add_signal_receiver(lambda _, properties, *__, path: self.noticed(path, properties), "PropertiesChanged",
@@ -168,38 +135,30 @@ class Peripheral:
         self.bus.add_signal_receiver(lambda path, interfaces: self.noticed(path, interfaces.get(DEVICE, {})),
                                      "InterfacesAdded", OBJECTS)
         if self.application:
-            self.call("org.bluez.GattManager1", "RegisterApplication", dbus.ObjectPath(APPLICATION),
-                      dbus.Dictionary(signature="sv"), done=self.advertise_first)
+            self.adapter.RegisterApplication(
+                dbus.ObjectPath(APPLICATION), dbus.Dictionary(signature="sv"), dbus_interface="org.bluez.GattManager1",
+                reply_handler=self.show, error_handler=lambda error: sys.exit(f"RegisterApplication: {error}"))
         else:
-            self.advertise_first()
+            self.show()
         GLib.io_add_watch(sys.stdin.fileno(), GLib.IO_IN | GLib.IO_HUP, self.command)
         GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, self.loop.quit)
         self.loop.run()
 
-    def advertise_first(self):
-        self.advertise(self.options.name, lambda: self.answer("ready"))
-
-    def advertise(self, name, done):
-        for path, advertisement in zip(ADVERTS, self.advertisements):
-            advertisement.name = name
-            last = path == ADVERTS[-1]
-            self.call("org.bluez.LEAdvertisingManager1", "RegisterAdvertisement", dbus.ObjectPath(path),
-                      dbus.Dictionary(signature="sv"), done=done if last else lambda: None)
+    def show(self):
+        self.advertiser.show(self.name, lambda: self.answer("ready"))
 
     # A host that was never seen before appears connected.
     def noticed(self, path, properties):
         if not path.startswith(self.adapter_path) or "Connected" not in properties:
             return
-        if self.application:
-            self.application.characteristics["RX"].drain()
+        for one in self.writable():
+            one.drain()
+        self.advertiser.heed(bool(properties["Connected"]))
         if properties["Connected"]:
             self.tio.begin_connection()
 
-    def vanish(self):
-        for path in ADVERTS:
-            self.adapter.UnregisterAdvertisement(dbus.ObjectPath(path),
-                                                 dbus_interface="org.bluez.LEAdvertisingManager1")
-        self.disconnect()
+    def writable(self):
+        return [one for one in self.application.characteristics.values() if one.take] if self.application else []
 
     def disconnect(self):
         objects = self.bus.get_object("org.bluez", "/").GetManagedObjects(dbus_interface=OBJECTS)
@@ -225,12 +184,13 @@ class Peripheral:
             self.disconnect()
             self.answer("done")
         elif word == "vanish":
-            self.vanish()
+            self.advertiser.hide()
+            self.disconnect()
             self.answer("done")
         elif word == "acquired":
-            self.answer("yes" if self.application.characteristics["RX"].socket else "no")
+            self.answer("yes" if all(one.socket for one in self.writable()) else "no")
         elif word == "appear":
-            self.advertise(rest, lambda: self.answer("done"))
+            self.advertiser.show(rest, lambda: self.answer("done"))
         else:
             self.answer(f"unknown command {line}")
         return bool(word)
