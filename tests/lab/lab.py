@@ -1,4 +1,5 @@
 """What the lab's tests share: the machine's adapters and bluetoothd, the peripheral and the program as children."""
+import contextlib
 import json
 import os
 import shutil
@@ -21,6 +22,7 @@ ADDRESS = "00:AA:01:01:00:01"  # of hci1
 FIRST_VALUES = {f"{number:08x}-0000-1000-8000-008025000000": value for number, value in ((1, []), (3, [0]), (9, [20, 0]))}
 BLUETOOTHD, BTVIRT = ["/usr/libexec/bluetooth/bluetoothd", "-n", "-E"], ["btvirt", "-L", "-l2"]
 USER = "tester"
+TROUBLES = "STATUS CLOSED", "TIO DROP", "ERROR EXP"
 DEADLINE = 30
 ANSWER_DEADLINE = 90  # a link that does not come up resets all radios, one after the other
 
@@ -181,6 +183,20 @@ class Bridge:
     def connect(self):
         self.ask(f"connect {ADDRESS}", "OK", "CONNECT TIO")
         return open_pipe(self.program.data)
+
+    def lost(self, data):
+        """The client is told. By one line or by two depends on what was on its way, and the second may come late; the data
+        pipe ends at the latest with the next command."""
+        told = self.receive()
+        check(told in TROUBLES, f"the client was told {told!r}")
+        for command, last in ("disconnect", "OK"), ("stats", "RX "):
+            self.send(command)
+            while not (answer := self.receive()).startswith(last):
+                check(answer in TROUBLES, f"the client was told {answer!r}")
+        with contextlib.suppress(ConnectionError):
+            while data.recv(65536):
+                pass
+        data.close()
 
     def disconnect(self, data):
         self.ask("disconnect", "OK")

@@ -12,7 +12,6 @@ from lab import ADDRESS, DEADLINE, HOST, PERIPHERAL, Bridge, Deviation, Peripher
 
 ECHO_BYTES = 200_000
 FOUND = ADDRESS.lower()
-TROUBLES = "STATUS CLOSED", "TIO DROP", "ERROR EXP"
 
 
 class Tests:
@@ -121,23 +120,10 @@ class Tests:
             data = bridge.connect()
             echo(data, 1000)
             self.peripheral.do("vanish")
-            self.lost(bridge, data)
+            bridge.lost(data)
             bridge.ask(f"connect {ADDRESS}", "OK", "ERROR TIO")
             self.peripheral.do("appear")
             self.session(bridge)
-
-    def lost(self, bridge, data):
-        """The client is told. Whether by one line or two depends on what was on its way; the data pipe ends at the latest
-        with the next command."""
-        told = bridge.receive()
-        check(told in TROUBLES, f"the client was told {told!r}")
-        bridge.send("disconnect")
-        while (answer := bridge.receive()) != "OK":
-            check(answer in TROUBLES, f"the client was told {answer!r}")
-        with contextlib.suppress(ConnectionError):
-            while data.recv(65536):
-                pass
-        data.close()
 
     def trouble(self, cause, cure=lambda: None):
         """In the middle of a transfer; the same program connects again afterwards."""
@@ -148,7 +134,7 @@ class Tests:
             wait_until(lambda: len(transfer.received) > 20_000, DEADLINE, "the transfer")
             cause()
             start = time.monotonic()
-            self.lost(bridge, data)
+            bridge.lost(data)
             print(f"  told after {time.monotonic() - start:.1f} s", flush=True)
             transfer.wait(DEADLINE)
             cure()
