@@ -15,17 +15,23 @@ using platform::Guid;
 using platform::PlatformError;
 using platform::Subscription;
 
-// Tells a handler each change of the connection's state, once.
+// Tells a handler each change of the connection's state, once. A service that its peripheral withdraws, as
+// one does that starts anew behind a link that stays, ends the session like a lost link.
 class StatusWatch {
   public:
-    StatusWatch(const Connection& connection, platform::GattSession::StatusChangedHandler handler)
+    StatusWatch(const Connection& connection, const std::string& servicePath,
+                platform::GattSession::StatusChangedHandler handler)
         : active_(connection.connected()),
           delivery_(std::move(handler)),
-          changes_(connection.bus().onChange([this, path = connection.devicePath()](const Change& change) {
-              if (change.path != path || change.interface != kDevice) return;
-              if (change.kind == Change::Kind::removed) return tell(false);
-              if (const bool* const connected = change.get<bool>("Connected")) tell(*connected);
-          })) {}
+          changes_(connection.bus().onChange(
+              [this, path = connection.devicePath(), servicePath](const Change& change) {
+                  const bool removed = change.kind == Change::Kind::removed;
+                  if (removed && change.path == servicePath && change.interface == kGattService)
+                      return tell(false);
+                  if (change.path != path || change.interface != kDevice) return;
+                  if (removed) return tell(false);
+                  if (const bool* const connected = change.get<bool>("Connected")) tell(*connected);
+              })) {}
 
   private:
     void tell(bool active) {
@@ -41,15 +47,17 @@ class StatusWatch {
 
 class Session final : public platform::GattSession {
   public:
-    explicit Session(std::shared_ptr<Connection> connection) : connection_(std::move(connection)) {}
+    Session(std::shared_ptr<Connection> connection, std::string servicePath)
+        : connection_(std::move(connection)), servicePath_(std::move(servicePath)) {}
 
     Subscription onSessionStatusChanged(StatusChangedHandler handler) override {
-        auto watch = std::make_shared<StatusWatch>(*connection_, std::move(handler));
+        auto watch = std::make_shared<StatusWatch>(*connection_, servicePath_, std::move(handler));
         return Subscription([watch = std::move(watch)]() mutable { watch.reset(); });
     }
 
   private:
     const std::shared_ptr<Connection> connection_;
+    const std::string servicePath_;
 };
 
 class Service final : public platform::GattDeviceService {
@@ -80,7 +88,7 @@ class Service final : public platform::GattDeviceService {
     }
 
     std::shared_ptr<platform::GattSession> session() override {
-        return std::make_shared<Session>(connection_);
+        return std::make_shared<Session>(connection_, path_);
     }
 
   private:
