@@ -96,10 +96,10 @@ def wait_for_adapters():
 
 
 class Peripheral:
-    """tests/lab/peripheral.py."""
+    """tests/lab/peripheral, primed."""
 
     def __init__(self, *options):
-        self.process = subprocess.Popen([sys.executable, HERE / "peripheral.py", *options], stdin=subprocess.PIPE,
+        self.process = subprocess.Popen([sys.executable, HERE / "peripheral", *options], stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE, text=True)
         check(self.process.stdout.readline() == "ready\n", "the peripheral did not start")
         if "--no-service" not in options:
