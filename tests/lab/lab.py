@@ -135,6 +135,7 @@ class Peripheral:
         """bluetoothd acquires the peripheral's descriptor for a characteristic with the first value that is written to it,
         and reads that value only when it has the descriptor: the next one from the host may have taken its place by then.
         So these first ones are written alone, and mean nothing."""
+        forget_devices()  # among them one whose link is about to end
         device = f"{HOST}/dev_{ADDRESS.replace(':', '_')}"
         adapter = proxy(HOST, "org.bluez.Adapter1")
         adapter.SetDiscoveryFilter(dbus.Dictionary({"Transport": "le"}, signature="sv"))
