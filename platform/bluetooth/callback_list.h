@@ -9,7 +9,7 @@
 
 #include "platform/subscription.h"
 
-namespace sim {
+namespace bluetooth {
 
 // Threads: any.
 template <class Argument>
@@ -73,4 +73,4 @@ platform::Subscription addCallback(const std::shared_ptr<CallbackList<Argument>>
     });
 }
 
-}  // namespace sim
+}  // namespace bluetooth
