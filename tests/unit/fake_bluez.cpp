@@ -66,7 +66,9 @@ Daemon::Daemon() {
     int ready[2];
     if (::pipe(ready) != 0) throw std::runtime_error("pipe");
     const std::string option = "--config-file=" + config.string();
-    const char* const arguments[] = {"dbus-daemon", option.c_str(),      "--nofork",
+    // It ends with the test, however that ends.
+    const char* const arguments[] = {"setpriv",     "--pdeathsig",       "KILL",
+                                     "dbus-daemon", option.c_str(),      "--nofork",
                                      "--nopidfile", "--print-address=3", nullptr};
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
