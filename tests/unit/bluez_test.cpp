@@ -8,8 +8,10 @@
 #include <thread>
 
 #include "fake_bluez.h"
+#include "log_capture.h"
 #include "platform/adapter.h"
 #include "platform/advertisement.h"
+#include "platform/bluetooth/bluez/error.h"
 #include "platform/bluetooth/bluez/management.h"
 #include "platform/bluetooth/bluez/radio.h"
 #include "platform/gatt.h"
@@ -49,6 +51,11 @@ class Bluez : public testing::Test {
     void restart() {
         bluetoothd_.reset();
         bluetoothd_ = std::make_unique<fake::Bluetoothd>(script_);
+    }
+
+    void script(std::string fake::Script::*field, const char* value) {
+        const std::lock_guard lock(script_.mutex);
+        script_.*field = value;
     }
 
     // Signals keep their order: the program knows all that was signalled before.
@@ -229,7 +236,7 @@ TEST_F(Bluez, FindsADeviceThatAppearsAndIsCancelledWhereNoneDoes) {
 }
 
 TEST_F(Bluez, ConnectsForTheServicesAndEndsWhatItMade) {
-    script_.refuses = true;
+    script(&fake::Script::refusal, "le-connection-abort-by-local");
     findDevice();
     EXPECT_EQ(device_->getGattServicesForUuidAsync(kService)->getResults().status,
               GattCommunicationStatus::unreachable);
@@ -237,7 +244,7 @@ TEST_F(Bluez, ConnectsForTheServicesAndEndsWhatItMade) {
         device_->getGattServicesAsync(platform::BluetoothCacheMode::cached)->getResults().services->size(),
         0U);
 
-    script_.refuses = false;
+    script(&fake::Script::refusal, "");
     script_.resolves = false;
     std::thread resolve([this] {
         EXPECT_TRUE(eventually([this] { return script_.connects == 4; }));
@@ -275,6 +282,73 @@ TEST_F(Bluez, LeavesALinkAloneThatWasThereBefore) {
     EXPECT_EQ(script_.disconnects, 1);
 }
 
+// An attempt that somebody else has under way is waited for; the link is theirs.
+TEST_F(Bluez, TakesPartInALinkThatAnotherMakes) {
+    script(&fake::Script::refusal, "Operation already in progress");
+    findDevice();
+    std::thread other([this] {
+        EXPECT_TRUE(eventually([this] { return script_.connects == 1; }));
+        bluetoothd_->connected(true);
+    });
+    findService();
+    other.join();
+    service_.reset();
+    device_.reset();
+    runtime_.reset();
+    EXPECT_EQ(script_.disconnects, 0);
+}
+
+TEST_F(Bluez, SearchesAgainWhereBluetoothdHasEndedTheSearch) {
+    const auto watcher = platform::createAdvertisementWatcher();
+    watcher->start();
+    EXPECT_EQ(script_.searches, 1);
+    script_.searches = 0;  // as with the adapter's power
+    script_.appears = true;
+    EXPECT_NE(lookUp()->getResults(), nullptr);
+    EXPECT_EQ(script_.searches, 1) << "the watcher's goes on";
+}
+
+TEST_F(Bluez, SaysWhatToDo) {
+    const test::LogCapture log;
+    const auto says = [&](const std::string& text) { return eventually([&] { return log.find(text); }); };
+    EXPECT_EQ(platform::getRadiosAsync()->getResults().value().size(), 1U);
+    bluetoothd_->adapter().set("Powered", false);
+    EXPECT_TRUE(says("adapter hci0 was switched off"));
+    EXPECT_EQ(lookUp()->getResults(), nullptr);
+    EXPECT_TRUE(says("no adapter that is switched on"));
+    bluetoothd_->removeAdapter();
+    EXPECT_TRUE(says("adapter hci0 is gone"));
+    bluetoothd_.reset();
+    EXPECT_TRUE(says("bluetoothd has ended"));
+    platform::getRadiosAsync();
+    EXPECT_TRUE(says("bluetoothd does not run"));
+    daemon_.kill();
+    EXPECT_TRUE(says("the system bus cannot be reached"));
+}
+
+TEST(BluezError, TellsTheLinksFailuresFromOthers) {
+    const struct {
+        const char* name;
+        const char* message;
+        platform::HResult code;
+    } cases[] = {
+        {"org.bluez.Error.Failed", "le-connection-abort-by-local", bluez::kNotConnected},
+        {"org.bluez.Error.Failed", "br-connection-canceled", bluez::kNotConnected},
+        {"org.bluez.Error.Failed", "Not connected", bluez::kNotConnected},
+        {"org.bluez.Error.Failed", "Operation already in progress", bluez::kInProgress},
+        {"org.bluez.Error.Failed", "Operation failed with ATT error: 0x81", platform::kEFail},
+        {"org.freedesktop.DBus.Error.Spawn.ExecFailed", "", platform::kRoEClosed},
+        {"org.freedesktop.DBus.Error.NoReply", "", bluez::kTimeout},
+    };
+    for (const auto& [name, message, code] : cases)
+        EXPECT_EQ(bluez::translate(sdbus::Error(name, message)).code(), code) << name << ' ' << message;
+
+    const test::LogCapture log;
+    EXPECT_EQ(bluez::translate(sdbus::Error("org.freedesktop.DBus.Error.AccessDenied", "")).code(),
+              bluez::kAccessDenied);
+    EXPECT_TRUE(log.find("this user may not talk to bluetoothd"));
+}
+
 TEST_F(Bluez, NotifiesInOrderThroughTheDescriptor) {
     findService();
     auto subscription = collect(2);
@@ -283,8 +357,13 @@ TEST_F(Bluez, NotifiesInOrderThroughTheDescriptor) {
     for (std::size_t i = 0; i < kPackets; ++i) {
         const Bytes packet{static_cast<std::uint8_t>(i), static_cast<std::uint8_t>(i >> 8)};
         ASSERT_EQ(::send(script_.notifySocket, packet.data(), packet.size(), MSG_NOSIGNAL), 2);
+        if (i == 0) {
+            ASSERT_EQ(::send(script_.notifySocket, packet.data(), 0, MSG_NOSIGNAL), 0);
+        }
     }
-    ASSERT_TRUE(eventually([&] { return receivedCount() == kPackets; }));
+    ASSERT_TRUE(eventually([&] { return receivedCount() == kPackets + 1; }));
+    EXPECT_EQ(received_[1], Bytes()) << "a value like any other, and not the end";
+    received_.erase(received_.begin() + 1);
     for (std::size_t i = 0; i < kPackets; ++i)
         EXPECT_EQ(received_[i][0] + 256U * received_[i][1], i);
     EXPECT_EQ(script_.calls, 1) << "one call, however many packets";
@@ -299,8 +378,12 @@ TEST_F(Bluez, NotifiesInOrderThroughTheDescriptor) {
 // Where the descriptor is not offered, or somebody else has it.
 TEST_F(Bluez, NotifiesInOrderThroughSignals) {
     findService();
-    script_.notifyTaken = true;
-    for (const std::uint16_t uuid : {std::uint16_t{2}, std::uint16_t{4}}) {
+    const struct {
+        std::uint16_t uuid;
+        const char* error;
+    } cases[] = {{2, "org.bluez.Error.NotPermitted"}, {2, "org.freedesktop.DBus.Error.NoReply"}, {4, ""}};
+    for (const auto& [uuid, error] : cases) {
+        script(&fake::Script::notifyError, error);
         received_.clear();
         const auto subscription = collect(uuid);
         ASSERT_EQ(subscribe(uuid, Descriptor::indicate), GattCommunicationStatus::success);
@@ -310,7 +393,7 @@ TEST_F(Bluez, NotifiesInOrderThroughSignals) {
         for (std::uint8_t i = 0; i < 100; ++i)
             EXPECT_EQ(received_[i], Bytes{i});
     }
-    EXPECT_EQ(script_.calls, 3);
+    EXPECT_EQ(script_.calls, 5 + 1) << "two for each way tried twice; one for a source that was replaced";
 }
 
 TEST_F(Bluez, WritesInOrderAndWaitsForTheLink) {

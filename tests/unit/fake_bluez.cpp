@@ -147,6 +147,7 @@ Bluetoothd::Bluetoothd(Script& script)
                 .onInterface(interface)
                 .implementedAs([](const Options&) {});
             object.registerMethod("StartDiscovery").onInterface(interface).implementedAs([this] {
+                if (script_.searches > 0) throw sdbus::Error("org.bluez.Error.InProgress", "In Progress");
                 ++script_.searches;
                 if (script_.appears) addDevice();
             });
@@ -175,8 +176,8 @@ void Bluetoothd::addDevice() {
         [this](sdbus::IObject& object, const std::string& interface) {
             object.registerMethod("Connect").onInterface(interface).implementedAs([this] {
                 ++script_.connects;
-                if (script_.refuses)
-                    throw sdbus::Error("org.bluez.Error.Failed", "le-connection-abort-by-local");
+                const std::lock_guard lock(script_.mutex);
+                if (!script_.refusal.empty()) throw sdbus::Error("org.bluez.Error.Failed", script_.refusal);
                 connected(true);
             });
             object.registerMethod("Disconnect").onInterface(interface).implementedAs([this] {
@@ -214,7 +215,8 @@ void Bluetoothd::addGatt() {
 void Bluetoothd::addMethods(const std::string& name, sdbus::IObject& object, const std::string& interface) {
     object.registerMethod("AcquireNotify").onInterface(interface).implementedAs([this](const Options&) {
         ++script_.calls;
-        if (script_.notifyTaken) throw sdbus::Error("org.bluez.Error.NotPermitted", "Notify acquired");
+        const std::lock_guard lock(script_.mutex);
+        if (!script_.notifyError.empty()) throw sdbus::Error(script_.notifyError, "no descriptor");
         return handOut(script_.notifySocket);
     });
     object.registerMethod("AcquireWrite").onInterface(interface).implementedAs([this](const Options&) {

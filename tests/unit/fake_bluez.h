@@ -59,10 +59,8 @@ class Thing {
 
 // What a test sets before, and looks at afterwards. The sockets are bluetoothd's ends.
 struct Script {
-    std::atomic<bool> appears = false;      // with the next search
-    std::atomic<bool> refuses = false;      // connections
-    std::atomic<bool> resolves = true;      // the services of a connection
-    std::atomic<bool> notifyTaken = false;  // by another program
+    std::atomic<bool> appears = false;  // with the next search
+    std::atomic<bool> resolves = true;  // the services of a connection
     std::atomic<int> connects = 0;
     std::atomic<int> disconnects = 0;
     std::atomic<int> searches = 0;
@@ -71,7 +69,9 @@ struct Script {
     std::atomic<int> writeSocket = -1;
 
     std::mutex mutex;
-    std::vector<std::string> writes;  // guarded by mutex: "CHARACTERISTIC:TYPE:LENGTH"
+    std::string refusal;              // guarded by mutex, like all: the message that connections fail with
+    std::string notifyError;          // the name of the error of AcquireNotify
+    std::vector<std::string> writes;  // "CHARACTERISTIC:TYPE:LENGTH"
 };
 
 class Bluetoothd {
@@ -85,14 +85,15 @@ class Bluetoothd {
     Thing& device() { return *device_; }
     Thing& characteristic(const std::string& name) { return *gatt_.at(name); }
     void addDevice();
+    void removeAdapter() { adapter_.reset(); }
     // The link, with or without the object behind it.
+    void connected(bool is);
     void drop();
     void forget();
 
   private:
     void addGatt();
     void addMethods(const std::string& name, sdbus::IObject& object, const std::string& interface);
-    void connected(bool is);
 
     Script& script_;
     std::unique_ptr<sdbus::IConnection> connection_;

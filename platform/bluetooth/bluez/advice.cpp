@@ -11,8 +11,8 @@ std::string text(Trouble trouble, const std::string& detail) {
         case Trouble::noBus:
             return "the system bus cannot be reached (" + detail + "); start it: systemctl start dbus";
         case Trouble::noService:
-            return "bluetoothd does not run; install and start it: apt-get install bluez, systemctl enable "
-                   "--now bluetooth";
+            return "bluetoothd does not run or does not answer; install and start it: apt-get install bluez, "
+                   "systemctl enable --now bluetooth; without an adapter it does not start: plug one in";
         case Trouble::serviceEnded:
             return "bluetoothd has ended and all its links with it; see why: journalctl -u bluetooth, start "
                    "it: systemctl restart bluetooth, then connect again";
@@ -24,13 +24,14 @@ std::string text(Trouble trouble, const std::string& detail) {
                    "switch it on: bluetoothctl power on";
         case Trouble::adapterOff:
             return "adapter " + detail +
-                   " was switched off and all its links with it; switch it on: bluetoothctl power on, then "
-                   "connect again";
+                   " was switched off and all its links with it; switch it on, unless bluetoothd is being "
+                   "stopped: bluetoothctl power on, then connect again";
         case Trouble::adapterBlocked:
             return "adapter " + detail + " is blocked; release it: rfkill unblock bluetooth";
         case Trouble::adapterGone:
             return "adapter " + detail +
-                   " is gone and all its links with it; plug it in again, then connect again";
+                   " is gone and all its links with it; plug it in again, unless bluetoothd is being "
+                   "stopped, then connect again";
     }
     return {};
 }

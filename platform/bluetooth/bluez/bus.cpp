@@ -1,9 +1,12 @@
 #include "platform/bluetooth/bluez/bus.h"
 
+#include <algorithm>
 #include <optional>
 
 #include "platform/bluetooth/bluez/advice.h"
+#include "platform/bluetooth/bluez/connection.h"
 #include "platform/bluetooth/bluez/radio.h"
+#include "platform/runtime.h"
 
 namespace bluez {
 
@@ -44,6 +47,9 @@ Interfaces convert(const InterfaceVariants& variants) {
         interfaces.emplace(name, convert(properties));
     return interfaces;
 }
+
+// How long a wait may go on after the program was asked to stop.
+constexpr std::chrono::milliseconds kStopPoll{100};
 
 std::uint64_t microseconds(std::chrono::milliseconds time) {
     return static_cast<std::uint64_t>(std::chrono::microseconds(time).count());
@@ -142,7 +148,18 @@ void Bus::tell(const Change& change) {
     }
     // The end of bluetoothd takes the adapters with it, which is no news of theirs.
     if (running) adviseOnAdapter(change);
+    Connection::heed(change);
     listeners_->call(change);
+}
+
+Bus::Ticket::Ticket(Bus& toCount) : bus(toCount) {
+    const std::lock_guard lock(bus.proxiesMutex_);
+    ++bus.callsOut_;
+}
+
+Bus::Ticket::~Ticket() {
+    const std::lock_guard lock(bus.proxiesMutex_);
+    --bus.callsOut_;
 }
 
 sdbus::IProxy& Bus::proxy(const std::string& path) {
@@ -152,11 +169,18 @@ sdbus::IProxy& Bus::proxy(const std::string& path) {
     return *proxy;
 }
 
+// A program that runs for months meets many peripherals. A proxy must not go while a call of it is out; this
+// runs on the loop's thread, so that no reply is being handled.
+void Bus::dropProxies() {
+    const std::lock_guard lock(proxiesMutex_);
+    if (callsOut_ == 0) proxies_.clear();
+}
+
 void Bus::await(const Outgoing& message, std::chrono::milliseconds timeout, ReadReply read) {
     const auto reply = std::make_shared<Reply>();
     requireOpen();
-    const auto arrived = [this, reply, read = std::move(read)](sdbus::MethodReply& values,
-                                                               const sdbus::Error* error) {
+    const auto arrived = [this, reply, read = std::move(read), ticket = message.ticket](
+                             sdbus::MethodReply& values, const sdbus::Error* error) {
         std::unique_ptr<sdbus::Error> failure;
         try {
             error ? throw *error : read(values);
@@ -174,13 +198,16 @@ void Bus::await(const Outgoing& message, std::chrono::milliseconds timeout, Read
         throw translate(error);
     }
     std::unique_lock lock(mutex_);
-    ended_.wait(lock, [&] { return reply->here || closed_ || lost_; });
+    const auto over = [&] { return reply->here || closed_ || lost_; };
+    while (!ended_.wait_for(lock, kStopPoll, over)) {
+        if (platform::stopRequested().isSet()) throw PlatformError(platform::kECancelled);
+    }
     if (!reply->here) throw PlatformError(closed_ ? platform::kECancelled : platform::kRoEClosed);
     if (reply->error) throw translate(*reply->error);
 }
 
 void Bus::sendOff(const Outgoing& message, std::chrono::milliseconds timeout, const Answered& answered) {
-    const auto arrived = [answered](sdbus::MethodReply&, const sdbus::Error* error) {
+    const auto arrived = [answered, ticket = message.ticket](sdbus::MethodReply&, const sdbus::Error* error) {
         if (!error) return answered(nullptr);
         const PlatformError failure = translate(*error);
         answered(&failure);
@@ -203,9 +230,15 @@ void Bus::refresh(const std::string& path, const char* interface) {
 
 bool Bus::waitFor(std::chrono::milliseconds timeout,
                   const std::function<bool(const ObjectTree&)>& condition) {
-    const bool holds = objects_.waitFor(timeout, condition);
-    if (!holds) requireOpen();
-    return holds;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (objects_.waitFor(std::min(left, kStopPoll), condition)) return true;
+        requireOpen();
+        if (left <= kStopPoll) return false;
+        if (platform::stopRequested().isSet()) throw PlatformError(platform::kECancelled);
+    }
 }
 
 void Bus::requireOpen() {
@@ -266,8 +299,10 @@ void Bus::load() {
         const Outgoing message = newCall({kRoot, kObjectManager, "GetManagedObjects"});
         await(message, kCallTime, [this](sdbus::MethodReply& reply) { takeObjects(reply); });
     } catch (const PlatformError& error) {
-        if (error.code() == platform::kRoEClosed) advise(Trouble::noService);
-        throw;
+        // systemd lets the start of a bluetoothd that has no adapter run into the bus's time-out.
+        if (error.code() != platform::kRoEClosed && error.code() != kTimeout) throw;
+        advise(Trouble::noService);
+        throw PlatformError(platform::kRoEClosed, error.what());
     }
 }
 
@@ -283,13 +318,14 @@ void Bus::takeObjects(sdbus::Message& reply) {
 // On the loop's thread, which cannot wait for the reply.
 void Bus::reload() {
     const Outgoing message = newCall({kRoot, kObjectManager, "GetManagedObjects"});
-    message.proxy.callMethod(message.call, [this](sdbus::MethodReply& reply, const sdbus::Error* error) {
-        try {
-            if (!error) takeObjects(reply);
-        } catch (const sdbus::Error&) {
-            // Not BlueZ: the next call asks again, and tells.
-        }
-    });
+    message.proxy.callMethod(
+        message.call, [this, ticket = message.ticket](sdbus::MethodReply& reply, const sdbus::Error* error) {
+            try {
+                if (!error) takeObjects(reply);
+            } catch (const sdbus::Error&) {
+                // Not BlueZ: the next call asks again, and tells.
+            }
+        });
 }
 
 void Bus::ownerChanged(sdbus::Message& signal) {
@@ -320,6 +356,7 @@ void Bus::interfacesRemoved(sdbus::Message& signal) {
     std::vector<std::string> interfaces;
     signal >> path >> interfaces;
     objects_.remove(path, interfaces);
+    dropProxies();
 }
 
 void Bus::propertiesChanged(sdbus::Message& signal) {

@@ -75,7 +75,8 @@ class Bus {
     // Asks for the properties that objects() holds of an interface, where the signals may not have told all.
     void refresh(const std::string& path, const char* interface);
 
-    // Waits until the condition holds of the objects; false when the time has passed before.
+    // Waits until the condition holds of the objects; false when the time has passed before. Like a call it
+    // ends with kECancelled when the program was asked to stop.
     bool waitFor(std::chrono::milliseconds timeout, const std::function<bool(const ObjectTree&)>& condition);
 
     // Readable once the bus was closed; for waits on descriptors.
@@ -83,7 +84,16 @@ class Bus {
 
   private:
     using ReadReply = std::function<void(sdbus::MethodReply&)>;
+    // Counts the calls that are out, from their making to the end of their reply.
+    struct Ticket {
+        explicit Ticket(Bus& toCount);
+        ~Ticket();
+        Ticket(const Ticket&) = delete;
+        Ticket& operator=(const Ticket&) = delete;
+        Bus& bus;
+    };
     struct Outgoing {
+        std::shared_ptr<Ticket> ticket;
         sdbus::IProxy& proxy;
         sdbus::MethodCall call;
     };
@@ -96,10 +106,11 @@ class Bus {
     template <class... Arguments>
     Outgoing newCall(const Method& method, const Arguments&... arguments) {
         try {
+            auto ticket = std::make_shared<Ticket>(*this);
             sdbus::IProxy& target = proxy(method.path);
             auto message = target.createMethodCall(method.interface, method.name);
             static_cast<void>((static_cast<sdbus::Message&>(message) << ... << arguments));
-            return {target, std::move(message)};
+            return {std::move(ticket), target, std::move(message)};
         } catch (const sdbus::Error& error) {
             throw translate(error);
         }
@@ -122,6 +133,7 @@ class Bus {
     void interfacesAdded(sdbus::Message& signal);
     void interfacesRemoved(sdbus::Message& signal);
     void propertiesChanged(sdbus::Message& signal);
+    void dropProxies();
     void tell(const Change& change);
 
     using Listeners = bluetooth::CallbackList<const Change&>;
@@ -139,8 +151,8 @@ class Bus {
     const std::unique_ptr<sdbus::IConnection> connection_;
     std::vector<sdbus::Slot> matches_;
     std::mutex proxiesMutex_;
-    // Never shrinks: a proxy must not go while a reply is being handled, and the program calls few objects.
     std::map<std::string, std::unique_ptr<sdbus::IProxy>> proxies_;  // guarded by proxiesMutex_
+    int callsOut_ = 0;                                               // guarded by proxiesMutex_
     std::thread loop_;
 };
 

@@ -21,6 +21,7 @@ constexpr std::chrono::seconds kResolveTime{20};
 constexpr std::chrono::seconds kEndTime{3};
 constexpr std::chrono::milliseconds kReadvertiseTime{200};
 constexpr std::chrono::seconds kReportTime{2};  // from the reply to the property that it is about
+constexpr std::chrono::seconds kReturnTime{2};  // of a descriptor
 
 // What the connections to one peripheral share.
 struct Link {
@@ -40,12 +41,19 @@ Links& links() {
     return instance;
 }
 
+// Whoever ended it: the next one may be somebody else's.
 void linkEnded(const std::string& path) {
     const std::lock_guard lock(links().mutex);
-    Link& link = links().byPath[path];
-    link.ending = false;
-    if (link.users == 0) links().byPath.erase(path);
+    const auto entry = links().byPath.find(path);
+    if (entry == links().byPath.end()) return;
+    entry->second.ours = entry->second.ending = false;
+    if (entry->second.users == 0) links().byPath.erase(entry);
     links().ended.notify_all();
+}
+
+bool isShared(const std::string& path) {
+    const std::lock_guard lock(links().mutex);
+    return links().byPath[path].users > 1;
 }
 
 }  // namespace
@@ -76,6 +84,18 @@ Connection::~Connection() {
         link.ending = true;
     }
     disconnect();
+}
+
+void Connection::heed(const Change& change) {
+    if (change.interface != kDevice) return;
+    const bool* const connected = change.get<bool>("Connected");
+    if (change.kind == Change::Kind::removed || (connected && !*connected)) linkEnded(change.path);
+}
+
+void Connection::awaitReturn(const std::string& characteristic, const char* acquired) const {
+    bus_->waitFor(kReturnTime, [&](const ObjectTree& tree) {
+        return !tree.isTrue(characteristic, kGattCharacteristic, acquired);
+    });
 }
 
 void Connection::awaitEnds() {
@@ -139,25 +159,31 @@ void Connection::awaitEarlierEnd() {
 }
 
 void Connection::connect() {
-    {
-        const std::lock_guard lock(links().mutex);
-        links().byPath[path_].ours = true;
+    const bool ours = requestLink();
+    // BlueZ 5.66 signals no "Connected" where it hears of the new link from the link's socket first
+    // (src/device.c, device_attach_att).
+    if (ours) bus_->refresh(path_, kDevice);
+    if (!waitFor(Until::connected, ours ? kReportTime : kConnectTime)) {
+        requirePresent();
+        bus_->refresh(path_, kDevice);
+        requireLink();
     }
+    if (!ours) return;
+    const std::lock_guard lock(links().mutex);
+    links().byPath[path_].ours = true;
+}
+
+// False: an attempt is under way already, which is as good.
+bool Connection::requestLink() {
     try {
         bus_->call({path_, kDevice, "Connect", kConnectTime});
+        return true;
     } catch (const PlatformError& error) {
-        // Somebody else's attempt is as good.
-        if (error.code() == kInProgress && waitFor(Until::connected, kConnectTime)) return;
-        if (error.code() == kTimeout) disconnect();  // gives the attempt up
+        if (error.code() == kInProgress) return false;
+        if (error.code() == kTimeout && !isShared(path_)) disconnect();  // gives the attempt up
         requirePresent();
         throw;
     }
-    // BlueZ 5.66 signals no "Connected" where it hears of the new link from the link's socket first
-    // (src/device.c, device_attach_att).
-    bus_->refresh(path_, kDevice);
-    if (waitFor(Until::connected, kReportTime)) return;
-    requirePresent();
-    throw PlatformError(kNotConnected);
 }
 
 // False: it did not happen in time, or cannot any more.
@@ -173,7 +199,11 @@ bool Connection::waitFor(Until what, std::chrono::milliseconds timeout) {
 
 void Connection::disconnect() {
     try {
-        bus_->send({path_, kDevice, "Disconnect"}, [path = path_](const PlatformError*) { linkEnded(path); });
+        bus_->send({path_, kDevice, "Disconnect"},
+                   [&objects = bus_->objects(), path = path_](const auto* error) {
+                       // Otherwise the property tells, which follows the reply.
+                       if (error || !objects.isTrue(path, kDevice, "Connected")) linkEnded(path);
+                   });
     } catch (const PlatformError&) {
         linkEnded(path_);  // no bus, no link
     }

@@ -21,7 +21,6 @@ class Connection {
     Connection& operator=(const Connection&) = delete;
 
     Bus& bus() const { return *bus_; }
-    const std::shared_ptr<Bus>& sharedBus() const { return bus_; }
     const std::string& devicePath() const { return path_; }
 
     // What was last heard, without asking. A device that bluetoothd has forgotten stays gone for its
@@ -35,6 +34,13 @@ class Connection {
     // only looks as if it were up. bluetoothd takes two seconds for it.
     static void awaitEnds();
 
+    // Bookkeeping, for the bus: who made a link, and when it is down. On the loop's thread.
+    static void heed(const Change& change);
+
+    // Waits, bounded, until a descriptor is back that a session which has just ended may still hold.
+    // `acquired` is the property of the characteristic that tells.
+    void awaitReturn(const std::string& characteristic, const char* acquired) const;
+
     // Connects if need be and waits until the services are known, both bounded. Throws PlatformError.
     void establish();
 
@@ -45,6 +51,7 @@ class Connection {
     void awaitEarlierEnd();
     bool tryToEstablish(bool last);
     void connect();
+    bool requestLink();
     bool waitFor(Until what, std::chrono::milliseconds timeout);
     void disconnect();
 

@@ -42,7 +42,7 @@ class Device final : public platform::BluetoothLEDevice {
         });
     }
 
-    // bluetoothd reads the services once for each link, so that a new reading is a new link.
+    // bluetoothd reads the services once for each link: while one is up its reading is the latest there is.
     AsyncOperationPtr<GattDeviceServicesResult> getGattServicesAsync(
         platform::BluetoothCacheMode mode) override {
         return run([&]() -> GattDeviceServicesResult {

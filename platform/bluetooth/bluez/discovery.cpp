@@ -3,6 +3,7 @@
 #include <loguru.hpp>
 #include <map>
 #include <mutex>
+#include <utility>
 
 #include "platform/bluetooth/bluez/advice.h"
 #include "platform/bluetooth/bluez/error.h"
@@ -15,16 +16,15 @@ using platform::PlatformError;
 
 constexpr std::chrono::seconds kSwitchTime{5};
 
-// The search that all share. The lock is held while bluetoothd is asked, so that a start and a stop cannot
+// Searches by bus and adapter. The lock is held while bluetoothd is asked, so that a start and a stop cannot
 // overtake each other; nothing that bluetoothd's answer needs takes it.
-struct Shared {
+struct Searches {
     std::mutex mutex;
-    int users = 0;
-    std::string adapter;
+    std::map<std::pair<const Bus*, std::string>, int> users;  // guarded by mutex
 };
 
-Shared& shared() {
-    static Shared instance;
+Searches& searches() {
+    static Searches instance;
     return instance;
 }
 
@@ -33,7 +33,11 @@ void start(Bus& bus, const std::string& adapter) {
     const std::map<std::string, sdbus::Variant> filter{{"Transport", std::string("le")},
                                                        {"DuplicateData", true}};
     bus.call({adapter, kAdapter, "SetDiscoveryFilter", kSwitchTime}, filter);
-    bus.call({adapter, kAdapter, "StartDiscovery", kSwitchTime});
+    try {
+        bus.call({adapter, kAdapter, "StartDiscovery", kSwitchTime});
+    } catch (const PlatformError& error) {
+        if (error.code() != kInProgress) throw;
+    }
 }
 
 }  // namespace
@@ -53,24 +57,28 @@ Discovery::Discovery(std::shared_ptr<Bus> bus) : bus_(std::move(bus)) {
         advise(Trouble::noAdapter);
         return;
     }
-    const std::lock_guard lock(shared().mutex);
+    const std::lock_guard lock(searches().mutex);
+    int& users = searches().users[{bus_.get(), *adapter}];
     try {
-        if (shared().users == 0) start(*bus_, *adapter);
+        // bluetoothd ends a search with its adapter's power, whoever still uses it.
+        if (users == 0 || !bus_->objects().isTrue(*adapter, kAdapter, "Discovering")) start(*bus_, *adapter);
     } catch (const PlatformError& error) {
         if (error.code() == platform::kECancelled) throw;
         LOG_S(WARNING) << "[WARNING] Bluetooth: the search did not start: " << error.what();
         return;
     }
-    if (shared().users++ == 0) shared().adapter = *adapter;
-    running_ = true;
+    adapter_ = *adapter;
+    ++users;
 }
 
 Discovery::~Discovery() {
-    if (!running_) return;
-    const std::lock_guard lock(shared().mutex);
-    if (--shared().users > 0) return;
+    if (!running()) return;
+    const std::lock_guard lock(searches().mutex);
+    const auto users = searches().users.find({bus_.get(), adapter_});
+    if (--users->second > 0) return;
+    searches().users.erase(users);
     try {
-        bus_->call({shared().adapter, kAdapter, "StopDiscovery", kSwitchTime});
+        bus_->call({adapter_, kAdapter, "StopDiscovery", kSwitchTime});
     } catch (const PlatformError&) {
         // The adapter or bluetoothd has gone, and the search with it.
     }

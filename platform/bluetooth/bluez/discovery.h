@@ -21,11 +21,11 @@ class Discovery {
     Discovery(const Discovery&) = delete;
     Discovery& operator=(const Discovery&) = delete;
 
-    bool running() const { return running_; }
+    bool running() const { return !adapter_.empty(); }
 
   private:
     const std::shared_ptr<Bus> bus_;
-    bool running_ = false;
+    std::string adapter_;
 };
 
 }  // namespace bluez

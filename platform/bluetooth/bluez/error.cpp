@@ -45,16 +45,21 @@ constexpr std::array kTranslations = std::to_array<Translation>({
     {"System.Error.ETIMEDOUT", kTimeout},
 });
 
+// BlueZ has one name for all of it; the message tells the case (src/gatt-client.c, src/device.c,
+// src/error.c). A link that drops before it is complete has the word of the other transport.
+HResult codeOfFailure(std::string_view message) {
+    if (message == "Operation already in progress") return kInProgress;
+    const bool link = message.starts_with("le-connection-") || message.starts_with("br-connection-");
+    return link || message == "Not connected" ? kNotConnected : platform::kEFail;
+}
+
 HResult codeOf(const sdbus::Error& error) {
     const std::string& name = error.getName();
     // The bus could not start the service: it is not installed, not enabled, or does not come up.
     if (name.starts_with("org.freedesktop.DBus.Error.Spawn.") ||
         name.starts_with("org.freedesktop.systemd1."))
         return platform::kRoEClosed;
-    // BlueZ has one name for all of it; the message tells the case (src/gatt-client.c, src/error.c).
-    if (name == "org.bluez.Error.Failed" &&
-        (error.getMessage() == "Not connected" || error.getMessage().starts_with("le-connection-")))
-        return kNotConnected;
+    if (name == "org.bluez.Error.Failed") return codeOfFailure(error.getMessage());
     const auto known = std::find_if(kTranslations.begin(), kTranslations.end(),
                                     [&](const Translation& entry) { return entry.name == name; });
     return known == kTranslations.end() ? platform::kEFail : known->code;

@@ -1,5 +1,7 @@
 #include "platform/bluetooth/bluez/gatt.h"
 
+#include <mutex>
+
 #include "platform/bluetooth/bluez/delivery.h"
 #include "platform/bluetooth/bluez/error.h"
 
@@ -31,16 +33,21 @@ class StatusWatch {
                   if (change.path != path || change.interface != kDevice) return;
                   if (removed) return tell(false);
                   if (const bool* const connected = change.get<bool>("Connected")) tell(*connected);
-              })) {}
+              })) {
+        // A link that went before anybody listened.
+        if (!connection.connected()) tell(false);
+    }
 
   private:
     void tell(bool active) {
+        const std::lock_guard lock(mutex_);
         if (active_ == active) return;
         active_ = active;
         delivery_.post(active ? GattSessionStatus::active : GattSessionStatus::closed);
     }
 
-    bool active_;  // the loop's
+    std::mutex mutex_;
+    bool active_;  // guarded by mutex_
     Delivery<GattSessionStatus> delivery_;
     Subscription changes_;
 };

@@ -12,7 +12,7 @@ namespace bluez {
 
 struct ControllerInfo {
     std::string name;
-    std::uint8_t version = 0;  // of the core specification, as the controller's link manager numbers it
+    std::uint8_t version = 0;  // of Bluetooth Core, as the controller's link manager numbers it
 };
 
 // Calls block until the kernel has answered, which it does at once.

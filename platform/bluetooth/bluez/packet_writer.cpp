@@ -17,17 +17,10 @@ using platform::PlatformError;
 
 constexpr std::size_t kWriteOverhead = 3;  // opcode and handle (Bluetooth Core, vol 3, F 3.4.5.3)
 constexpr std::size_t kLongestRead = 512;  // of bluetoothd from the socket (BlueZ 5.66, gatt-client.c)
-// A session that has just ended may still be holding the descriptor.
-constexpr std::chrono::seconds kReleaseTime{2};
 // As long as any call: a bluetoothd that takes nothing for that long is not going to.
 constexpr std::chrono::milliseconds kWriteTime = kCallTime;
 
 constexpr const char* kAcquired = "WriteAcquired";
-
-void awaitRelease(Bus& bus, const std::string& path) {
-    bus.waitFor(kReleaseTime,
-                [&](const ObjectTree& tree) { return !tree.isTrue(path, kGattCharacteristic, kAcquired); });
-}
 
 }  // namespace
 
@@ -68,7 +61,7 @@ std::shared_ptr<const PacketWriter::Channel> PacketWriter::channel() {
 std::shared_ptr<const PacketWriter::Channel> PacketWriter::acquire() const {
     connection_->requireLink();
     if (!connection_->bus().objects().get<bool>(path_, kGattCharacteristic, kAcquired)) return nullptr;
-    awaitRelease(connection_->bus(), path_);
+    connection_->awaitReturn(path_, kAcquired);
     try {
         const std::map<std::string, sdbus::Variant> options;
         auto [socket, mtu] = connection_->bus().call<sdbus::UnixFd, std::uint16_t>(
@@ -91,7 +84,7 @@ void PacketWriter::giveBack(std::shared_ptr<const Channel> channel) {
         channel_ = std::make_shared<const Channel>(Channel{Descriptor(), channel->longest});
     }
     channel.reset();
-    awaitRelease(connection_->bus(), path_);
+    connection_->awaitReturn(path_, kAcquired);
 }
 
 bool PacketWriter::waitUntilWritable(int socket) const {

@@ -1,6 +1,7 @@
 #include "platform/bluetooth/bluez/radio.h"
 
 #include <fstream>
+#include <loguru.hpp>
 #include <system_error>
 
 #include "platform/bluetooth/bluez/advice.h"
@@ -42,7 +43,10 @@ class AdapterRadio final : public platform::Radio {
             bus_->send(
                 {path_, "org.freedesktop.DBus.Properties", "Set"},
                 [name = adapterName(path_)](const PlatformError* error) {
-                    if (error && isBlocked(kSysfsBluetooth, name)) advise(Trouble::adapterBlocked, name);
+                    if (!error) return;
+                    if (isBlocked(kSysfsBluetooth, name)) return advise(Trouble::adapterBlocked, name);
+                    LOG_S(WARNING) << "[WARNING] Bluetooth: adapter " << name
+                                   << " could not be switched: " << error->what();
                 },
                 kAdapter, "Powered", sdbus::Variant(state == RadioState::on));
             return RadioAccessStatus::allowed;
@@ -59,8 +63,11 @@ RadioList listRadios() {
     try {
         const auto bus = Bus::current();
         const auto paths = bus->objects().read([](const ObjectTree& tree) { return tree.paths(kAdapter); });
-        for (const auto& path : paths)
+        for (const auto& path : paths) {
             radios->push_back(std::make_shared<AdapterRadio>(bus, path));
+            if (radios->back()->state() == RadioState::disabled)
+                advise(Trouble::adapterBlocked, adapterName(path));
+        }
     } catch (const PlatformError& error) {
         // Without bluetoothd there is no radio. One that this user may not see may be there, and be on.
         if (error.code() == kAccessDenied) return std::nullopt;

@@ -16,8 +16,10 @@ namespace {
 using platform::PlatformError;
 
 constexpr std::size_t kLongestValue = 512;  // of any attribute (Bluetooth Core, vol 3, F 3.2.9)
-// A session that has just ended may still be holding the descriptor.
-constexpr std::chrono::seconds kReleaseTime{2};
+// BlueZ 5.66 answers at once, or never where the peripheral refuses (src/gatt-client.c,
+// register_notify_io_cb).
+constexpr std::chrono::seconds kAcquireTime{5};
+constexpr const char* kAcquired = "NotifyAcquired";
 
 // One packet is one value. bluetoothd fills the socket, this thread empties it, and nothing is between them:
 // a handler that blocks leaves the packets where they are.
@@ -33,9 +35,10 @@ class DescriptorSource final : public ValueSource {
   private:
     void run() {
         std::array<std::uint8_t, kLongestValue> value;
-        while (waitForValue()) {
+        while (const short ready = waitForValue()) {
             const ssize_t size = ::recv(socket_.get(), value.data(), value.size(), MSG_DONTWAIT);
-            if (size > 0) {
+            // A value without a byte and the end look the same, but for the hang-up.
+            if (size > 0 || (size == 0 && (ready & POLLHUP) == 0)) {
                 handler_(std::span(value).first(static_cast<std::size_t>(size)));
             } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
                 return;  // bluetoothd closes its end with the link
@@ -43,12 +46,13 @@ class DescriptorSource final : public ValueSource {
         }
     }
 
-    bool waitForValue() const {
+    // The socket's events; none: it is over.
+    short waitForValue() const {
         std::array<pollfd, 2> targets{{{stop_.get(), POLLIN, 0}, {socket_.get(), POLLIN, 0}}};
         while (::poll(targets.data(), targets.size(), -1) < 0) {
-            if (errno != EINTR) return false;
+            if (errno != EINTR) return 0;
         }
-        return targets[0].revents == 0;
+        return targets[0].revents == 0 ? targets[1].revents : short{0};
     }
 
     const Descriptor stop_ = newSignal();
@@ -90,12 +94,10 @@ class SignalSource final : public ValueSource {
 };
 
 Descriptor acquireNotify(Connection& connection, const std::string& path) {
-    connection.bus().waitFor(kReleaseTime, [&](const ObjectTree& tree) {
-        return !tree.isTrue(path, kGattCharacteristic, "NotifyAcquired");
-    });
+    connection.awaitReturn(path, kAcquired);
     const std::map<std::string, sdbus::Variant> options;
     auto [socket, mtu] = connection.bus().call<sdbus::UnixFd, std::uint16_t>(
-        {path, kGattCharacteristic, "AcquireNotify"}, options);
+        {path, kGattCharacteristic, "AcquireNotify", kAcquireTime}, options);
     return Descriptor(socket.release());
 }
 
@@ -105,12 +107,15 @@ std::unique_ptr<ValueSource> subscribe(const std::shared_ptr<Connection>& connec
                                        ValueSource::Handler handler) {
     connection->requireLink();
     // Offered for notifications only: indications come as signals, and are few.
-    if (connection->bus().objects().get<bool>(path, kGattCharacteristic, "NotifyAcquired")) {
+    if (connection->bus().objects().get<bool>(path, kGattCharacteristic, kAcquired)) {
         try {
             return std::make_unique<DescriptorSource>(acquireNotify(*connection, path), std::move(handler));
         } catch (const PlatformError& error) {
-            // Somebody on this machine has it, or has the notifications, which signals can share.
-            if (error.code() != kAccessDenied && error.code() != kInProgress) throw;
+            // Somebody on this machine has it, or has the notifications, which signals can share. Where the
+            // peripheral refused, the other way tells why.
+            const bool otherWay =
+                error.code() == kAccessDenied || error.code() == kInProgress || error.code() == kTimeout;
+            if (!otherWay) throw;
         }
     }
     return std::make_unique<SignalSource>(connection, path, std::move(handler));

@@ -6,7 +6,6 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <thread>
 
 #include "platform/bluetooth/bluez/connection.h"
 #include "platform/bluetooth/bluez/descriptor.h"
