@@ -92,9 +92,9 @@ def main(program, sim):
         whole = connect_seconds(program, folder(), ADDRESS)
         violations = peripheral.counters()["violations"]
     peripheral.close()
+    check(not violations, f"{violations} violations of the flow control")
     print("| measure | ZIQBLEConnect | bleak loop | ratio |\n| --- | --: | --: | --: |\n" + "\n".join(rows))
     print(f"\nFrom \"connect\" to \"CONNECT TIO\": {whole:.2f} s, {sleeps:.2f} s of it fixed sleeps, {whole - sleeps:.2f} s the rest.")
-    print(f"{violations} violations of the flow control.")
 
 
 main(*(Path(name).resolve() for name in sys.argv[1:]))

@@ -21,6 +21,7 @@ ADDRESS = "00:AA:01:01:00:01"  # of hci1
 # No data, no credits, the MTU that holds anyway.
 FIRST_VALUES = {f"{number:08x}-0000-1000-8000-008025000000": value for number, value in ((1, []), (3, [0]), (9, [20, 0]))}
 BLUETOOTHD, BTVIRT = ["/usr/libexec/bluetooth/bluetoothd", "-n", "-E"], ["btvirt", "-L", "-l2"]
+ONE_ADAPTER = ["btvirt", "-L", "-l1"]
 USER = "tester"
 TROUBLES = "STATUS CLOSED", "TIO DROP", "ERROR EXP"
 DEADLINE = 30
@@ -64,12 +65,12 @@ def forget_devices():
         names.unlink()
 
 
-def end(command):
-    """Kills the machine's own daemon, whoever started it."""
+def end(command, how=signal.SIGKILL):
+    """Ends the machine's own daemon, whoever started it."""
     for process in Path("/proc").glob("[0-9]*"):
         try:
             if (process / "cmdline").read_text().startswith(command[0] + "\0"):
-                os.kill(int(process.name), signal.SIGKILL)
+                os.kill(int(process.name), how)
                 wait_until(lambda: not (process / "cmdline").exists() or not (process / "cmdline").read_text(), DEADLINE,
                            f"the end of {command[0]}")
         except OSError:

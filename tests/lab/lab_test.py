@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """The program on a real Bluetooth stack: tests/lab/lab_test.py PROGRAM [TEST...]. Runs in the lab."""
 import contextlib
+import signal
 import sys
 import tempfile
 import time
@@ -125,7 +126,7 @@ class Tests:
             self.peripheral.do("appear")
             self.session(bridge)
 
-    def trouble(self, cause, cure=lambda: None):
+    def trouble(self, cause, cure=lambda: None, says=""):
         """In the middle of a transfer; the same program connects again afterwards."""
         self.fresh_peripheral()
         with self.bridge() as bridge:
@@ -137,6 +138,7 @@ class Tests:
             bridge.lost(data)
             print(f"  told after {time.monotonic() - start:.1f} s", flush=True)
             transfer.wait(DEADLINE)
+            check(says in bridge.program.log.read_text(), f"the log does not say {says!r}")
             cure()
             self.fresh_peripheral()
             self.session(bridge)
@@ -152,15 +154,32 @@ class Tests:
         self.peripheral = None
 
     def test_adapter_switched_off(self):
-        self.trouble(lambda: lab.power(False, HOST), lambda: lab.power(True, HOST))
+        self.trouble(lambda: lab.power(False, HOST), lambda: lab.power(True, HOST), "adapter hci0 was switched off")
+
+    def test_adapter_unplugged(self):
+        def unplug():
+            lab.end(lab.BTVIRT)
+            self.kill_peripheral()
+
+        def plug_in():
+            lab.start(lab.BTVIRT)
+            lab.wait_for_adapters()
+
+        self.trouble(unplug, plug_in, "adapter hci0 is gone")
 
     def test_bluetoothd_restarted(self):
-        def restart():
-            lab.end(lab.BLUETOOTHD)
+        self.restart_bluetoothd(signal.SIGTERM)
+
+    def test_bluetoothd_crashed(self):
+        self.restart_bluetoothd(signal.SIGKILL)
+
+    def restart_bluetoothd(self, how):
+        def end():
+            lab.end(lab.BLUETOOTHD, how)
             self.kill_peripheral()
             lab.start(lab.BLUETOOTHD)
 
-        self.trouble(restart, lab.wait_for_adapters)
+        self.trouble(end, lab.wait_for_adapters, "bluetoothd has ended")
 
     def test_peripheral_without_service(self):
         self.stop_peripheral()
@@ -195,31 +214,58 @@ class Tests:
             self.fresh_peripheral()
             self.session(bridge)
 
-    def unusable(self, line):
+    def unusable(self, *texts):
         """The program says why and ends."""
         program = lab.start_program(self.executable, self.fresh_folder())
         try:
             code = program.process.wait(DEADLINE)
             log = program.log.read_text()
-            check(code == 0 and line in log, f"exit code {code}, log:\n{log}")
+            check(code == 0 and all(text in log for text in texts), f"exit code {code}, log:\n{log}")
         finally:
             program.stop()
 
-    def test_start_with_adapter_off(self):
+    @contextlib.contextmanager
+    def only(self, *controllers):
+        """A machine with other adapters than usual, for a while."""
+        self.stop_peripheral()
+        lab.end(lab.BTVIRT)
+        wait_until(lambda: HOST not in lab.objects(), DEADLINE, "the adapter's end")
+        try:
+            if controllers:
+                lab.start(controllers)
+                wait_until(lambda: lab.powered(HOST), DEADLINE, "the adapter")
+            yield
+        finally:
+            lab.end(lab.BTVIRT)
+            wait_until(lambda: HOST not in lab.objects(), DEADLINE, "the adapter's end")
+            lab.start(lab.BTVIRT)
+            lab.wait_for_adapters()
+
+    def test_start_with_all_adapters_off(self):
         lab.power(False, HOST, PERIPHERAL)
         try:
             self.unusable("BLE DISABLED!")
         finally:
             lab.power(True, HOST, PERIPHERAL)
 
+    def test_start_with_the_only_adapter_off(self):
+        with self.only(*lab.ONE_ADAPTER):
+            lab.power(False, HOST)
+            with self.bridge() as bridge:
+                check(lab.powered(HOST), "the program did not switch the adapter on")
+                check("BLE ON" in bridge.stats(), "the client is not told that it is on")
+
     def test_start_without_adapter(self):
+        with self.only():
+            self.unusable("BLE NOT FOUND", "there is no adapter that is switched on")
+
+    def test_start_without_bluetoothd(self):
         self.stop_peripheral()
-        lab.end(lab.BTVIRT)
-        wait_until(lambda: HOST not in lab.objects(), DEADLINE, "the adapter's end")
+        lab.end(lab.BLUETOOTHD)
         try:
-            self.unusable("BLE NOT FOUND")
+            self.unusable("BLE NOT FOUND", "bluetoothd does not run")
         finally:
-            lab.start(lab.BTVIRT)
+            lab.start(lab.BLUETOOTHD)
             lab.wait_for_adapters()
 
 
