@@ -1,37 +1,21 @@
-// Ownership of a file descriptor, and waiting for one.
+// File descriptors as signals between threads that wait in poll().
 #pragma once
 
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
-#include <utility>
+#include "platform/error.h"
+#include "platform/host/posix/descriptor.h"
 
 namespace bluez {
 
-class Descriptor {
-  public:
-    Descriptor() = default;
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
+using platform::Descriptor;
 
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-
-  private:
-    int fd_ = -1;
-};
-
-// Readable from the first signal on.
+// Readable from the first signal on. Throws PlatformError where the process has no descriptor left.
 inline Descriptor newSignal() {
-    return Descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    Descriptor signal(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!signal) throw platform::PlatformError(platform::kEFail, "no descriptor left");
+    return signal;
 }
 inline void raise(const Descriptor& signal) {
     const eventfd_t one = 1;
