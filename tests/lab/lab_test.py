@@ -138,7 +138,7 @@ class Tests:
             bridge.lost(data)
             print(f"  told after {time.monotonic() - start:.1f} s", flush=True)
             transfer.wait(DEADLINE)
-            check(says in bridge.program.log.read_text(), f"the log does not say {says!r}")
+            wait_until(lambda: says in bridge.program.log.read_text(), DEADLINE, f"{says!r} in the log")
             cure()
             self.fresh_peripheral()
             self.session(bridge)

@@ -180,7 +180,8 @@ void Bus::await(const Outgoing& message, std::chrono::milliseconds timeout, Read
     const auto reply = std::make_shared<Reply>();
     requireOpen();
     const auto arrived = [this, reply, read = std::move(read), ticket = message.ticket](
-                             sdbus::MethodReply& values, const sdbus::Error* error) {
+                             sdbus::MethodReply& values, const sdbus::Error* error) mutable {
+        const auto out = std::move(ticket);  // the library may keep the rest for ever
         std::unique_ptr<sdbus::Error> failure;
         try {
             error ? throw *error : read(values);
@@ -207,7 +208,9 @@ void Bus::await(const Outgoing& message, std::chrono::milliseconds timeout, Read
 }
 
 void Bus::sendOff(const Outgoing& message, std::chrono::milliseconds timeout, const Answered& answered) {
-    const auto arrived = [answered, ticket = message.ticket](sdbus::MethodReply&, const sdbus::Error* error) {
+    const auto arrived = [answered, ticket = message.ticket](sdbus::MethodReply&,
+                                                             const sdbus::Error* error) mutable {
+        const auto out = std::move(ticket);
         if (!error) return answered(nullptr);
         const PlatformError failure = translate(*error);
         answered(&failure);
@@ -318,14 +321,15 @@ void Bus::takeObjects(sdbus::Message& reply) {
 // On the loop's thread, which cannot wait for the reply.
 void Bus::reload() {
     const Outgoing message = newCall({kRoot, kObjectManager, "GetManagedObjects"});
-    message.proxy.callMethod(
-        message.call, [this, ticket = message.ticket](sdbus::MethodReply& reply, const sdbus::Error* error) {
-            try {
-                if (!error) takeObjects(reply);
-            } catch (const sdbus::Error&) {
-                // Not BlueZ: the next call asks again, and tells.
-            }
-        });
+    message.proxy.callMethod(message.call, [this, ticket = message.ticket](
+                                               sdbus::MethodReply& reply, const sdbus::Error* error) mutable {
+        const auto out = std::move(ticket);
+        try {
+            if (!error) takeObjects(reply);
+        } catch (const sdbus::Error&) {
+            // Not BlueZ: the next call asks again, and tells.
+        }
+    });
 }
 
 void Bus::ownerChanged(sdbus::Message& signal) {

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <utility>
 
 #include "platform/bluetooth/bluez/error.h"
 #include "platform/clock.h"
@@ -26,7 +27,8 @@ constexpr std::chrono::seconds kReturnTime{2};  // of a descriptor
 // What the connections to one peripheral share.
 struct Link {
     int users = 0;
-    bool ours = false;    // made by one of them, to be ended by the last
+    bool asked = false;   // for by one of them, and not known how it ended
+    bool ours = false;    // made by one of them; as one that was asked for, to be ended by the last
     bool ending = false;  // the end was asked for, and has not been reported yet
 };
 
@@ -46,9 +48,16 @@ void linkEnded(const std::string& path) {
     const std::lock_guard lock(links().mutex);
     const auto entry = links().byPath.find(path);
     if (entry == links().byPath.end()) return;
-    entry->second.ours = entry->second.ending = false;
+    entry->second.ours = false;
+    entry->second.ending = false;
     if (entry->second.users == 0) links().byPath.erase(entry);
     links().ended.notify_all();
+}
+
+// What it was before.
+bool setLink(const std::string& path, bool Link::*flag, bool value) {
+    const std::lock_guard lock(links().mutex);
+    return std::exchange(links().byPath[path].*flag, value);
 }
 
 bool isShared(const std::string& path) {
@@ -76,11 +85,11 @@ Connection::~Connection() {
         const std::lock_guard lock(links().mutex);
         Link& link = links().byPath[path_];
         if (--link.users > 0) return;
-        if (!link.ours || gone_) {
+        if ((!link.ours && !link.asked) || gone_) {
             if (!link.ending) links().byPath.erase(path_);
             return;
         }
-        link.ours = false;
+        link.ours = link.asked = false;
         link.ending = true;
     }
     disconnect();
@@ -158,27 +167,34 @@ void Connection::awaitEarlierEnd() {
     platform::sleepFor(kReadvertiseTime);
 }
 
+// BlueZ 5.66 signals no "Connected" where it hears of a new link from the link's socket first (src/device.c,
+// device_attach_att); so the property is asked for on both sides of the call.
 void Connection::connect() {
-    const bool ours = requestLink();
-    // BlueZ 5.66 signals no "Connected" where it hears of the new link from the link's socket first
-    // (src/device.c, device_attach_att).
-    if (ours) bus_->refresh(path_, kDevice);
-    if (!waitFor(Until::connected, ours ? kReportTime : kConnectTime)) {
+    bus_->refresh(path_, kDevice);
+    if (connected()) return;
+    const bool answered = requestLink();
+    if (answered) bus_->refresh(path_, kDevice);
+    if (!waitFor(Until::connected, answered ? kReportTime : kConnectTime)) {
         requirePresent();
         bus_->refresh(path_, kDevice);
         requireLink();
     }
-    if (!ours) return;
-    const std::lock_guard lock(links().mutex);
-    links().byPath[path_].ours = true;
+    if (!answered) return;
+    setLink(path_, &Link::ours, true);
+    setLink(path_, &Link::asked, false);
+    if (!connected()) setLink(path_, &Link::ours, false);  // it has gone in between
 }
 
-// False: an attempt is under way already, which is as good.
+// False: an attempt is under way already, which is as good. An attempt goes on in bluetoothd where nobody
+// waits for its end any more; what comes of it is ended with the last connection.
 bool Connection::requestLink() {
+    const bool asked = setLink(path_, &Link::asked, true);
     try {
         bus_->call({path_, kDevice, "Connect", kConnectTime});
         return true;
     } catch (const PlatformError& error) {
+        if (error.code() == platform::kECancelled) throw;
+        if (error.code() != kTimeout) setLink(path_, &Link::asked, asked && error.code() == kInProgress);
         if (error.code() == kInProgress) return false;
         if (error.code() == kTimeout && !isShared(path_)) disconnect();  // gives the attempt up
         requirePresent();

@@ -7,6 +7,7 @@
 
 #include "platform/bluetooth/bluez/advice.h"
 #include "platform/bluetooth/bluez/error.h"
+#include "platform/clock.h"
 
 namespace bluez {
 
@@ -15,6 +16,7 @@ namespace {
 using platform::PlatformError;
 
 constexpr std::chrono::seconds kSwitchTime{5};
+constexpr std::chrono::milliseconds kSwitchPoll{100};
 
 // Searches by bus and adapter. The lock is held while bluetoothd is asked, so that a start and a stop cannot
 // overtake each other; nothing that bluetoothd's answer needs takes it.
@@ -28,15 +30,23 @@ Searches& searches() {
     return instance;
 }
 
-void start(Bus& bus, const std::string& adapter) {
+// bluetoothd ends a search with its adapter's power, whoever still uses it; so each user asks for it.
+void start(Bus& bus, const std::string& adapter, bool mayRun) {
     // Duplicates: a peripheral that is there is heard again and again, not only when something changes.
     const std::map<std::string, sdbus::Variant> filter{{"Transport", std::string("le")},
                                                        {"DuplicateData", true}};
-    bus.call({adapter, kAdapter, "SetDiscoveryFilter", kSwitchTime}, filter);
-    try {
-        bus.call({adapter, kAdapter, "StartDiscovery", kSwitchTime});
-    } catch (const PlatformError& error) {
-        if (error.code() != kInProgress) throw;
+    const auto deadline = std::chrono::steady_clock::now() + kSwitchTime;
+    for (;; platform::sleepFor(kSwitchPoll)) {
+        try {
+            bus.call({adapter, kAdapter, "SetDiscoveryFilter", kSwitchTime}, filter);
+            bus.call({adapter, kAdapter, "StartDiscovery", kSwitchTime});
+            return;
+        } catch (const PlatformError& error) {
+            // It runs, or some program's is just being started or stopped.
+            if (error.code() != kInProgress) throw;
+            if (mayRun) return;
+            if (std::chrono::steady_clock::now() > deadline) throw;
+        }
     }
 }
 
@@ -60,8 +70,7 @@ Discovery::Discovery(std::shared_ptr<Bus> bus) : bus_(std::move(bus)) {
     const std::lock_guard lock(searches().mutex);
     int& users = searches().users[{bus_.get(), *adapter}];
     try {
-        // bluetoothd ends a search with its adapter's power, whoever still uses it.
-        if (users == 0 || !bus_->objects().isTrue(*adapter, kAdapter, "Discovering")) start(*bus_, *adapter);
+        start(*bus_, *adapter, users > 0);
     } catch (const PlatformError& error) {
         if (error.code() == platform::kECancelled) throw;
         LOG_S(WARNING) << "[WARNING] Bluetooth: the search did not start: " << error.what();

@@ -23,8 +23,7 @@ class StatusWatch {
   public:
     StatusWatch(const Connection& connection, const std::string& servicePath,
                 platform::GattSession::StatusChangedHandler handler)
-        : active_(connection.connected()),
-          delivery_(std::move(handler)),
+        : delivery_(std::move(handler)),
           changes_(connection.bus().onChange(
               [this, path = connection.devicePath(), servicePath](const Change& change) {
                   const bool removed = change.kind == Change::Kind::removed;
@@ -34,8 +33,10 @@ class StatusWatch {
                   if (removed) return tell(false);
                   if (const bool* const connected = change.get<bool>("Connected")) tell(*connected);
               })) {
-        // A link that went before anybody listened.
-        if (!connection.connected()) tell(false);
+        // One that has ended before anybody listened.
+        const bool there = connection.bus().objects().read(
+            [&](const ObjectTree& tree) { return tree.has(servicePath, kGattService); });
+        if (!there || !connection.connected()) tell(false);
     }
 
   private:
@@ -47,7 +48,7 @@ class StatusWatch {
     }
 
     std::mutex mutex_;
-    bool active_;  // guarded by mutex_
+    bool active_ = true;  // guarded by mutex_
     Delivery<GattSessionStatus> delivery_;
     Subscription changes_;
 };

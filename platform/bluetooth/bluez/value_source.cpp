@@ -18,7 +18,7 @@ using platform::PlatformError;
 constexpr std::size_t kLongestValue = 512;  // of any attribute (Bluetooth Core, vol 3, F 3.2.9)
 // BlueZ 5.66 answers at once, or never where the peripheral refuses (src/gatt-client.c,
 // register_notify_io_cb).
-constexpr std::chrono::seconds kAcquireTime{5};
+constexpr std::chrono::seconds kAcquireTime{10};
 constexpr const char* kAcquired = "NotifyAcquired";
 
 // One packet is one value. bluetoothd fills the socket, this thread empties it, and nothing is between them:
@@ -111,8 +111,8 @@ std::unique_ptr<ValueSource> subscribe(const std::shared_ptr<Connection>& connec
         try {
             return std::make_unique<DescriptorSource>(acquireNotify(*connection, path), std::move(handler));
         } catch (const PlatformError& error) {
-            // Somebody on this machine has it, or has the notifications, which signals can share. Where the
-            // peripheral refused, the other way tells why.
+            // Somebody on this machine has it, or has the notifications, which signals can share. Where there
+            // was no answer, the other way has one.
             const bool otherWay =
                 error.code() == kAccessDenied || error.code() == kInProgress || error.code() == kTimeout;
             if (!otherWay) throw;
