@@ -2,8 +2,9 @@
 //
 // Threads: calls from any thread; objects are shared by reference and alive as long as somebody holds them.
 // Callbacks run on threads of the backend; those of one registration never overlap and keep the order of the
-// air. A callback may call anything here and may block, which holds back its own registration only. It must
-// not throw. Errors: a call may throw PlatformError; a null operation means that the platform gave none.
+// air. A callback may call anything here but write the descriptor of its own characteristic, and may block,
+// which holds back its own registration only. It must not throw. Errors: a call may throw PlatformError; a
+// null operation means that the platform gave none.
 #pragma once
 
 #include <cstdint>

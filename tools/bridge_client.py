@@ -1,4 +1,4 @@
-"""What the scripts beside it share: the simulated program as a child, its pipes, and waiting with a deadline."""
+"""What scripts that drive the program share: the program as a child, its pipes, and waiting with a deadline."""
 import os
 import socket
 import subprocess
@@ -33,9 +33,9 @@ def open_pipe(path):
 
 
 class Program:
-    """The simulated program with pipes, log and standard error in a folder of its own."""
+    """The program with pipes, log and standard error in a folder of its own."""
 
-    def __init__(self, executable, folder, scenario=None):
+    def __init__(self, executable, folder, scenario=None, **options):
         self.command, self.data = folder / "command", folder / "data"
         self.log, self.errors = folder / "log", folder / "errors"
         world = {key: value for key, value in os.environ.items() if key != "ZIQBLE_SCENARIO"}
@@ -43,7 +43,7 @@ class Program:
             world["ZIQBLE_SCENARIO"] = str(scenario)
         with self.log.open("w") as out, self.errors.open("w") as err:
             self.process = subprocess.Popen([executable, "--cmdPipe", self.command, "--datPipe", self.data],
-                                            stdin=subprocess.DEVNULL, stdout=out, stderr=err, env=world)
+                                            stdin=subprocess.DEVNULL, stdout=out, stderr=err, env=world, **options)
 
     def running(self):
         return self.process.poll() is None

@@ -1,6 +1,7 @@
 # Sourced by the scripts beside it. Needs bash and coreutils only: a bare machine has no more at first.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+PATH=$PATH:/usr/sbin:/sbin # where Debian has mke2fs, for users too
 
 die() {
     printf 'error: %s\n' "$*" >&2

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/async.h"
-#include "platform/bluetooth/sim/operation.h"
+#include "platform/bluetooth/operation.h"
 #include "tests/winrt_provider/object.h"
 
 namespace provider {
@@ -63,7 +63,8 @@ class AsyncOperation final
         return guarded([&] { *out = operation_->errorCode(); });
     }
     HRESULT Cancel() override {
-        if (const auto pending = std::dynamic_pointer_cast<sim::Cancelable>(operation_)) pending->cancel();
+        if (const auto pending = std::dynamic_pointer_cast<bluetooth::Cancelable>(operation_))
+            pending->cancel();
         return S_OK;
     }
     HRESULT Close() override { return S_OK; }

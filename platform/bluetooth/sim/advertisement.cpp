@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/bluetooth/sim/callback_list.h"
+#include "platform/bluetooth/callback_list.h"
 #include "platform/bluetooth/sim/world.h"
 
 namespace sim {
@@ -12,7 +12,7 @@ namespace sim {
 namespace {
 
 using platform::AdvertisementReceivedEventArgs;
-using Listeners = CallbackList<const AdvertisementReceivedEventArgs*>;
+using Listeners = bluetooth::CallbackList<const AdvertisementReceivedEventArgs*>;
 
 // One scan, from start to stop.
 class Scan final : public ServiceThread {

@@ -12,10 +12,14 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/bluetooth/sim/operation.h"
+#include "platform/bluetooth/operation.h"
 #include "platform/bluetooth/sim/service_thread.h"
 
 namespace sim {
+
+using bluetooth::Cancelable;
+using bluetooth::completed;
+using bluetooth::Operation;
 
 class Timeline;
 

@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "platform/bluetooth/sim/callback_list.h"
+#include "platform/bluetooth/callback_list.h"
 #include "platform/bluetooth/sim/faulty.h"
 #include "platform/bluetooth/sim/world.h"
 
@@ -13,7 +13,7 @@ namespace {
 
 using platform::DevicePairingResultStatus;
 using Outcome = std::optional<DevicePairingResultStatus>;
-using RequestListeners = CallbackList<platform::DevicePairingRequestedEventArgs&>;
+using RequestListeners = bluetooth::CallbackList<platform::DevicePairingRequestedEventArgs&>;
 
 constexpr auto kConnectionRejected = static_cast<DevicePairingResultStatus>(4);
 

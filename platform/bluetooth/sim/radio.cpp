@@ -3,7 +3,7 @@
 #include <atomic>
 #include <utility>
 
-#include "platform/bluetooth/sim/operation.h"
+#include "platform/bluetooth/operation.h"
 #include "platform/bluetooth/sim/world.h"
 
 namespace sim {

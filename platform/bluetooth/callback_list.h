@@ -1,4 +1,4 @@
-// Registrations that one thread serves in turn.
+// Registrations that are served in turn.
 #pragma once
 
 #include <functional>
@@ -9,7 +9,7 @@
 
 #include "platform/subscription.h"
 
-namespace sim {
+namespace bluetooth {
 
 // Threads: any.
 template <class Argument>
@@ -38,15 +38,19 @@ class CallbackList {
 
     void add(std::shared_ptr<Entry> entry) {
         const std::lock_guard lock(mutex_);
-        entries_.push_back(std::move(entry));
+        auto entries = *entries_;
+        entries.push_back(std::move(entry));
+        entries_ = std::make_shared<const Entries>(std::move(entries));
     }
     void remove(const std::shared_ptr<Entry>& entry) {
         const std::lock_guard lock(mutex_);
-        std::erase(entries_, entry);
+        auto entries = *entries_;
+        std::erase(entries, entry);
+        entries_ = std::make_shared<const Entries>(std::move(entries));
     }
     bool empty() const {
         const std::lock_guard lock(mutex_);
-        return entries_.empty();
+        return entries_->empty();
     }
 
     // Calls them in the order of their registration, and passes on what they throw.
@@ -54,13 +58,16 @@ class CallbackList {
         std::unique_lock lock(mutex_);
         const auto entries = entries_;
         lock.unlock();
-        for (const auto& entry : entries)
+        for (const auto& entry : *entries)
             entry->call(argument);
     }
 
   private:
+    using Entries = std::vector<std::shared_ptr<Entry>>;
+
     mutable std::mutex mutex_;
-    std::vector<std::shared_ptr<Entry>> entries_;
+    std::shared_ptr<const Entries> entries_ =
+        std::make_shared<Entries>();  // replaced, so that a call copies none
 };
 
 template <class Argument, class Handler>
@@ -73,4 +80,4 @@ platform::Subscription addCallback(const std::shared_ptr<CallbackList<Argument>>
     });
 }
 
-}  // namespace sim
+}  // namespace bluetooth

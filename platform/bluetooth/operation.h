@@ -1,4 +1,4 @@
-// Asynchronous operations of the simulated world.
+// Asynchronous operations of the Bluetooth sides.
 //
 // Threads: any. The first of complete(), fail() and cancel() decides how an operation ends, later ones do
 // nothing.
@@ -15,7 +15,7 @@
 #include "platform/pairing.h"
 #include "platform/radio.h"
 
-namespace sim {
+namespace bluetooth {
 
 // E_ILLEGAL_METHOD_CALL: a result that is not there yet.
 inline constexpr platform::HResult kIllegalMethodCall = platform::hresult(0x8000000E);
@@ -63,9 +63,10 @@ class Operation final : public platform::AsyncOperation<Result>, public Cancelab
         result_ = std::move(result);
         status_.store(Status::completed, std::memory_order_release);
     }
-    void fail(platform::HResult code) noexcept {
+    void fail(platform::HResult code) { fail(platform::PlatformError(code)); }
+    void fail(const platform::PlatformError& error) {
         if (ended_.exchange(true)) return;
-        errorCode_ = code;
+        error_ = error;
         status_.store(Status::error, std::memory_order_release);
     }
     void cancel() noexcept override {
@@ -74,14 +75,14 @@ class Operation final : public platform::AsyncOperation<Result>, public Cancelab
     }
 
     Status status() const override { return status_.load(std::memory_order_acquire); }
-    platform::HResult errorCode() const override { return status() == Status::error ? errorCode_ : 0; }
+    platform::HResult errorCode() const override { return status() == Status::error ? error_->code() : 0; }
     std::string typeName() const override {
         return std::string("IAsyncOperation<") + kResultName<Result> + ">";
     }
 
     Result getResults() override {
         const Status now = status();
-        if (now == Status::error) throw platform::PlatformError(errorCode_);
+        if (now == Status::error) throw platform::PlatformError(*error_);
         if (now == Status::canceled) throw platform::PlatformError(platform::kECancelled);
         if (now == Status::started) throw platform::PlatformError(kIllegalMethodCall);
         return result_;
@@ -89,7 +90,7 @@ class Operation final : public platform::AsyncOperation<Result>, public Cancelab
 
   private:
     Result result_{};
-    platform::HResult errorCode_ = 0;
+    std::optional<platform::PlatformError> error_;
     std::atomic<bool> ended_ = false;
     std::atomic<Status> status_ = Status::started;  // written last: what it announces is there
 };
@@ -99,4 +100,4 @@ platform::AsyncOperationPtr<Result> completed(Result result) {
     return std::make_shared<Operation<Result>>(std::move(result));
 }
 
-}  // namespace sim
+}  // namespace bluetooth

@@ -1,0 +1,100 @@
+"""Measures the program over a real Bluetooth stack beside a bare bleak loop, in the lab: lab_bench.py PROGRAM SIM-PROGRAM
+Prints a table in Markdown: medians, and the ratios of single rounds. The simulated program tells what a connect takes without a radio: its fixed sleeps."""
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+from statistics import median
+
+ROOT = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / "tests/lab"))
+import lab  # noqa: E402
+from lab import ADDRESS, Bridge, Peripheral, Transfer, check, wait_until  # noqa: E402
+
+BYTES = 500_000
+ROUNDS = 3
+SIM_ADDRESS = "00:1A:7D:DA:71:13"
+TICKS = os.sysconf("SC_CLK_TCK")
+
+
+def cpu_seconds(process):
+    fields = Path(f"/proc/{process.pid}/stat").read_text().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / TICKS
+
+
+def bleak(peripheral, way):
+    peripheral.configure(serial="sink" if way == "out" else f"source:{BYTES}")
+    loop = subprocess.run([sys.executable, ROOT / "bench/lab_bleak.py", way, ADDRESS, str(BYTES)], check=True,
+                          stdout=subprocess.PIPE, text=True)
+    result = json.loads(loop.stdout)
+    return result["bytes"] / result["seconds"] / 1000, result["cpu"] / result["bytes"] * 1e6
+
+
+def bridge(peripheral, way, executable, folder):
+    peripheral.configure(serial="sink")
+    one = Bridge(executable, folder)
+    try:
+        data = one.connect()
+        arrived = peripheral.counters()["bytes_in"]
+        data.sendall(b"here")  # what comes before the data pipe is served is dropped
+        wait_until(lambda: peripheral.counters()["bytes_in"] == arrived + 4, lab.DEADLINE, "the first bytes' arrival")
+        start, cpu = time.monotonic(), cpu_seconds(one.program.process)
+        if way == "out":
+            data.sendall(os.urandom(BYTES))
+            wait_until(lambda: peripheral.counters()["bytes_in"] == arrived + 4 + BYTES, 120, "every byte's arrival")
+        else:
+            peripheral.do(f"set serial source:{BYTES}")
+            received = Transfer(data, b"", BYTES).wait(120)
+            check(received == bytes((i + i // 251) & 0xFF for i in range(BYTES)), "the source's bytes differ")
+        seconds, cpu = time.monotonic() - start, cpu_seconds(one.program.process) - cpu
+        one.disconnect(data)
+        one.exit()
+        return BYTES / seconds / 1000, cpu / BYTES * 1e6
+    finally:
+        one.program.stop()
+
+
+def connect_seconds(executable, folder, address):
+    one = Bridge(executable, folder)
+    try:
+        start = time.monotonic()
+        one.ask(f"connect {address}", "OK", "CONNECT TIO")
+        seconds = time.monotonic() - start
+        one.ask("disconnect", "OK")
+        one.exit()
+        return seconds
+    finally:
+        one.program.stop()
+
+
+def main(program, sim):
+    lab.wait_for_adapters()
+    peripheral = Peripheral()
+    rows = []
+    with tempfile.TemporaryDirectory(prefix="ziqble-lab-") as temporary:
+        Path(temporary).chmod(0o755)
+
+        def folder():
+            return Path(tempfile.mkdtemp(dir=temporary))
+
+        for way in ("out", "in"):
+            # In turns, so that what else happens on the machine meets both.
+            runs = [(bridge(peripheral, way, program, folder()), bleak(peripheral, way)) for _ in range(ROUNDS)]
+            for index, measure in enumerate(("kB/s", "CPU seconds per MB")):
+                ours, theirs, ratios = zip(*((a[index], b[index], a[index] / b[index]) for a, b in runs))
+                rows.append(f"| {way}, {measure} | {median(ours):.2f} | {median(theirs):.2f} | {median(ratios):.2f} "
+                            f"({min(ratios):.2f} to {max(ratios):.2f}) |")
+        peripheral.configure()
+        sleeps = connect_seconds(sim, folder(), SIM_ADDRESS)
+        whole = connect_seconds(program, folder(), ADDRESS)
+        violations = peripheral.counters()["violations"]
+    peripheral.close()
+    check(not violations, f"{violations} violations of the flow control")
+    print("| measure | ZIQBLEConnect | bleak loop | ratio |\n| --- | --: | --: | --: |\n" + "\n".join(rows))
+    print(f"\nFrom \"connect\" to \"CONNECT TIO\": {whole:.2f} s, {sleeps:.2f} s of it fixed sleeps, {whole - sleeps:.2f} s the rest.")
+
+
+main(*(Path(name).resolve() for name in sys.argv[1:]))

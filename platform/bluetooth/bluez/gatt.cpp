@@ -1,0 +1,124 @@
+#include "platform/bluetooth/bluez/gatt.h"
+
+#include <mutex>
+
+#include "platform/bluetooth/bluez/delivery.h"
+#include "platform/bluetooth/bluez/error.h"
+
+namespace bluez {
+
+namespace {
+
+using platform::AsyncOperationPtr;
+using platform::GattCharacteristicsResult;
+using platform::GattCommunicationStatus;
+using platform::GattSessionStatus;
+using platform::Guid;
+using platform::PlatformError;
+using platform::Subscription;
+
+// Tells a handler each change of the connection's state, once. A service that its peripheral withdraws, as
+// one does that starts anew behind a link that stays, ends the session like a lost link.
+class StatusWatch {
+  public:
+    StatusWatch(const Connection& connection, const std::string& servicePath,
+                platform::GattSession::StatusChangedHandler handler)
+        : delivery_(std::move(handler)),
+          changes_(connection.bus().onChange(
+              [this, path = connection.devicePath(), servicePath](const Change& change) {
+                  const bool removed = change.kind == Change::Kind::removed;
+                  if (removed && change.path == servicePath && change.interface == kGattService)
+                      return tell(false);
+                  if (change.path != path || change.interface != kDevice) return;
+                  if (removed) return tell(false);
+                  if (const bool* const connected = change.get<bool>("Connected")) tell(*connected);
+              })) {
+        // One that has ended before anybody listened.
+        const bool there = connection.bus().objects().read(
+            [&](const ObjectTree& tree) { return tree.has(servicePath, kGattService); });
+        if (!there || !connection.connected()) tell(false);
+    }
+
+  private:
+    void tell(bool active) {
+        const std::lock_guard lock(mutex_);
+        if (active_ == active) return;
+        active_ = active;
+        delivery_.post(active ? GattSessionStatus::active : GattSessionStatus::closed);
+    }
+
+    std::mutex mutex_;
+    bool active_ = true;  // guarded by mutex_
+    Delivery<GattSessionStatus> delivery_;
+    Subscription changes_;
+};
+
+class Session final : public platform::GattSession {
+  public:
+    Session(std::shared_ptr<Connection> connection, std::string servicePath)
+        : connection_(std::move(connection)), servicePath_(std::move(servicePath)) {}
+
+    Subscription onSessionStatusChanged(StatusChangedHandler handler) override {
+        auto watch = std::make_shared<StatusWatch>(*connection_, servicePath_, std::move(handler));
+        return Subscription([watch = std::move(watch)]() mutable { watch.reset(); });
+    }
+
+  private:
+    const std::shared_ptr<Connection> connection_;
+    const std::string servicePath_;
+};
+
+class Service final : public platform::GattDeviceService {
+  public:
+    Service(std::shared_ptr<Connection> connection, std::string path, const Guid& uuid)
+        : connection_(std::move(connection)), path_(std::move(path)), uuid_(uuid) {}
+
+    Guid uuid() const override { return uuid_; }
+
+    AsyncOperationPtr<GattCharacteristicsResult> getCharacteristicsForUuidAsync(const Guid& uuid) override {
+        return run([&]() -> GattCharacteristicsResult {
+            if (connection_->gone()) throw PlatformError(platform::kRoEClosed);
+            if (!connection_->connected()) return {GattCommunicationStatus::unreachable, {}};
+            return {GattCommunicationStatus::success, getCharacteristics(uuid)};
+        });
+    }
+
+    std::vector<std::shared_ptr<platform::GattCharacteristic>> getCharacteristics(const Guid& uuid) override {
+        std::vector<std::shared_ptr<platform::GattCharacteristic>> found;
+        connection_->bus().objects().read([&](const ObjectTree& tree) {
+            for (const auto& path : tree.children(kGattCharacteristic, "Service", path_)) {
+                const auto text = tree.get<std::string>(path, kGattCharacteristic, "UUID").value_or("");
+                if (platform::parseGuid(text) == uuid)
+                    found.push_back(makeCharacteristic(connection_, path, uuid));
+            }
+        });
+        return found;
+    }
+
+    std::shared_ptr<platform::GattSession> session() override {
+        return std::make_shared<Session>(connection_, path_);
+    }
+
+  private:
+    const std::shared_ptr<Connection> connection_;
+    const std::string path_;
+    const Guid uuid_;
+};
+
+}  // namespace
+
+std::vector<std::shared_ptr<platform::GattDeviceService>> knownServices(
+    const std::shared_ptr<Connection>& connection) {
+    std::vector<std::shared_ptr<platform::GattDeviceService>> services;
+    if (connection->gone()) return services;
+    connection->bus().objects().read([&](const ObjectTree& tree) {
+        for (const auto& path : tree.children(kGattService, "Device", connection->devicePath())) {
+            const auto uuid =
+                platform::parseGuid(tree.get<std::string>(path, kGattService, "UUID").value_or(""));
+            if (uuid) services.push_back(std::make_shared<Service>(connection, path, *uuid));
+        }
+    });
+    return services;
+}
+
+}  // namespace bluez

@@ -1,0 +1,71 @@
+"""Advertises the TIO service on BlueZ, as long as no host is connected."""
+import sys
+
+import dbus
+import dbus.service
+from gi.repository import GLib
+
+INTERFACE, MANAGER = "org.bluez.LEAdvertisement1", "org.bluez.LEAdvertisingManager1"
+# The virtual controllers are heard once, whenever advertising starts: two advertisements, the same in both, that take turns
+# each second are heard for as long as somebody listens.
+PATHS = "/tio_advertisement0", "/tio_advertisement1"
+# Between two links. A host that is taken back at once may find its own kernel still clearing the old link away, and then
+# waits for ever; radio is not that fast.
+PAUSE_MS = 1000
+
+
+class Advertisement(dbus.service.Object):
+    name = ""
+
+    @dbus.service.method(dbus.PROPERTIES_IFACE, in_signature="s", out_signature="a{sv}")
+    def GetAll(self, _interface):
+        # Without an appearance a nameless peripheral would send no scan response, and the virtual controller the last one.
+        return {"Type": "peripheral", "ServiceUUIDs": dbus.Array(["fefb"], signature="s"), "Discoverable": True,
+                "Duration": dbus.UInt16(1), "Appearance": dbus.UInt16(0x80)} | ({"LocalName": self.name} if self.name else {})
+
+    @dbus.service.method(INTERFACE)
+    def Release(self):
+        pass
+
+
+class Advertiser:
+    def __init__(self, bus, adapter):
+        self.manager = dbus.Interface(adapter, MANAGER)
+        self.advertisements = [Advertisement(bus, path) for path in PATHS]
+        self.visible = self.connected = self.on_air = False
+
+    def show(self, name, done):
+        for one in self.advertisements:
+            one.name = name
+        self.visible = True
+        self.update(done)
+
+    def hide(self):
+        self.visible = False
+        self.update()
+
+    def heed(self, connected):
+        self.connected = connected
+        GLib.timeout_add(0 if connected else PAUSE_MS, self.update)
+
+    def update(self, done=lambda: None):
+        wanted = self.visible and not self.connected
+        if wanted and not self.on_air:
+            self.register(done)
+        elif self.on_air and not wanted:
+            self.unregister()
+        self.on_air = wanted
+        return False
+
+    def register(self, done):
+        for path in PATHS:
+            self.manager.RegisterAdvertisement(dbus.ObjectPath(path), dbus.Dictionary(signature="sv"),
+                                               reply_handler=done if path == PATHS[-1] else lambda: None,
+                                               error_handler=lambda error: sys.exit(f"RegisterAdvertisement: {error}"))
+
+    def unregister(self):
+        for path in PATHS:
+            try:
+                self.manager.UnregisterAdvertisement(dbus.ObjectPath(path))
+            except dbus.DBusException:
+                pass  # it went with its adapter
