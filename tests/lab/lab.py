@@ -24,8 +24,8 @@ BLUETOOTHD, BTVIRT = ["/usr/libexec/bluetooth/bluetoothd", "-n", "-E"], ["btvirt
 ONE_ADAPTER = ["btvirt", "-L", "-l1"]
 USER = "tester"
 TROUBLES = "STATUS CLOSED", "TIO DROP", "ERROR EXP"
-DEADLINE = 30
-ANSWER_DEADLINE = 90  # a link that does not come up resets all radios, one after the other
+DEADLINE = 60
+ANSWER_DEADLINE = 180  # a link that does not come up resets all radios, one after the other
 
 
 def proxy(path, interface):
