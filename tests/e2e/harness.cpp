@@ -3,11 +3,13 @@
 #include <fstream>
 #include <sstream>
 #include <system_error>
-#include <thread>
+
+#include "tests/eventually.h"
 
 namespace e2e {
 
 namespace fs = std::filesystem;
+using test::eventually;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -18,16 +20,6 @@ std::string readText(const fs::path& path) {
     std::ostringstream text;
     text << file.rdbuf();
     return text.str();
-}
-
-// Polls the condition until it holds; false at the deadline.
-template <class Condition>
-bool eventually(Condition condition) {
-    for (const auto end = Clock::now() + kDeadline; Clock::now() < end;) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(2ms);
-    }
-    return condition();
 }
 
 }  // namespace

@@ -105,7 +105,6 @@ class Peripheral:
         check(self.process.stdout.readline() == "ready\n", "the peripheral did not start")
         if "--no-service" not in options:
             self.prime()
-        self.violations = 0
 
     def ask(self, line):
         self.process.stdin.write(line + "\n")

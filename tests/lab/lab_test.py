@@ -19,13 +19,9 @@ class Tests:
     def __init__(self, executable, folder):
         self.executable, self.folder = executable, folder
         self.peripheral = None
-        self.runs = 0
 
     def fresh_folder(self):
-        self.runs += 1
-        folder = self.folder / str(self.runs)
-        folder.mkdir()
-        return folder
+        return Path(tempfile.mkdtemp(dir=self.folder))
 
     @contextlib.contextmanager
     def bridge(self):

@@ -4,10 +4,8 @@
 
 #include <chrono>
 #include <fstream>
-#include <functional>
 #include <thread>
 
-#include "fake_bluez.h"
 #include "log_capture.h"
 #include "platform/adapter.h"
 #include "platform/advertisement.h"
@@ -17,6 +15,8 @@
 #include "platform/gatt.h"
 #include "platform/radio.h"
 #include "platform/runtime.h"
+#include "tests/eventually.h"
+#include "tests/fake_bluetoothd/fake_bluez.h"
 
 namespace {
 
@@ -24,19 +24,11 @@ using namespace std::chrono_literals;
 using platform::AsyncStatus;
 using platform::GattCommunicationStatus;
 using platform::GattWriteOption;
+using test::eventually;
 using Descriptor = platform::GattClientCharacteristicConfigurationDescriptorValue;
 using Bytes = std::vector<std::uint8_t>;
 
 const auto kService = platform::bluetoothUuid(0xFEFB);
-
-bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
-}
 
 class Bluez : public testing::Test {
   protected:

@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/eventually.h"
 #include "tests/unit/link_fixture.h"
 #include "tests/unit/sleep_recorder.h"
 
@@ -13,6 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using blescanner::parseBleAddress;
+using test::eventually;
 
 TEST(BleAddress, TakesWhatTheScanFormatTakesAndNothingElse) {
     EXPECT_EQ(parseBleAddress(L"00:1A:7d:DA:71:13"), 0x001A7DDA7113U);
@@ -28,16 +30,6 @@ TEST(BleAddress, TakesWhatTheScanFormatTakesAndNothingElse) {
         }
     }
     EXPECT_THROW(parseBleAddress(std::wstring(L"0:1:2:3:4:5\0", 12)), std::runtime_error);
-}
-
-// Polls until the condition holds.
-template <class Condition>
-bool eventually(Condition condition) {
-    for (const auto end = std::chrono::steady_clock::now() + e2e::kDeadline; !condition();) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
 }
 
 TEST(Link, GoesThroughItsStepsInOrder) {

@@ -12,26 +12,20 @@
 #include "platform/bluetooth/sim/world.h"
 #include "platform/gatt.h"
 #include "platform/radio.h"
+#include "tests/eventually.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using enum sim::CharacteristicKind;
 using platform::AsyncStatus;
+using test::eventually;
 using Bytes = std::vector<std::uint8_t>;
 using Status = platform::GattCommunicationStatus;
 
 constexpr auto kSuccess = Status::success;
 constexpr auto kRefused = Status::protocolError;
 constexpr auto kUnreachable = Status::unreachable;
-
-template <class Condition>
-bool eventually(Condition condition) {
-    const auto end = std::chrono::steady_clock::now() + 20s;
-    while (!condition() && std::chrono::steady_clock::now() < end)
-        std::this_thread::yield();
-    return condition();
-}
 
 template <class Operation>
 auto await(const Operation& operation) {

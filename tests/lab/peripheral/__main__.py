@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """A TIO peripheral on BlueZ's GATT server. Commands arrive on standard input, a line each, and are answered with a line:
-counters; set NAME VALUE (tx_mtu, credits, regrant_at or serial); acquired (the descriptors for
-writes?); drop (the link); vanish (drop, and advertise no more); appear [NAME]."""
+counters; set NAME VALUE (tx_mtu, credits, regrant_at or serial); acquired (whether bluetoothd has the descriptors for
+writes); drop (the link); vanish (drop, and advertise no more); appear [NAME]."""
 import argparse
 import dataclasses
 import json
