@@ -25,7 +25,7 @@
 #include <thread>
 #include <vector>
 
-#include "bench/pipe.h"
+#include "pipe.h"
 
 namespace {
 

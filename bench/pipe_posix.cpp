@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "bench/pipe.h"
+#include "pipe.h"
 
 using namespace std::chrono_literals;
 

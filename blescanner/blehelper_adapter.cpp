@@ -1,7 +1,7 @@
 #include <array>
 #include <loguru.hpp>
 
-#include "blescanner/blehelper.h"
+#include "blehelper.h"
 #include "platform/text.h"
 
 namespace blescanner {

@@ -1,6 +1,6 @@
 #include <loguru.hpp>
 
-#include "blescanner/blehelper.h"
+#include "blehelper.h"
 
 namespace blescanner {
 

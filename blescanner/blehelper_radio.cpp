@@ -2,12 +2,12 @@
 #include <functional>
 #include <loguru.hpp>
 
-#include "blescanner/blehelper.h"
-#include "blescanner/bleif_common.h"
-#include "blescanner/btdrivercheck.h"
-#include "blescanner/platform_error_text.h"
+#include "blehelper.h"
+#include "bleif_common.h"
+#include "btdrivercheck.h"
 #include "platform/clock.h"
 #include "platform/text.h"
+#include "platform_error_text.h"
 
 namespace blescanner {
 

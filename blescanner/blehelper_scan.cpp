@@ -3,8 +3,8 @@
 #include <loguru.hpp>
 #include <vector>
 
-#include "blescanner/blehelper.h"
-#include "blescanner/detached_threads.h"
+#include "blehelper.h"
+#include "detached_threads.h"
 #include "platform/clock.h"
 
 namespace blescanner {

@@ -1,4 +1,4 @@
-#include "blescanner/bleif_common.h"
+#include "bleif_common.h"
 
 #include <algorithm>
 #include <array>
@@ -7,9 +7,9 @@
 #include <span>
 #include <string>
 
-#include "blescanner/cmdpipe.h"
-#include "blescanner/platform_error_text.h"
+#include "cmdpipe.h"
 #include "platform/clock.h"
+#include "platform_error_text.h"
 
 namespace blescanner {
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "blescanner/lecomm.h"
+#include "lecomm.h"
 #include "platform/async.h"
 #include "platform/gatt.h"
 

@@ -1,4 +1,4 @@
-#include "blescanner/bleif_impl.h"
+#include "bleif_impl.h"
 
 #include <chrono>
 #include <loguru.hpp>

@@ -1,7 +1,7 @@
 // The way to the peripheral on systems with the newer GATT calls.
 #pragma once
 
-#include "blescanner/bleif_common.h"
+#include "bleif_common.h"
 
 namespace blescanner {
 

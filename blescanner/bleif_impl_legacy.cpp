@@ -1,11 +1,11 @@
-#include "blescanner/bleif_impl_legacy.h"
+#include "bleif_impl_legacy.h"
 
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <loguru.hpp>
 
-#include "blescanner/blehelper.h"
+#include "blehelper.h"
 #include "platform/clock.h"
 #include "platform/text.h"
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "blescanner/bleif_common.h"
+#include "bleif_common.h"
 #include "platform/pairing.h"
 
 namespace blescanner {

@@ -1,4 +1,4 @@
-#include "blescanner/blescanner.h"
+#include "blescanner.h"
 
 #include <chrono>
 #include <cstdio>
@@ -7,13 +7,13 @@
 #include <loguru.hpp>
 #include <thread>
 
-#include "blescanner/blehelper.h"
-#include "blescanner/cmdpipe.h"
-#include "blescanner/lecomm.h"
-#include "blescanner/platform_error_text.h"
+#include "blehelper.h"
+#include "cmdpipe.h"
+#include "lecomm.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
 #include "platform/version.h"
+#include "platform_error_text.h"
 
 namespace blescanner {
 

@@ -1,7 +1,7 @@
 #include <loguru.hpp>
 #include <popl.hpp>
 
-#include "blescanner/blescanner.h"
+#include "blescanner.h"
 #include "platform/text.h"
 
 namespace blescanner {

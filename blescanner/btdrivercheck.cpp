@@ -1,4 +1,4 @@
-#include "blescanner/btdrivercheck.h"
+#include "btdrivercheck.h"
 
 #include <algorithm>
 #include <fstream>

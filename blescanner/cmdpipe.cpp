@@ -1,11 +1,11 @@
-#include "blescanner/cmdpipe.h"
+#include "cmdpipe.h"
 
 #include <array>
 #include <chrono>
 #include <loguru.hpp>
 #include <utility>
 
-#include "blescanner/blescanner.h"
+#include "blescanner.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
 

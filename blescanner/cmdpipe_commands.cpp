@@ -1,17 +1,17 @@
-#include "blescanner/cmdpipe_commands.h"
+#include "cmdpipe_commands.h"
 
 #include <chrono>
 #include <loguru.hpp>
 #include <sstream>
 #include <vector>
 
-#include "blescanner/blehelper.h"
-#include "blescanner/blescanner.h"
-#include "blescanner/lecomm.h"
-#include "blescanner/lescan.h"
-#include "blescanner/reply_text.h"
+#include "blehelper.h"
+#include "blescanner.h"
+#include "lecomm.h"
+#include "lescan.h"
 #include "platform/clock.h"
 #include "platform/text.h"
+#include "reply_text.h"
 
 namespace blescanner {
 

@@ -6,8 +6,8 @@
 #include <span>
 #include <string>
 
-#include "blescanner/cmdpipe.h"
-#include "blescanner/cmdpipe_line.h"
+#include "cmdpipe.h"
+#include "cmdpipe_line.h"
 
 namespace blescanner {
 

@@ -1,4 +1,4 @@
-#include "blescanner/cmdpipe_line.h"
+#include "cmdpipe_line.h"
 
 #include <cctype>
 

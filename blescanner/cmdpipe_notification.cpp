@@ -1,4 +1,4 @@
-#include "blescanner/cmdpipe_notification.h"
+#include "cmdpipe_notification.h"
 
 #include <loguru.hpp>
 #include <utility>

@@ -3,16 +3,16 @@
 #include <loguru.hpp>
 #include <string>
 
-#include "blescanner/blehelper.h"
-#include "blescanner/blescanner.h"
-#include "blescanner/cmdpipe.h"
-#include "blescanner/cmdpipe_commands.h"
-#include "blescanner/cmdpipe_notification.h"
-#include "blescanner/lecomm.h"
-#include "blescanner/platform_error_text.h"
+#include "blehelper.h"
+#include "blescanner.h"
+#include "cmdpipe.h"
+#include "cmdpipe_commands.h"
+#include "cmdpipe_notification.h"
+#include "lecomm.h"
 #include "platform/clock.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
+#include "platform_error_text.h"
 
 namespace blescanner {
 

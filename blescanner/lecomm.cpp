@@ -1,4 +1,4 @@
-#include "blescanner/lecomm.h"
+#include "lecomm.h"
 
 #include <array>
 #include <cstdio>
@@ -7,10 +7,10 @@
 #include <stdexcept>
 #include <utility>
 
-#include "blescanner/cmdpipe.h"
-#include "blescanner/cmdpipe_notification.h"
-#include "blescanner/detached_threads.h"
-#include "blescanner/lescan.h"
+#include "cmdpipe.h"
+#include "cmdpipe_notification.h"
+#include "detached_threads.h"
+#include "lescan.h"
 #include "platform/text.h"
 
 namespace blescanner {

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "blescanner/lecomm_profile.h"
+#include "lecomm_profile.h"
 #include "platform/gatt.h"
 
 namespace blescanner {

@@ -5,10 +5,10 @@
 #include <optional>
 #include <span>
 
-#include "blescanner/bleif_common.h"
-#include "blescanner/blescanner.h"
-#include "blescanner/cmdpipe.h"
-#include "blescanner/lecomm.h"
+#include "bleif_common.h"
+#include "blescanner.h"
+#include "cmdpipe.h"
+#include "lecomm.h"
 #include "platform/clock.h"
 
 namespace blescanner {

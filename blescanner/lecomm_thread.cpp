@@ -5,13 +5,13 @@
 #include <stdexcept>
 #include <string>
 
-#include "blescanner/blehelper.h"
-#include "blescanner/bleif_impl.h"
-#include "blescanner/bleif_impl_legacy.h"
-#include "blescanner/blescanner.h"
-#include "blescanner/lecomm.h"
-#include "blescanner/platform_error_text.h"
+#include "blehelper.h"
+#include "bleif_impl.h"
+#include "bleif_impl_legacy.h"
+#include "blescanner.h"
+#include "lecomm.h"
 #include "platform/clock.h"
+#include "platform_error_text.h"
 
 namespace blescanner {
 

@@ -1,4 +1,4 @@
-#include "blescanner/lescan.h"
+#include "lescan.h"
 
 #include <algorithm>
 #include <chrono>
@@ -7,12 +7,12 @@
 #include <mutex>
 #include <set>
 
-#include "blescanner/blehelper.h"
-#include "blescanner/lecomm.h"
-#include "blescanner/reply_text.h"
+#include "blehelper.h"
+#include "lecomm.h"
 #include "platform/advertisement.h"
 #include "platform/clock.h"
 #include "platform/text.h"
+#include "reply_text.h"
 
 namespace blescanner {
 

@@ -1,4 +1,4 @@
-#include "blescanner/blescanner.h"
+#include "blescanner.h"
 #include "platform/runtime.h"
 
 int main(int argc, char** argv) {

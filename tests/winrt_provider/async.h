@@ -8,8 +8,8 @@
 #include <memory>
 #include <vector>
 
+#include "bluetooth/operation.h"
 #include "platform/async.h"
-#include "platform/bluetooth/operation.h"
 #include "tests/winrt_provider/object.h"
 
 namespace provider {

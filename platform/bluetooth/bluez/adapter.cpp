@@ -1,7 +1,7 @@
 // The adapters as the kernel knows them: bluetoothd tells no version.
 #include "platform/adapter.h"
 
-#include "platform/bluetooth/bluez/management.h"
+#include "management.h"
 #include "platform/text.h"
 
 namespace bluez {

@@ -2,10 +2,10 @@
 
 #include <utility>
 
-#include "platform/bluetooth/bluez/address.h"
-#include "platform/bluetooth/bluez/delivery.h"
-#include "platform/bluetooth/bluez/discovery.h"
-#include "platform/bluetooth/callback_list.h"
+#include "address.h"
+#include "bluetooth/callback_list.h"
+#include "delivery.h"
+#include "discovery.h"
 #include "platform/text.h"
 
 namespace bluez {

@@ -1,4 +1,4 @@
-#include "platform/bluetooth/bluez/advice.h"
+#include "advice.h"
 
 #include <loguru.hpp>
 

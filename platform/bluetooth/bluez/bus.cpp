@@ -1,12 +1,12 @@
-#include "platform/bluetooth/bluez/bus.h"
+#include "bus.h"
 
 #include <algorithm>
 #include <optional>
 
-#include "platform/bluetooth/bluez/advice.h"
-#include "platform/bluetooth/bluez/connection.h"
-#include "platform/bluetooth/bluez/radio.h"
+#include "advice.h"
+#include "connection.h"
 #include "platform/runtime.h"
+#include "radio.h"
 
 namespace bluez {
 

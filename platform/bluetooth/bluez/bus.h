@@ -15,10 +15,10 @@
 #include <utility>
 #include <vector>
 
-#include "platform/bluetooth/bluez/descriptor.h"
-#include "platform/bluetooth/bluez/error.h"
-#include "platform/bluetooth/bluez/objects.h"
-#include "platform/bluetooth/callback_list.h"
+#include "bluetooth/callback_list.h"
+#include "descriptor.h"
+#include "error.h"
+#include "objects.h"
 #include "platform/subscription.h"
 
 namespace bluez {

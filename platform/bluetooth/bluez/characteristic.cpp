@@ -1,11 +1,11 @@
 #include <map>
 #include <mutex>
 
-#include "platform/bluetooth/bluez/error.h"
-#include "platform/bluetooth/bluez/gatt.h"
-#include "platform/bluetooth/bluez/packet_writer.h"
-#include "platform/bluetooth/bluez/value_source.h"
-#include "platform/bluetooth/callback_list.h"
+#include "bluetooth/callback_list.h"
+#include "error.h"
+#include "gatt.h"
+#include "packet_writer.h"
+#include "value_source.h"
 
 namespace bluez {
 

@@ -1,4 +1,4 @@
-#include "platform/bluetooth/bluez/connection.h"
+#include "connection.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -6,7 +6,7 @@
 #include <mutex>
 #include <utility>
 
-#include "platform/bluetooth/bluez/error.h"
+#include "error.h"
 #include "platform/clock.h"
 
 namespace bluez {

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/bluetooth/bluez/bus.h"
+#include "bus.h"
 
 namespace bluez {
 

@@ -5,7 +5,7 @@
 #include <sys/eventfd.h>
 
 #include "platform/error.h"
-#include "platform/host/posix/descriptor.h"
+#include "posix/descriptor.h"
 
 namespace bluez {
 

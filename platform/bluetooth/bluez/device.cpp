@@ -2,10 +2,10 @@
 #include <algorithm>
 #include <loguru.hpp>
 
-#include "platform/bluetooth/bluez/address.h"
-#include "platform/bluetooth/bluez/discovery.h"
-#include "platform/bluetooth/bluez/error.h"
-#include "platform/bluetooth/bluez/gatt.h"
+#include "address.h"
+#include "discovery.h"
+#include "error.h"
+#include "gatt.h"
 
 namespace bluez {
 

@@ -1,12 +1,12 @@
-#include "platform/bluetooth/bluez/discovery.h"
+#include "discovery.h"
 
 #include <loguru.hpp>
 #include <map>
 #include <mutex>
 #include <utility>
 
-#include "platform/bluetooth/bluez/advice.h"
-#include "platform/bluetooth/bluez/error.h"
+#include "advice.h"
+#include "error.h"
 #include "platform/clock.h"
 
 namespace bluez {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/bluetooth/bluez/bus.h"
+#include "bus.h"
 
 namespace bluez {
 

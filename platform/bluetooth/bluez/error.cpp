@@ -1,4 +1,4 @@
-#include "platform/bluetooth/bluez/error.h"
+#include "error.h"
 
 #include <sdbus-c++/Error.h>
 
@@ -6,7 +6,7 @@
 #include <array>
 #include <string_view>
 
-#include "platform/bluetooth/bluez/advice.h"
+#include "advice.h"
 
 namespace bluez {
 

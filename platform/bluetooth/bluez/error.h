@@ -4,8 +4,8 @@
 #include <exception>
 #include <memory>
 
+#include "bluetooth/operation.h"
 #include "platform/async.h"
-#include "platform/bluetooth/operation.h"
 #include "platform/error.h"
 #include "platform/gatt.h"
 

@@ -1,9 +1,9 @@
-#include "platform/bluetooth/bluez/gatt.h"
+#include "gatt.h"
 
 #include <mutex>
 
-#include "platform/bluetooth/bluez/delivery.h"
-#include "platform/bluetooth/bluez/error.h"
+#include "delivery.h"
+#include "error.h"
 
 namespace bluez {
 

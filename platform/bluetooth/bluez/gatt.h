@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/bluetooth/bluez/connection.h"
+#include "connection.h"
 #include "platform/gatt.h"
 
 namespace bluez {

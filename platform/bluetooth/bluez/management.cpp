@@ -1,4 +1,4 @@
-#include "platform/bluetooth/bluez/management.h"
+#include "management.h"
 
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -7,7 +7,7 @@
 #include <array>
 #include <cerrno>
 
-#include "platform/bluetooth/bluez/descriptor.h"
+#include "descriptor.h"
 
 namespace bluez {
 

@@ -1,4 +1,4 @@
-#include "platform/bluetooth/bluez/objects.h"
+#include "objects.h"
 
 namespace bluez {
 

@@ -1,4 +1,4 @@
-#include "platform/bluetooth/bluez/packet_writer.h"
+#include "packet_writer.h"
 
 #include <sys/socket.h>
 
@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <map>
 
-#include "platform/bluetooth/bluez/error.h"
+#include "error.h"
 
 namespace bluez {
 

@@ -7,8 +7,8 @@
 #include <span>
 #include <string>
 
-#include "platform/bluetooth/bluez/connection.h"
-#include "platform/bluetooth/bluez/descriptor.h"
+#include "connection.h"
+#include "descriptor.h"
 
 namespace bluez {
 

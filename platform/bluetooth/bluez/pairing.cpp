@@ -2,8 +2,8 @@
 // that asks for pairing is bluetoothd's and its agent's business.
 #include "platform/pairing.h"
 
-#include "platform/bluetooth/bluez/address.h"
-#include "platform/bluetooth/operation.h"
+#include "address.h"
+#include "bluetooth/operation.h"
 #include "platform/text.h"
 
 namespace platform {

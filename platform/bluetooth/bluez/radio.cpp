@@ -1,12 +1,12 @@
-#include "platform/bluetooth/bluez/radio.h"
+#include "radio.h"
 
 #include <fstream>
 #include <loguru.hpp>
 #include <system_error>
 
-#include "platform/bluetooth/bluez/advice.h"
-#include "platform/bluetooth/bluez/bus.h"
-#include "platform/bluetooth/bluez/error.h"
+#include "advice.h"
+#include "bus.h"
+#include "error.h"
 #include "platform/radio.h"
 #include "platform/text.h"
 

@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <string>
 
-#include "platform/bluetooth/bluez/objects.h"
+#include "objects.h"
 
 namespace bluez {
 

@@ -1,7 +1,7 @@
 #include "platform/runtime.h"
 
-#include "platform/bluetooth/bluez/bus.h"
-#include "platform/bluetooth/bluez/connection.h"
+#include "bus.h"
+#include "connection.h"
 #include "platform/version.h"
 
 namespace platform {

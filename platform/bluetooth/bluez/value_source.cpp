@@ -1,4 +1,4 @@
-#include "platform/bluetooth/bluez/value_source.h"
+#include "value_source.h"
 
 #include <sys/socket.h>
 
@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <map>
 
-#include "platform/bluetooth/bluez/delivery.h"
-#include "platform/bluetooth/bluez/error.h"
+#include "delivery.h"
+#include "error.h"
 
 namespace bluez {
 

@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "platform/bluetooth/sim/world.h"
+#include "world.h"
 
 namespace sim {
 

@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/bluetooth/callback_list.h"
-#include "platform/bluetooth/sim/world.h"
+#include "bluetooth/callback_list.h"
+#include "world.h"
 
 namespace sim {
 

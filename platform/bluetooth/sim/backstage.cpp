@@ -1,4 +1,4 @@
-#include "platform/bluetooth/sim/backstage.h"
+#include "backstage.h"
 
 #include <map>
 #include <utility>

@@ -12,8 +12,8 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/bluetooth/operation.h"
-#include "platform/bluetooth/sim/service_thread.h"
+#include "bluetooth/operation.h"
+#include "service_thread.h"
 
 namespace sim {
 

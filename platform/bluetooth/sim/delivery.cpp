@@ -1,4 +1,4 @@
-#include "platform/bluetooth/sim/delivery.h"
+#include "delivery.h"
 
 namespace sim {
 

@@ -10,9 +10,9 @@
 #include <span>
 #include <vector>
 
-#include "platform/bluetooth/sim/record_ring.h"
-#include "platform/bluetooth/sim/service_thread.h"
 #include "platform/gatt.h"
+#include "record_ring.h"
+#include "service_thread.h"
 
 namespace sim {
 

@@ -3,8 +3,8 @@
 
 #include <utility>
 
-#include "platform/bluetooth/sim/world.h"
 #include "platform/runtime.h"
+#include "world.h"
 
 namespace sim {
 

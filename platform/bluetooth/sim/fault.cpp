@@ -1,4 +1,4 @@
-#include "platform/bluetooth/sim/fault.h"
+#include "fault.h"
 
 #include <charconv>
 #include <system_error>

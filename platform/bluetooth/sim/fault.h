@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/bluetooth/sim/profile.h"
 #include "platform/error.h"
+#include "profile.h"
 
 namespace sim {
 

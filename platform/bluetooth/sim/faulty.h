@@ -4,8 +4,8 @@
 #include <memory>
 #include <optional>
 
-#include "platform/bluetooth/sim/fault.h"
-#include "platform/bluetooth/sim/peripheral.h"
+#include "fault.h"
+#include "peripheral.h"
 #include "platform/gatt.h"
 #include "platform/pairing.h"
 

@@ -1,4 +1,4 @@
-#include "platform/bluetooth/sim/fields.h"
+#include "fields.h"
 
 #include <algorithm>
 

@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/bluetooth/sim/faulty.h"
-#include "platform/bluetooth/sim/link.h"
-#include "platform/bluetooth/sim/peripheral.h"
-#include "platform/bluetooth/sim/world.h"
+#include "faulty.h"
+#include "link.h"
+#include "peripheral.h"
+#include "world.h"
 
 namespace sim {
 

@@ -1,6 +1,6 @@
-#include "platform/bluetooth/sim/link.h"
+#include "link.h"
 
-#include "platform/bluetooth/sim/peripheral.h"
+#include "peripheral.h"
 
 namespace sim {
 

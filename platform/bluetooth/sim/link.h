@@ -7,8 +7,8 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/bluetooth/sim/delivery.h"
-#include "platform/bluetooth/sim/profile.h"
+#include "delivery.h"
+#include "profile.h"
 
 namespace sim {
 

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cstdint>
 
-#include "platform/bluetooth/sim/scenario.h"
+#include "scenario.h"
 
 namespace sim {
 

@@ -3,9 +3,9 @@
 
 #include <utility>
 
-#include "platform/bluetooth/callback_list.h"
-#include "platform/bluetooth/sim/faulty.h"
-#include "platform/bluetooth/sim/world.h"
+#include "bluetooth/callback_list.h"
+#include "faulty.h"
+#include "world.h"
 
 namespace sim {
 

@@ -1,6 +1,6 @@
-#include "platform/bluetooth/sim/peripheral.h"
+#include "peripheral.h"
 
-#include "platform/bluetooth/sim/faulty.h"
+#include "faulty.h"
 
 namespace sim {
 

@@ -13,14 +13,14 @@
 #include <string>
 #include <vector>
 
+#include "backstage.h"
+#include "fault.h"
+#include "link.h"
+#include "pacer.h"
 #include "platform/async.h"
-#include "platform/bluetooth/sim/backstage.h"
-#include "platform/bluetooth/sim/fault.h"
-#include "platform/bluetooth/sim/link.h"
-#include "platform/bluetooth/sim/pacer.h"
-#include "platform/bluetooth/sim/record_ring.h"
-#include "platform/bluetooth/sim/scenario.h"
 #include "platform/gatt.h"
+#include "record_ring.h"
+#include "scenario.h"
 
 namespace sim {
 

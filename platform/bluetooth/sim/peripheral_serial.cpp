@@ -2,7 +2,7 @@
 // lock.
 #include <algorithm>
 
-#include "platform/bluetooth/sim/peripheral.h"
+#include "peripheral.h"
 
 namespace sim {
 

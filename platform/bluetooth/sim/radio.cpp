@@ -1,10 +1,10 @@
-#include "platform/bluetooth/sim/radio.h"
+#include "radio.h"
 
 #include <atomic>
 #include <utility>
 
-#include "platform/bluetooth/operation.h"
-#include "platform/bluetooth/sim/world.h"
+#include "bluetooth/operation.h"
+#include "world.h"
 
 namespace sim {
 

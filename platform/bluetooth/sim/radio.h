@@ -3,8 +3,8 @@
 
 #include <memory>
 
-#include "platform/bluetooth/sim/scenario.h"
 #include "platform/radio.h"
+#include "scenario.h"
 
 namespace sim {
 

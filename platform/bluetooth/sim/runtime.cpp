@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/bluetooth/sim/world.h"
 #include "platform/version.h"
+#include "world.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "platform/bluetooth/sim/scenario.h"
+#include "scenario.h"
 
 #include <algorithm>
 #include <charconv>
@@ -6,7 +6,7 @@
 #include <sstream>
 #include <system_error>
 
-#include "platform/bluetooth/sim/fields.h"
+#include "fields.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
 

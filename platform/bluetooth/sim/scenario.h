@@ -10,12 +10,12 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/bluetooth/sim/fault.h"
-#include "platform/bluetooth/sim/profile.h"
+#include "fault.h"
 #include "platform/driver.h"
 #include "platform/guid.h"
 #include "platform/radio.h"
 #include "platform/version.h"
+#include "profile.h"
 
 namespace sim {
 

@@ -1,4 +1,4 @@
-#include "platform/bluetooth/sim/service_thread.h"
+#include "service_thread.h"
 
 namespace sim {
 

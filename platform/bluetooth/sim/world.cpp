@@ -1,10 +1,10 @@
-#include "platform/bluetooth/sim/world.h"
+#include "world.h"
 
 #include <utility>
 
-#include "platform/bluetooth/sim/radio.h"
 #include "platform/clock.h"
 #include "platform/text.h"
+#include "radio.h"
 
 namespace sim {
 

@@ -11,10 +11,10 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/bluetooth/sim/backstage.h"
-#include "platform/bluetooth/sim/peripheral.h"
-#include "platform/bluetooth/sim/scenario.h"
+#include "backstage.h"
+#include "peripheral.h"
 #include "platform/radio.h"
+#include "scenario.h"
 
 namespace sim {
 

@@ -3,7 +3,7 @@
 #include <activation.h>
 #include <windows.devices.bluetooth.advertisement.h>
 
-#include "platform/bluetooth/windows/event_handler.h"
+#include "event_handler.h"
 
 namespace platform {
 

@@ -1,6 +1,6 @@
 #include <windows.devices.bluetooth.h>
 
-#include "platform/bluetooth/windows/gatt.h"
+#include "gatt.h"
 #include "platform/pairing.h"
 
 namespace platform {

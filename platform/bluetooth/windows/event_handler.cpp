@@ -1,4 +1,4 @@
-#include "platform/bluetooth/windows/event_handler.h"
+#include "event_handler.h"
 
 #include <new>
 

@@ -9,8 +9,8 @@
 #include <mutex>
 #include <utility>
 
-#include "platform/bluetooth/windows/winrt.h"
 #include "platform/subscription.h"
+#include "winrt.h"
 
 namespace platform::winrt {
 

@@ -1,7 +1,7 @@
-#include "platform/bluetooth/windows/gatt.h"
+#include "gatt.h"
 
-#include "platform/bluetooth/windows/event_handler.h"
-#include "platform/bluetooth/windows/streams.h"
+#include "event_handler.h"
+#include "streams.h"
 
 namespace platform::winrt {
 

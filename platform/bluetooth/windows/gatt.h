@@ -7,7 +7,7 @@
 #include <optional>
 #include <vector>
 
-#include "platform/bluetooth/windows/operation.h"
+#include "operation.h"
 #include "platform/gatt.h"
 
 namespace platform::winrt {

@@ -1,4 +1,4 @@
-#include "platform/bluetooth/windows/operation.h"
+#include "operation.h"
 
 #include <atomic>
 

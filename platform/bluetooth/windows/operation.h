@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "platform/async.h"
-#include "platform/bluetooth/windows/winrt.h"
 #include "platform/text.h"
+#include "winrt.h"
 
 namespace platform::winrt {
 

@@ -2,8 +2,8 @@
 
 #include <windows.devices.enumeration.h>
 
-#include "platform/bluetooth/windows/event_handler.h"
-#include "platform/bluetooth/windows/operation.h"
+#include "event_handler.h"
+#include "operation.h"
 
 namespace platform {
 

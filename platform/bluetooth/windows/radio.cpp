@@ -2,7 +2,7 @@
 
 #include <windows.devices.radios.h>
 
-#include "platform/bluetooth/windows/operation.h"
+#include "operation.h"
 
 namespace platform {
 

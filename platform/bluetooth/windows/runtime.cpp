@@ -1,6 +1,6 @@
 #include "platform/runtime.h"
 
-#include "platform/bluetooth/windows/operation.h"
+#include "operation.h"
 
 namespace platform {
 

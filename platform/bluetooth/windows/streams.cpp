@@ -1,4 +1,4 @@
-#include "platform/bluetooth/windows/streams.h"
+#include "streams.h"
 
 #include <algorithm>
 

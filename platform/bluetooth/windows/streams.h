@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <span>
 
-#include "platform/bluetooth/windows/winrt.h"
+#include "winrt.h"
 
 namespace platform::winrt {
 

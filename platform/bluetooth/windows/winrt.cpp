@@ -1,4 +1,4 @@
-#include "platform/bluetooth/windows/winrt.h"
+#include "winrt.h"
 
 #include <roapi.h>
 #include <winstring.h>

@@ -5,7 +5,7 @@
 #include <ctime>
 #include <thread>
 
-#include "platform/host/posix/event_impl.h"
+#include "event_impl.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
 

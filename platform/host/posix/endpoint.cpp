@@ -1,8 +1,8 @@
-#include "platform/host/posix/endpoint.h"
+#include "endpoint.h"
 
 #include <cerrno>
 
-#include "platform/host/posix/system_error.h"
+#include "system_error.h"
 
 namespace platform {
 

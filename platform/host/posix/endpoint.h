@@ -8,9 +8,9 @@
 #include <mutex>
 
 #include "platform/error.h"
-#include "platform/host/posix/descriptor.h"
-#include "platform/host/posix/socket_file.h"
 #include "platform/pipe.h"
+#include "posix/descriptor.h"
+#include "socket_file.h"
 
 namespace platform {
 

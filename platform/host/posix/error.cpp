@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/host/posix/system_error.h"
+#include "system_error.h"
 
 namespace platform {
 

@@ -10,8 +10,8 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "platform/host/posix/event_impl.h"
-#include "platform/host/posix/operation.h"
+#include "event_impl.h"
+#include "operation.h"
 
 namespace platform {
 

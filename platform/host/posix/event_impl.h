@@ -7,7 +7,7 @@
 #include <span>
 
 #include "platform/event.h"
-#include "platform/host/posix/descriptor.h"
+#include "posix/descriptor.h"
 
 namespace platform {
 

@@ -1,10 +1,10 @@
-#include "platform/host/posix/operation.h"
+#include "operation.h"
 
 #include <sys/socket.h>
 
 #include <cerrno>
 
-#include "platform/host/posix/system_error.h"
+#include "system_error.h"
 
 namespace platform {
 

@@ -7,9 +7,9 @@
 #include <memory>
 #include <span>
 
+#include "endpoint.h"
+#include "event_impl.h"
 #include "platform/event.h"
-#include "platform/host/posix/endpoint.h"
-#include "platform/host/posix/event_impl.h"
 #include "platform/pipe.h"
 
 namespace platform {

@@ -8,13 +8,13 @@
 #include <array>
 #include <cerrno>
 
-#include "platform/host/posix/endpoint.h"
-#include "platform/host/posix/operation.h"
-#include "platform/host/posix/pipe_name.h"
-#include "platform/host/posix/socket_file.h"
-#include "platform/host/posix/system_error.h"
+#include "endpoint.h"
+#include "operation.h"
+#include "pipe_name.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
+#include "socket_file.h"
+#include "system_error.h"
 
 namespace platform {
 

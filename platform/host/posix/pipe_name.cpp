@@ -1,4 +1,4 @@
-#include "platform/host/posix/pipe_name.h"
+#include "pipe_name.h"
 
 #include <strings.h>
 #include <sys/stat.h>
@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <optional>
 
-#include "platform/host/posix/system_error.h"
 #include "platform/text.h"
+#include "system_error.h"
 
 namespace platform {
 

@@ -1,4 +1,4 @@
-#include "platform/host/posix/socket_file.h"
+#include "socket_file.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -8,7 +8,7 @@
 
 #include <cerrno>
 
-#include "platform/host/posix/system_error.h"
+#include "system_error.h"
 
 namespace platform {
 

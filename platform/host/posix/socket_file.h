@@ -7,7 +7,7 @@
 #include <string>
 
 #include "platform/error.h"
-#include "platform/host/posix/descriptor.h"
+#include "posix/descriptor.h"
 
 namespace platform {
 

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <string_view>
 
-#include "platform/host/windows/system_error.h"
 #include "platform/text.h"
+#include "system_error.h"
 
 namespace platform {
 

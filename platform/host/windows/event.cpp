@@ -4,9 +4,9 @@
 #include <array>
 #include <stdexcept>
 
+#include "event_impl.h"
 #include "platform/error.h"
-#include "platform/host/windows/event_impl.h"
-#include "platform/host/windows/system_error.h"
+#include "system_error.h"
 
 namespace platform {
 

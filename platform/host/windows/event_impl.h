@@ -1,8 +1,8 @@
 // The inside of an event.
 #pragma once
 
+#include "handle.h"
 #include "platform/event.h"
-#include "platform/host/windows/handle.h"
 
 namespace platform {
 

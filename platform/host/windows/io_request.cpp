@@ -1,4 +1,4 @@
-#include "platform/host/windows/io_request.h"
+#include "io_request.h"
 
 namespace platform {
 

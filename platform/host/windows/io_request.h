@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <span>
 
-#include "platform/host/windows/event_impl.h"
-#include "platform/host/windows/system_error.h"
+#include "event_impl.h"
 #include "platform/pipe.h"
+#include "system_error.h"
 
 namespace platform {
 

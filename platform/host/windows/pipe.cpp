@@ -6,11 +6,11 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/host/windows/handle.h"
-#include "platform/host/windows/io_request.h"
-#include "platform/host/windows/system_error.h"
-#include "platform/host/windows/system_function.h"
+#include "handle.h"
+#include "io_request.h"
 #include "platform/runtime.h"
+#include "system_error.h"
+#include "system_function.h"
 
 namespace platform {
 

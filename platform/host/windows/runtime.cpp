@@ -8,10 +8,10 @@
 #include <cstdio>
 #include <memory>
 
-#include "platform/host/windows/security.h"
-#include "platform/host/windows/system_error.h"
-#include "platform/host/windows/system_function.h"
 #include "platform/text.h"
+#include "security.h"
+#include "system_error.h"
+#include "system_function.h"
 
 namespace platform {
 

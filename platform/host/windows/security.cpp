@@ -1,4 +1,4 @@
-#include "platform/host/windows/security.h"
+#include "security.h"
 
 #include <windows.h>
 
