@@ -18,6 +18,8 @@
 
 namespace blescanner {
 
+class StopSignal;
+
 // --- Radios ---
 
 enum class RadioCheckResult : std::uint8_t { BluetoothOff = 0, BluetoothOn = 1 };
@@ -28,14 +30,16 @@ platform::AsyncOperationPtr<platform::RadioList> requestRadioList();
 // Looks for a Bluetooth radio that is on. Adds one to `counter` for each Bluetooth radio that it examines
 // (the walk ends at the first that is on) and never resets it: 0 tells "no Bluetooth hardware" from "switched
 // off". When there is no list of radios at all, Bluetooth is taken to be on. `runDriverCheck` appends
-// checkBluetoothDrivers(). Throws PlatformError.
+// checkBluetoothDrivers(). Throws PlatformError, and Stopped at the program's end.
 RadioCheckResult checkBluetoothRadio(std::uint32_t& counter, bool runDriverCheck);
 
-// Switches every Bluetooth radio off and on again, whatever its state: 4 to 16 s for each. Throws nothing;
-// radios already switched when a call fails stay as they are.
-void resetBluetooth();
+// Switches every Bluetooth radio off and on again, whatever its state: 4 to 16 s for each. Radios already
+// switched when a call fails stay as they are. Throws nothing but Stopped, and not before a radio that it has
+// switched off was switched on again.
+void resetBluetooth(StopSignal& stop);
 
-// Switches on the Bluetooth radios that are off: at most 5 s for each. Throws nothing.
+// Switches on the Bluetooth radios that are off: at most 5 s for each. Throws nothing but Stopped, at the
+// program's end.
 void switchBluetoothOn();
 
 // --- Protocol versions ---

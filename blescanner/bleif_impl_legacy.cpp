@@ -6,7 +6,7 @@
 #include <loguru.hpp>
 
 #include "blehelper.h"
-#include "platform/clock.h"
+#include "platform/address.h"
 #include "platform/text.h"
 
 namespace blescanner {
@@ -42,8 +42,9 @@ constexpr std::array<const wchar_t*, 20> kPairingResults = {
 };
 
 // True when this call has paired the device.
-bool pairDevice(platform::DeviceInformation& device) {
-    const std::string id = platform::toUtf8(device.id());
+bool pairDevice(platform::DeviceInformation& device, const StopSignal& stop) {
+    stop.check();
+    const std::string id = platform::printable(device.id());
     const auto pairing = device.pairing();
     if (pairing->isPaired()) {
         LOG_S(INFO) << "Device " << id << " is already accessible!";
@@ -70,7 +71,7 @@ bool pairDevice(platform::DeviceInformation& device) {
         LOG_S(ERROR) << "Could not start connecting to device";
         return false;
     }
-    awaitOperation(*ceremony);
+    awaitOperation(*ceremony, stop);
     const auto outcome = ceremony->getResults();
     if (!outcome) {
         LOG_S(ERROR) << "Connection returned NULL status - cannot report it!";
@@ -113,14 +114,14 @@ bool BLEIFLegacy::prepareConnection(std::uint64_t address, std::uint32_t /*timeo
 
 bool BLEIFLegacy::connectLegacy(std::uint64_t address) {
     const std::wstring selector = platform::deviceSelectorFromBluetoothAddress(address);
-    LOG_S(INFO) << "Device selector: " << platform::toUtf8(selector);
+    LOG_S(INFO) << "Device selector: " << platform::printable(selector);
     LOG_S(INFO) << "Connecting to device...";
     const auto enumeration = platform::findAllDevicesAsync(selector);
     if (!enumeration) {
         LOG_S(ERROR) << "Could not enumerate device with selector!";
         return false;
     }
-    awaitOperation(*enumeration);
+    await(*enumeration);
     const auto devices = enumeration->getResults();
     if (!devices) {
         LOG_S(ERROR) << "Could not get device collection for BLE device!";
@@ -129,7 +130,7 @@ bool BLEIFLegacy::connectLegacy(std::uint64_t address) {
     LOG_S(INFO) << "Found collection of " << devices->size() << " devices";
     bool paired = false;
     for (const auto& device : *devices)
-        paired = pairDevice(*device) || paired;
+        paired = pairDevice(*device, context().stop) || paired;
     return paired;
 }
 
@@ -137,19 +138,19 @@ std::shared_ptr<platform::GattDeviceService> BLEIFLegacy::getService(const platf
                                                                      std::uint64_t address) {
     const auto lookUp = startDeviceLookUp(address);
     if (!lookUp) return nullptr;
-    awaitOperation(*lookUp);
+    await(*lookUp);
     context().device = lookUp->getResults();
     if (!context().device) {
         LOG_S(ERROR) << "LE Device is NULL [l]! " << shortUuidText(serviceUuid);
         LOG_S(ERROR) << "LE Error code is " << lookUp->errorCode() << ". Status is "
                      << static_cast<int>(lookUp->status());
-        LOG_S(WARNING) << "No device " << formatBleAddress(address)
+        LOG_S(WARNING) << "No device " << platform::formatAddress(address)
                        << " found: is it switched on and in range?";
         return nullptr;
     }
     LOG_S(INFO) << "Got LE Device ";
     LOG_S(INFO) << "Retrieving service for " << platform::toString(serviceUuid);
-    platform::sleepFor(100ms);
+    context().stop.sleep(100ms);
 
     const auto services = listServices();
     LOG_S(INFO) << "Found " << services.size() << " GATT services.";
@@ -177,7 +178,7 @@ std::vector<std::shared_ptr<platform::GattDeviceService>> BLEIFLegacy::listServi
         LOG_S(ERROR) << "No operation came back for the listing";
         return {};
     }
-    awaitOperation(*listing);
+    await(*listing);
     const auto result = listing->getResults();
     if (result.services) return *result.services;
     LOG_S(WARNING) << "The listing ended with status " << statusText(result.status);
@@ -187,6 +188,7 @@ std::vector<std::shared_ptr<platform::GattDeviceService>> BLEIFLegacy::listServi
 std::shared_ptr<platform::GattCharacteristic> BLEIFLegacy::getCharacteristic(
     const std::shared_ptr<platform::GattDeviceService>& service, const platform::Guid& uuid) {
     if (!service) return nullptr;
+    context().stop.check();
     const auto found = service->getCharacteristics(uuid);
     LOG_S(INFO) << "Characteristics"
                 << " (" << found.size() << ")";

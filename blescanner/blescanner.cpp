@@ -1,14 +1,15 @@
 #include "blescanner.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <loguru.hpp>
-#include <thread>
 
 #include "blehelper.h"
 #include "cmdpipe.h"
+#include "detached_threads.h"
 #include "lecomm.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
@@ -20,7 +21,10 @@ namespace blescanner {
 namespace {
 
 constexpr const char* kVersion = ZIQBLE_VERSION;
-constexpr std::chrono::seconds kLastCallTime{2};
+// Whatever hangs, the program ends within 5 s of being asked to: half a second that "exit" takes, these two, and
+// the time that the log's reader gets.
+constexpr std::chrono::milliseconds kWindDownTime{2000};
+constexpr std::chrono::milliseconds kCancelTime{100};
 
 void logToStandardOutput(void*, const loguru::Message& line) {
     print(std::string(line.preamble) + line.indentation + line.prefix + line.message + '\n');
@@ -68,28 +72,59 @@ void shellThread() {
     }
 }
 
-// The end of the Bluetooth runtime calls back whatever a link session may still be waiting for.
+DetachedThreads& shellThreads() {
+    static DetachedThreads instance;
+    return instance;
+}
+
+// Until the shell has ended or the program is asked to stop, whichever comes first.
+void runShell() {
+    shellThreads().start([] {
+        shellThread();
+        platform::requestStop();  // what is still winding down has nothing more to wait for
+    });
+    platform::Event* const events[] = {&platform::stopRequested()};
+    while (!platform::waitAny(events, std::chrono::hours(24))) {
+    }
+}
+
+// A Bluetooth call that hangs does not hold the program: what makes such calls runs on detached threads.
+void windDown() {
+    const auto end = std::chrono::steady_clock::now() + kWindDownTime;
+    const auto left = [end] {
+        const auto now = std::chrono::steady_clock::now();
+        return std::chrono::ceil<std::chrono::milliseconds>(std::max(end - now, {}));
+    };
+    if (!shellThreads().wait(left())) {
+        LOG_S(WARNING) << "[WARNING] A Bluetooth call of the shell has not come back!";
+        stopLink(*currentTioContext());
+    }
+    if (!waitForScanConfigThread(left())) {
+        LOG_S(WARNING) << "[WARNING] The adapter's driver has not answered a scan command!";
+    }
+    if (!waitForLinkSessions(left())) {
+        LOG_S(WARNING)
+            << "[WARNING] A Bluetooth call of the link session has not come back, it is cancelled!";
+    }
+}
+
+// The end of the Bluetooth runtime calls back whatever a thread may still be waiting for.
 void runBridge(const std::vector<std::string>& arguments) {
     const platform::BluetoothRuntime bluetooth;
     logBanner();
     setUpOptions(arguments);
-    std::thread shell(shellThread);
-    shell.join();
-    platform::requestStop();  // a session that is still winding down has nothing more to wait for
-    if (!waitForScanConfigThread(kLastCallTime)) {
-        LOG_S(WARNING) << "[WARNING] The adapter's driver has not answered a scan command!";
-    }
-    if (!waitForLinkSessions(kLastCallTime)) {
-        LOG_S(WARNING)
-            << "[WARNING] A Bluetooth call of the link session has not come back, it is cancelled!";
-    }
+    runShell();
+    windDown();
     LOG_S(INFO) << "Goodbye!";
 }
 
-// What makes Bluetooth calls runs on detached threads. One that outlives even the cancelling of its call
-// hangs in the system: then the process goes without destroying anything under it.
+// A thread that outlives even the cancelling of its call hangs in the system: then the process goes without
+// destroying anything under it.
 void endProcessUnderHangingCall() {
-    if (waitForLinkSessions(kLastCallTime) && waitForScanConfigThread(kLastCallTime)) return;
+    if (shellThreads().wait(kCancelTime) && waitForLinkSessions(kCancelTime) &&
+        waitForScanConfigThread(kCancelTime)) {
+        return;
+    }
     loguru::flush();
     std::fflush(stdout);
     std::_Exit(0);

@@ -7,16 +7,6 @@
 
 namespace blescanner {
 
-// From the command line. Written by the main thread before any other thread exists, read-only afterwards.
-struct ProcessSettings {
-    // The separator behind the point is doubled; the system takes the name all the same.
-    std::wstring cmdPipeName = L"\\\\.\\\\pipe\\ZIQBLESh";
-    std::wstring datPipeName = L"\\\\.\\\\pipe\\ZIQBLECOM";
-    std::wstring logFileName = L"nul";
-};
-
-ProcessSettings& settings();
-
 // Reads the arguments (UTF-8, without the program's name) into the settings; prints help and stray arguments.
 // Throws std::invalid_argument when an option lacks its value.
 void setUpOptions(const std::vector<std::string>& arguments);

@@ -3,6 +3,7 @@
 
 #include "blescanner.h"
 #include "platform/text.h"
+#include "settings.h"
 
 namespace blescanner {
 

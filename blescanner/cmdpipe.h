@@ -1,6 +1,8 @@
 // The shell command pipe: the pipe endpoint that both pipes use, and the session that serves its clients.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -13,15 +15,15 @@ namespace blescanner {
 // The server end of one local pipe. The pipe is made once per object; a new connection of the data pipe gets
 // a new object, so that whoever still holds the old one finds it closed instead of finding its successor.
 //
-// Threads: close() from any thread at any time. Apart from that one thread reads (or connects) and one thread
-// writes.
+// Threads: close() and clientLeft() from any thread at any time. Apart from that one thread reads (or connects)
+// and one thread writes.
 class CNamedPipe {
   public:
     // Creates the pipe; afterwards isOpen() tells whether that went well.
     platform::SystemError create(const std::wstring& name);
 
     bool isOpen() const { return pipe_ && pipe_->isOpen(); }
-    // Disconnects the client and removes the pipe.
+    // Disconnects the client, which loses what it has not read on some hosts, and removes the pipe.
     void close();
 
     // Logs who has connected.
@@ -29,8 +31,8 @@ class CNamedPipe {
 
     // Sends a reply, one byte per UTF-16 unit, and empties the text. Gives up after 100 ms a character.
     void writeText(std::wstring& text);
-    // Sends bytes of the link. Gives up after 50 ms a byte; what the client did not take is logged.
-    void writeBytes(std::span<const std::uint8_t> bytes);
+    // Sends bytes of the link, and returns how many of them the client's end took. Gives up after 50 ms a byte.
+    std::size_t writeBytes(std::span<const std::uint8_t> bytes);
 
     // Blocks until a client is there or the program is asked to stop.
     platform::SystemError connect();
@@ -38,8 +40,12 @@ class CNamedPipe {
     platform::IoResult startRead(platform::IoRequest& request, std::span<std::uint8_t> buffer);
     platform::IoResult result(platform::IoRequest& request);
     platform::IoResult cancel(platform::IoRequest& request);
-    void flush();
+    // Gives the client up to the bound to read what was written; one that does not is dropped. True when
+    // nothing was left unread.
+    bool flush(std::chrono::milliseconds bound);
     void disconnect();
+    // Nobody is at the other end any more.
+    bool clientLeft() const;
 
     platform::IoRequest readRequest;
 

@@ -25,15 +25,12 @@ class CommandSet {
     // session. Exceptions of the platform reach the caller.
     CommandResult dispatch(std::span<const std::uint8_t> bytes, LineAccumulator& line);
 
-    // What "exit" does, for whoever else ends the program.
-    void terminateApplication();
-
     // Closes the data pipe if it is open.
     void closeDataPipe();
-    // Tells the link session to stop and closes the data pipe.
-    void closeLink();
+    // Stops the link session and closes the data pipe.
+    void closeSession();
     // The same, and gives the session's threads 250 ms to notice.
-    void stopLink();
+    void stopSession();
 
   private:
     CommandResult execute(const std::wstring& line);

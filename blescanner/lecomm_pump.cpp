@@ -5,11 +5,10 @@
 #include <optional>
 #include <span>
 
-#include "bleif_common.h"
 #include "blescanner.h"
 #include "cmdpipe.h"
 #include "lecomm.h"
-#include "platform/clock.h"
+#include "operations.h"
 
 namespace blescanner {
 
@@ -22,6 +21,7 @@ constexpr std::size_t kReadSize = 2048;
 constexpr auto kReadWait = 250ms;   // bounds how late a stop is noticed
 constexpr auto kCreditWait = 20ms;  // bounds how late new credits are used
 constexpr int kCreditWaitsToTell = 50;
+constexpr const char* kNoPipe = "No I/O pipe (most likely disconnected)!";
 
 class DataPump {
   public:
@@ -35,6 +35,7 @@ class DataPump {
 
   private:
     bool startConnection();
+    void serve();
     void watchSession();
     void transfer();
     void issuePipeRead();
@@ -76,13 +77,23 @@ DataPump::~DataPump() {
 
 void DataPump::run() {
     if (!startConnection()) return;
-    // The client is told to open the data pipe only now. Not when it has stopped the link, or the link has
-    // dropped, meanwhile: there is no pipe any more that it could open.
-    notifyWhileLinked(shared_, L"CONNECT TIO\r\n");
+    try {
+        serve();
+    } catch (const Stopped&) {
+        // Noticed while a write was awaited; otherwise the loop would have seen it.
+        LOG_S(ERROR) << kNoPipe;
+    }
+    LOG_S(INFO) << "TX thread completed!";
+}
+
+void DataPump::serve() {
+    // The client is told to open the data pipe only now. Not when the link has dropped meanwhile: there is no
+    // pipe any more that it could open.
+    notifyWhileLinked(context_, L"CONNECT TIO\r\n");
+    context_.stop.check();
     watchSession();
     LOG_S(INFO) << "Starting communication loop...";
     transfer();
-    LOG_S(INFO) << "TX thread completed!";
 }
 
 bool DataPump::startConnection() {
@@ -96,7 +107,7 @@ bool DataPump::startConnection() {
     if (lastError_ == SystemError::ioPending) return true;
     if (!context_.dataPipe) return true;  // closed under the call by whoever stopped the link
     LOG_S(INFO) << "ConnectNamedPipe() for pipe failed with error " << platform::number(lastError_);
-    notifyClient(shared_, L"ERROR TIO\r\n");
+    notifyClient(context_, L"ERROR TIO\r\n");
     return false;
 }
 
@@ -130,7 +141,7 @@ void DataPump::transfer() {
             return;
         }
     }
-    LOG_S(ERROR) << "No I/O pipe (most likely disconnected)!";
+    LOG_S(ERROR) << kNoPipe;
 }
 
 std::size_t DataPump::waitPipeRead() {
@@ -185,7 +196,7 @@ std::optional<platform::GattCommunicationStatus> DataPump::writeChunk(std::span<
     const auto write =
         context_.rxChar->writeValueAsync(chunk, platform::GattWriteOption::writeWithoutResponse);
     if (!write) throw platform::PlatformError(platform::kEFail, "No operation came back for a data write");
-    awaitOperation(*write);
+    awaitOperation(*write, context_.stop);
     return recoverOnError(shared_, *write);
 }
 
@@ -205,9 +216,12 @@ void DataPump::sendChunk(std::span<const std::uint8_t> chunk) {
                    << (status ? statusText(*status) : "error") << ")";
 }
 
-// False: there will be none.
+// A grant ends the wait at once. False: there will be none.
 bool DataPump::waitForCredits() {
-    platform::sleepFor(kCreditWait);
+    context_.creditsArrived.reset();
+    // One that came before the reset is in the count already.
+    if (context_.remoteCredits == 0) context_.stop.sleep(kCreditWait, context_.creditsArrived);
+    if (context_.remoteCredits != 0) return true;
     if (!context_.device) {
         LOG_S(ERROR) << "NULL device while waiting for remote credits";
         return false;
@@ -224,7 +238,7 @@ bool DataPump::waitForCredits() {
 void runDataPump(const std::shared_ptr<TioContext>& context) {
     if (!context->rxChar) {
         LOG_S(ERROR) << "TX Thread NULL characteristic!";
-        notifyClient(context, L"ERROR TIO\r\n");
+        notifyClient(*context, L"ERROR TIO\r\n");
         LOG_S(INFO) << "TX thread completed!";
         return;
     }

@@ -8,7 +8,8 @@
 #include <set>
 
 #include "blehelper.h"
-#include "lecomm.h"
+#include "lecomm_profile.h"
+#include "platform/address.h"
 #include "platform/advertisement.h"
 #include "platform/clock.h"
 #include "platform/text.h"
@@ -66,7 +67,7 @@ void handleAdvertisement(const AdvertisementReceivedEventArgs* args, ScanEntries
     const auto& uuids = *args->serviceUuids;
     if (std::find(uuids.begin(), uuids.end(), TIO_SERVICE_UUID) == uuids.end()) return;
 
-    const std::string address = formatBleAddress(args->bluetoothAddress);
+    const std::string address = platform::formatAddress(args->bluetoothAddress);
     LOG_S(INFO) << millisecondsNow() << ": Target service found on device: " << address;
     std::wstring entry = platform::widen(address);
     if (!args->localName.empty()) entry += L";" + withoutLineEnds(args->localName);
@@ -85,7 +86,7 @@ void triggerFakeScanEvent() {
     watcher->stop();
 }
 
-void scanForTioDevices(std::wstring& result, std::uint32_t durationMs) {
+void scanForTioDevices(std::wstring& result, std::uint32_t durationMs, const std::function<bool()>& wanted) {
     LOG_S(INFO) << "Trigger a fake event...";
     triggerFakeScanEvent();
 
@@ -104,7 +105,7 @@ void scanForTioDevices(std::wstring& result, std::uint32_t durationMs) {
 
     LOG_S(INFO) << "Start scanning...";
     watcher->start();
-    platform::sleepFor(milliseconds(durationMs));
+    platform::sleepWhile(wanted, milliseconds(durationMs));
 
     LOG_S(INFO) << "Unregistering BLE scan CB...";
     received.reset();
