@@ -18,20 +18,12 @@ std::shared_ptr<World> exchangeCurrent(std::shared_ptr<World> world) {
     return std::exchange(current, std::move(world));
 }
 
-// Names hold any characters; a line stays one line.
-std::string printable(std::string text) {
-    for (auto& character : text) {
-        if (static_cast<unsigned char>(character) < 0x20 || character == 0x7F) character = '?';
-    }
-    return text;
-}
-
 std::string summaryLine(const TioPeripheral& peripheral) {
     const auto counters = peripheral.counters();
     const auto pair = [](const char* first, std::uint64_t one, const char* second, std::uint64_t two) {
         return first + std::to_string(one) + second + std::to_string(two);
     };
-    return "sim: " + printable(platform::toUtf8(peripheral.scenario().name)) + " (" +
+    return "sim: " + platform::printable(peripheral.scenario().name) + " (" +
            addressText(peripheral.scenario().address) +
            "): " + pair("in ", counters.bytesIn, " bytes, out ", counters.bytesOut) + " bytes, " +
            pair("credits granted ", counters.creditsGranted, " used ", counters.creditsUsed) + ", " +
