@@ -90,13 +90,48 @@ TEST_F(Session, ServesOneClientAfterAnother) {
     connect();
 }
 
-TEST_F(Session, EndsWhenAskedFromOutsideWhateverItIsDoing) {
+TEST_F(Session, ADisconnectDuringTheRadioResetLeavesTheNextSessionAlone) {
+    // The first peripheral has no service, for which the program switches the radio off and on.
+    start(R"({"time_scale": 10, "peripherals": [
+        {"address": "00:00:00:00:00:01", "services": [], "cached_services": [], "uncached_services": []}, {}]})");
+    EXPECT_EQ(command("connect 00:00:00:00:00:01\n"), "OK\r\n");
+    ASSERT_TRUE(program->waitForOutput("Flushing BLE stack..."));
+    EXPECT_EQ(command("disconnect\n"), "OK\r\n");
+    connect();
+    data.send("healthy");
+    EXPECT_EQ(data.readBytes(7), "healthy");
+}
+
+TEST_F(Session, AScanEndsWhenItsClientLeaves) {
+    start();
+    shell.send("lescan 4294967295\nstats\n");
+    ASSERT_TRUE(program->waitForOutput("Start scanning..."));
+    shell.close();
+    ASSERT_TRUE(program->waitForOutput("Client disconnected!"));
+    ASSERT_TRUE(shell.open(commandPipe(folder.path())));
+    EXPECT_TRUE(command("stats\n").starts_with("RX 0"));
+}
+
+TEST_F(Session, AClientGetsTheRepliesThatItDoesNotWaitFor) {
+    for (const std::string_view last : {"quit\n", "exit\n"}) {
+        start();
+        shell.send("stats\ndisconnect\n" + std::string(last));
+        EXPECT_TRUE(program->waitForOutput(last == "quit\n" ? "terminate shell command" : "Exiting on terminate"));
+        EXPECT_TRUE(shell.readUntil("OK\r\n").starts_with("RX 0")) << last;
+        EXPECT_TRUE(shell.waitForClose());
+        shell.close();
+        program.reset();
+    }
+}
+
+TEST_F(Session, EndsWithinFiveSecondsOfBeingAskedWhateverItIsDoing) {
     struct Case {
         const char* name;
         std::string_view lines;
         const char* awaited;  // in the log, before the program is asked
         bool interrupt;
         const char* scenario = "{}";
+        bool simulatedOnly = false;
     };
     const Case cases[] = {
         {"idle", "", "Client: (", true},
@@ -105,14 +140,20 @@ TEST_F(Session, EndsWhenAskedFromOutsideWhateverItIsDoing) {
         {"waiting for an answer that never comes", kConnect, "Get device from address", false,
          R"({"peripherals": [{"faults": [{"on": "device", "do": "hang"}]}]})"},
         {"linked", kConnect, "Starting communication loop...", true},
+        {"the list of radios never comes", "stats\n", "SHELL INPUT: stats", false,
+         R"({"faults": [{"on": "radios", "after": 1, "do": "hang"}]})", true},
     };
     for (const Case& item : cases) {
         SCOPED_TRACE(item.name);
+        if (item.simulatedOnly && hasRealBluetoothSide()) continue;
         start(item.scenario);
         shell.send(item.lines);
         ASSERT_TRUE(program->waitForOutput(item.awaited));
+        const auto asked = std::chrono::steady_clock::now();
         item.interrupt ? program->interrupt() : program->terminate();
         expectCleanEnd();
+        EXPECT_LT(std::chrono::steady_clock::now() - asked, 5s);
+        EXPECT_EQ(program->output().find("terminate APP command"), std::string::npos);
         shell.close();
     }
 }

@@ -29,7 +29,7 @@ TEST(LeScan, ResultLine) {
         scanIntervalsConfigured = true;
         test::SleepRecorder recorder(10);
         std::wstring result = L"old";
-        scanForTioDevices(result, 2000);
+        scanForTioDevices(result, 2000, [] { return true; });
         EXPECT_EQ(result, expected) << peripherals;
         EXPECT_EQ(recorder.sleeps(), (std::vector<long long>{500, 2000, 200}));
     }
@@ -41,7 +41,7 @@ TEST(LeScan, GoesOnWithoutScanTiming) {
     test::SleepRecorder recorder(10);
     test::LogCapture log;
     std::wstring result;
-    scanForTioDevices(result, 1000);
+    scanForTioDevices(result, 1000, [] { return true; });
     EXPECT_TRUE(log.find("[WARNING] Scanning with default large window!"));
     EXPECT_EQ(result, L"00:1a:7d:da:71:13;TIO-SIM\r\n");
 }

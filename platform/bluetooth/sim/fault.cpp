@@ -95,6 +95,7 @@ std::optional<Fault> FaultTable::pass(const FaultPoint& point) {
         }
         if (entry.rule.times != 0 && entry.fired == entry.rule.times) continue;
         if (entry.rule.times != 0) ++entry.fired;
+        ++happened_;
         return entry.rule.fault;
     }
     return std::nullopt;

@@ -70,6 +70,7 @@ class FaultTable {
 
     // Called once for each pass; what goes wrong this time, if anything.
     std::optional<Fault> pass(const FaultPoint& point);
+    std::uint64_t happened() const { return happened_; }
 
   private:
     struct Entry {
@@ -78,6 +79,7 @@ class FaultTable {
         std::uint32_t fired = 0;
     };
     std::vector<Entry> entries_;
+    std::uint64_t happened_ = 0;
 };
 
 }  // namespace sim

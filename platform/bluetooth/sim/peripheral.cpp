@@ -107,14 +107,29 @@ void TioPeripheral::forget(Link& link) {
 
 std::optional<Fault> TioPeripheral::pass(const FaultPoint& point) {
     const std::lock_guard lock(mutex_);
+    return passLocked(point);
+}
+
+std::optional<Fault> TioPeripheral::passLocked(const FaultPoint& point) {
+    ++hostCalls_;
     return faults_.pass(point);
+}
+
+std::uint64_t TioPeripheral::hostCalls() const {
+    const std::lock_guard lock(mutex_);
+    return hostCalls_;
+}
+
+std::uint64_t TioPeripheral::faultsHappened() const {
+    const std::lock_guard lock(mutex_);
+    return faults_.happened();
 }
 
 platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::write(Link& link, CharacteristicKind kind,
                                                                         std::span<const std::uint8_t> value) {
     std::unique_lock lock(mutex_);
     if (!reachableLocked(link)) return completed(Status::unreachable);
-    if (const auto fault = faults_.pass(faultPoint(FaultPoint::Call::write, kind))) {
+    if (const auto fault = passLocked(faultPoint(FaultPoint::Call::write, kind))) {
         lock.unlock();
         return faultyOperation<Status>(*this, *fault);
     }
@@ -134,7 +149,7 @@ platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::subscribe(
     using Descriptor = platform::GattClientCharacteristicConfigurationDescriptorValue;
     std::unique_lock lock(mutex_);
     if (!reachableLocked(link)) return completed(Status::unreachable);
-    if (const auto fault = faults_.pass(faultPoint(FaultPoint::Call::subscribe, kind))) {
+    if (const auto fault = passLocked(faultPoint(FaultPoint::Call::subscribe, kind))) {
         lock.unlock();
         return faultyOperation<Status>(*this, *fault);
     }

@@ -62,13 +62,16 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     void indicateCredits(std::uint8_t credits);
     void indicateMtu(std::uint16_t mtu);
     void dropLink();
+    // How many calls the host has made to it, and how many of the scenario's faults have happened.
+    std::uint64_t hostCalls() const;
+    std::uint64_t faultsHappened() const;
     // The scenario's faults happen no more; what hangs goes on hanging.
     void repair();
 
     // --- what the back end does with it
     bool connect(Link& link);  // false: out of reach
     void forget(Link& link);   // called by the link's end
-    std::optional<Fault> pass(const FaultPoint& point);
+    std::optional<Fault> pass(const FaultPoint& point);  // the host makes a call
     platform::AsyncOperationPtr<Status> write(Link& link, CharacteristicKind kind,
                                               std::span<const std::uint8_t> value);
     platform::AsyncOperationPtr<Status> subscribe(
@@ -111,6 +114,7 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     bool reachableLocked(Link& link);
     void dropLocked();
     void resetSerial();
+    std::optional<Fault> passLocked(const FaultPoint& point);
 
     Status accept(CharacteristicKind kind, std::span<const std::uint8_t> value);
     Status acceptData(std::span<const std::uint8_t> value);
@@ -137,6 +141,7 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     mutable std::mutex mutex_;  // guards everything below
     FaultTable faults_;
     PeripheralCounters counters_;
+    std::uint64_t hostCalls_ = 0;
     Link* current_ = nullptr;  // the link that has the connection
     Connection connection_;
     std::vector<std::uint8_t> packet_;  // the notification that is being made

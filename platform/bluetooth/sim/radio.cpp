@@ -23,8 +23,10 @@ class SimRadio final : public platform::Radio, public std::enable_shared_from_th
     RadioState state() const override { return state_.load(); }
 
     platform::AsyncOperationPtr<RadioAccessStatus> setStateAsync(RadioState state) override {
-        const auto world = world_.lock();
-        if (world && !scenario_.stuck) request(*world, state);
+        if (const auto world = world_.lock()) {
+            world->noteRadioRequest(state);
+            if (!scenario_.stuck) request(*world, state);
+        }
         return completed(RadioAccessStatus::allowed);
     }
 

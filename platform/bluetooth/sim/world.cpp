@@ -78,13 +78,23 @@ void World::dropLinks() {
         peripheral->dropLink();
 }
 
+void World::noteRadioRequest(platform::RadioState state) {
+    const std::lock_guard lock(requestsMutex_);
+    radioRequests_.push_back(state);
+}
+
+std::vector<platform::RadioState> World::radioRequests() const {
+    const std::lock_guard lock(requestsMutex_);
+    return radioRequests_;
+}
+
 void World::noteScanCommand(std::span<const std::uint8_t> command) {
-    const std::lock_guard lock(scanCommandsMutex_);
+    const std::lock_guard lock(requestsMutex_);
     scanCommands_.emplace_back(command.begin(), command.end());
 }
 
 std::vector<std::vector<std::uint8_t>> World::scanCommands() const {
-    const std::lock_guard lock(scanCommandsMutex_);
+    const std::lock_guard lock(requestsMutex_);
     return scanCommands_;
 }
 

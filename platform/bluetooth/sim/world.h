@@ -35,6 +35,10 @@ class World {
     // Called by a radio whose state has changed: a Bluetooth radio that goes off takes all links with it.
     void radioChanged(platform::RadioState before, platform::RadioState now);
 
+    // The states that radios were asked for, in order.
+    void noteRadioRequest(platform::RadioState state);
+    std::vector<platform::RadioState> radioRequests() const;
+
     // The scan commands that the adapters were sent, in order, refused ones too.
     void noteScanCommand(std::span<const std::uint8_t> command);
     std::vector<std::vector<std::uint8_t>> scanCommands() const;
@@ -55,7 +59,8 @@ class World {
     const std::shared_ptr<Backstage> backstage_ = std::make_shared<Backstage>();
     std::vector<std::shared_ptr<TioPeripheral>> peripherals_;
     platform::RadioList radios_;
-    mutable std::mutex scanCommandsMutex_;
+    mutable std::mutex requestsMutex_;
+    std::vector<platform::RadioState> radioRequests_;
     std::vector<std::vector<std::uint8_t>> scanCommands_;
 };
 
