@@ -11,7 +11,7 @@ void StopSignal::stop() {
 }
 
 bool StopSignal::stopped() const {
-    return stopped_ || platform::stopRequested().isSet();
+    return stopped_ || platform::isStopRequested();
 }
 
 void StopSignal::check() const {

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "blescanner/blescanner.h"
+#include "blescanner/settings.h"
 #include "platform/bluetooth/sim/world.h"
 #include "tests/e2e/harness.h"
 
