@@ -118,10 +118,11 @@ bool Event::isSet() const {
     return impl_->set.load();
 }
 
-std::optional<std::size_t> waitFor(Events events, std::chrono::nanoseconds timeout) {
+std::optional<std::size_t> waitAny(Events events, std::chrono::nanoseconds timeout) {
     if (events.size() > kMaxEvents) throw std::invalid_argument("too many events in one wait");
     if (const auto signalled = firstSignalled(events)) return signalled;
 
+    timeout = std::min<std::chrono::nanoseconds>(timeout, kLongestWait);
     PollSet polled;
     const Clock::time_point deadline = Clock::now() + timeout;
     for (auto left = timeout;; left = deadline - Clock::now()) {
@@ -131,10 +132,6 @@ std::optional<std::size_t> waitFor(Events events, std::chrono::nanoseconds timeo
         if (const auto signalled = firstSignalled(events)) return signalled;
         if (Clock::now() >= deadline) return std::nullopt;
     }
-}
-
-std::optional<std::size_t> waitAny(Events events, std::chrono::milliseconds timeout) {
-    return waitFor(events, std::min<std::chrono::milliseconds>(timeout, kLongestWait));
 }
 
 }  // namespace platform

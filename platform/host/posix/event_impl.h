@@ -28,7 +28,4 @@ struct Event::Impl {
     Operation* operation = nullptr;
 };
 
-// waitAny with the resolution that shortened sleeps need.
-std::optional<std::size_t> waitFor(std::span<Event* const> events, std::chrono::nanoseconds timeout);
-
 }  // namespace platform

@@ -31,8 +31,9 @@ class Event {
 };
 
 // Waits until one of the events is signalled and returns its position, the lowest where several are; nothing
-// when the time-out passed first. A zero time-out looks without waiting. Does not reset anything. I/O that
+// when the time-out passed first. A zero time-out looks without waiting. Hosts with a coarser clock wait
+// longer, never shorter. Does not reset anything. I/O that
 // was started on a request (pipe.h) may be carried on by the thread that waits on the request's event.
-std::optional<std::size_t> waitAny(std::span<Event* const> events, std::chrono::milliseconds timeout);
+std::optional<std::size_t> waitAny(std::span<Event* const> events, std::chrono::nanoseconds timeout);
 
 }  // namespace platform
