@@ -15,8 +15,8 @@ namespace blescanner {
 
 // The way to the peripheral's TIO service: one object per session, owned by its communication thread, on
 // which every operation runs except the value-changed handler. Results go into the session's TioContext.
-// Failed platform calls are thrown as PlatformError unless an operation says otherwise; a session that has been
-// stopped makes no call and leaves by Stopped.
+// Failed platform calls are thrown as PlatformError unless an operation says otherwise; a session that has
+// been stopped makes no call and leaves by Stopped.
 class IBLEIF {
   public:
     explicit IBLEIF(std::shared_ptr<TioContext> context) : shared_(std::move(context)), context_(*shared_) {}

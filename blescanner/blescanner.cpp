@@ -21,8 +21,8 @@ namespace blescanner {
 namespace {
 
 constexpr const char* kVersion = ZIQBLE_VERSION;
-// Whatever hangs, the program ends within 5 s of being asked to: half a second that "exit" takes, these two, and
-// the time that the log's reader gets.
+// Whatever hangs, the program ends within 5 s of being asked to: half a second that "exit" takes, these two,
+// and the time that the log's reader gets.
 constexpr std::chrono::milliseconds kWindDownTime{2000};
 constexpr std::chrono::milliseconds kCancelTime{100};
 

@@ -15,8 +15,8 @@ namespace blescanner {
 // The server end of one local pipe. The pipe is made once per object; a new connection of the data pipe gets
 // a new object, so that whoever still holds the old one finds it closed instead of finding its successor.
 //
-// Threads: close() and clientLeft() from any thread at any time. Apart from that one thread reads (or connects)
-// and one thread writes.
+// Threads: close() and clientLeft() from any thread at any time. Apart from that one thread reads (or
+// connects) and one thread writes.
 class CNamedPipe {
   public:
     // Creates the pipe; afterwards isOpen() tells whether that went well.
@@ -31,7 +31,8 @@ class CNamedPipe {
 
     // Sends a reply, one byte per UTF-16 unit, and empties the text. Gives up after 100 ms a character.
     void writeText(std::wstring& text);
-    // Sends bytes of the link, and returns how many of them the client's end took. Gives up after 50 ms a byte.
+    // Sends bytes of the link, and returns how many of them the client's end took. Gives up after 50 ms a
+    // byte.
     std::size_t writeBytes(std::span<const std::uint8_t> bytes);
 
     // Blocks until a client is there or the program is asked to stop.

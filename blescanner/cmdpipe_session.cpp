@@ -12,9 +12,9 @@
 #include "platform/clock.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
+#include "platform_error_text.h"
 #include "settings.h"
 #include "stop.h"
-#include "platform_error_text.h"
 
 namespace blescanner {
 
@@ -135,7 +135,8 @@ void ShellSession::letClientIn() {
 
 // A client that leaves, or has to, gets what was written for it.
 void ShellSession::dropClient() {
-    if (!shell_.flush(kFlushBound)) LOG_S(WARNING) << "Command pipe: closed before the client had read all of it";
+    if (!shell_.flush(kFlushBound))
+        LOG_S(WARNING) << "Command pipe: closed before the client had read all of it";
     shell_.disconnect();
 }
 

@@ -50,8 +50,8 @@ struct TioContext {
     std::shared_ptr<platform::GattCharacteristic> txmtuChar;
     std::shared_ptr<platform::GattCharacteristic> rxmtuChar;
 
-    // Set by stopLink. A session that has been stopped ends its subscriptions, releases what it holds and logs
-    // its end. It sends no line, makes no call to the Bluetooth side and touches no radio.
+    // Set by stopLink. A session that has been stopped ends its subscriptions, releases what it holds and
+    // logs its end. It sends no line, makes no call to the Bluetooth side and touches no radio.
     StopSignal stop;
     // Held while a line is posted, and while the session is ended or stopped: so no line follows its end.
     std::mutex lineOrder;

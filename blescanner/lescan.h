@@ -13,8 +13,8 @@ namespace blescanner {
 // "\r\n", sorted, each distinct entry once; empty when there was none. Line ends in an advertised name become
 // blanks.
 //
-// Lasts `durationMs`, or until `wanted`, which is asked several times a second, says that nobody waits for the
-// result any more.
+// Lasts `durationMs`, or until `wanted`, which is asked several times a second, says that nobody waits for
+// the result any more.
 void scanForTioDevices(std::wstring& result, std::uint32_t durationMs, const std::function<bool()>& wanted);
 
 // A passive scan of half a second whose results nobody reads: it wakes the Bluetooth stack.

@@ -21,10 +21,10 @@ void awaitOperation(const platform::AsyncInfo& operation, const StopSignal& stop
 
 using GattWriteOperation = platform::AsyncOperation<platform::GattCommunicationStatus>;
 
-// Judges a finished GATT write of the session: a closed object or an unreachable peripheral ends the session's
-// claim on the data pipe and tells the client "TIO DROP", once. Returns the write's status; nothing when it
-// failed with an error. Throws PlatformError where the platform refuses the result (a cancelled write). Any
-// thread.
+// Judges a finished GATT write of the session: a closed object or an unreachable peripheral ends the
+// session's claim on the data pipe and tells the client "TIO DROP", once. Returns the write's status; nothing
+// when it failed with an error. Throws PlatformError where the platform refuses the result (a cancelled
+// write). Any thread.
 std::optional<platform::GattCommunicationStatus> recoverOnError(const std::shared_ptr<TioContext>& context,
                                                                 GattWriteOperation& operation);
 

@@ -1,4 +1,5 @@
-// How work that has been stopped ends: at a checkpoint, by an exception that only the top of the work catches.
+// How work that has been stopped ends: at a checkpoint, by an exception that only the top of the work
+// catches.
 #pragma once
 
 #include <atomic>

@@ -14,6 +14,13 @@ namespace {
 double timeScale = 1;
 std::function<void(std::chrono::milliseconds)> sleepObserver;
 
+constexpr std::chrono::milliseconds kBetweenLooks{100};
+
+std::chrono::nanoseconds scaled(std::chrono::milliseconds duration) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+        std::chrono::duration<double, std::milli>(duration) / timeScale);
+}
+
 }  // namespace
 
 void sleepFor(std::chrono::milliseconds duration, std::initializer_list<Event*> wakers) {
@@ -24,8 +31,18 @@ void sleepFor(std::chrono::milliseconds duration, std::initializer_list<Event*> 
     if (sleepObserver) sleepObserver(duration);
     std::vector<Event*> events(wakers);
     events.push_back(&stopRequested());
-    const auto scaled = std::chrono::duration<double, std::milli>(duration) / timeScale;
-    waitAny(events, std::chrono::duration_cast<std::chrono::nanoseconds>(scaled));
+    waitAny(events, scaled(duration));
+}
+
+void sleepWhile(const std::function<bool()>& goOn, std::chrono::milliseconds duration) {
+    using Clock = std::chrono::steady_clock;
+    if (sleepObserver) sleepObserver(duration);
+    Event* const events[] = {&stopRequested()};
+    const Clock::time_point end = Clock::now() + scaled(duration);
+    for (auto left = end - Clock::now(); left > Clock::duration::zero() && goOn();
+         left = end - Clock::now()) {
+        if (waitAny(events, std::min<std::chrono::nanoseconds>(left, kBetweenLooks))) return;
+    }
 }
 
 void setTimeScale(double factor) {

@@ -1,6 +1,12 @@
 #include "platform/runtime.h"
 
+#include <atomic>
+
 namespace platform {
+
+namespace {
+std::atomic<bool> requested = false;
+}
 
 Event& stopRequested() {
     // Never destroyed: detached threads may still wait on it while the process ends.
@@ -8,7 +14,12 @@ Event& stopRequested() {
     return event;
 }
 
+bool isStopRequested() noexcept {
+    return requested;
+}
+
 void requestStop() {
+    requested = true;
     stopRequested().set();
 }
 

@@ -116,7 +116,8 @@ TEST_F(Session, AClientGetsTheRepliesThatItDoesNotWaitFor) {
     for (const std::string_view last : {"quit\n", "exit\n"}) {
         start();
         shell.send("stats\ndisconnect\n" + std::string(last));
-        EXPECT_TRUE(program->waitForOutput(last == "quit\n" ? "terminate shell command" : "Exiting on terminate"));
+        EXPECT_TRUE(
+            program->waitForOutput(last == "quit\n" ? "terminate shell command" : "Exiting on terminate"));
         EXPECT_TRUE(shell.readUntil("OK\r\n").starts_with("RX 0")) << last;
         EXPECT_TRUE(shell.waitForClose());
         shell.close();

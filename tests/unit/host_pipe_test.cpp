@@ -79,7 +79,7 @@ TEST_F(HostPipe, WhatWasFlushedReachesAClientThatIsDropped) {
     std::string received;
     EXPECT_EQ(pipe_->startWrite(request_, buffer_).error, none);
     std::thread reader([&] { received = client.readBytes(buffer_.size()); });
-    EXPECT_TRUE(pipe_->flush());
+    EXPECT_TRUE(pipe_->flush(std::chrono::seconds(5)));
     pipe_->disconnect();
     reader.join();
     EXPECT_EQ(received.size(), buffer_.size());

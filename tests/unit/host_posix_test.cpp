@@ -55,7 +55,7 @@ TEST_F(HostPipe, WriteToASlowClientReportsExactlyWhatItGets) {
     EXPECT_EQ(Bytes(received.begin(), received.end()), block);
 
     EXPECT_EQ(pipe_->startWrite(request_, buffer_).error, none);
-    EXPECT_TRUE(pipe_->flush());
+    EXPECT_TRUE(pipe_->flush(std::chrono::seconds(5)));
     pipe_->disconnect();
     EXPECT_EQ(client.readBytes(block.size()), std::string(512, 0)) << "nothing more and nothing less";
 }

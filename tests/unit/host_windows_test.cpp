@@ -59,7 +59,7 @@ TEST_F(HostPipe, FlushDoesNotWaitForEverAndStillLessWhenTheProgramEnds) {
         const PipeClient client = openWithClient();
         EXPECT_EQ(pipe_->startWrite(request_, buffer_).error, none);
         const auto begin = std::chrono::steady_clock::now();
-        EXPECT_FALSE(pipe_->flush());
+        EXPECT_FALSE(pipe_->flush(std::chrono::seconds(5)));
         const auto taken = std::chrono::steady_clock::now() - begin;
         EXPECT_EQ(pipe_->startWrite(request_, buffer_).error, code(ERROR_PIPE_NOT_CONNECTED));
         return taken;

@@ -38,7 +38,7 @@ class UnixPipe : public Pipe {
     IoResult result(IoRequest& request) override { return request.impl().operation.result(); }
     IoResult cancel(IoRequest& request) override { return request.impl().operation.cancel(); }
     // What was written is in the client's receive queue and outlives our end of the connection.
-    bool flush() override { return true; }
+    bool flush(std::chrono::milliseconds) override { return true; }
     bool clientLeft() const override;
     void disconnect() override { endpoint_->disconnect(); }
     void close() override { endpoint_->close(); }

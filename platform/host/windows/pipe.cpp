@@ -21,8 +21,7 @@ namespace {
 
 constexpr DWORD kBufferSize = 4096;
 constexpr DWORD kDefaultTimeoutMs = 5000;
-// For a client that has been answered and takes its time to read; the second one once the program is to stop.
-constexpr std::chrono::milliseconds kFlushTimeout{kDefaultTimeoutMs};
+// What a client still gets for reading once the program was asked to stop.
 constexpr std::chrono::milliseconds kFlushTimeoutAtEnd{1000};
 
 using ClientNumber = BOOL WINAPI(HANDLE, ULONG*);
@@ -83,7 +82,7 @@ class NamedPipe : public Pipe {
     IoResult startWrite(IoRequest& request, std::span<const std::uint8_t> buffer) override;
     IoResult result(IoRequest& request) override { return outcome(request, false); }
     IoResult cancel(IoRequest& request) override;
-    bool flush() override;
+    bool flush(std::chrono::milliseconds bound) override;
     bool clientLeft() const override;
     void disconnect() override;
     void close() override;
@@ -162,26 +161,25 @@ Handle NamedPipe::duplicate() const {
 // FlushFileBuffers waits for the client to read for as long as there is one, so it runs on a thread of its
 // own. A client that does not read in time is dropped here already: that ends the call, and disconnect()
 // would do the same.
-bool NamedPipe::flush() {
+bool NamedPipe::flush(std::chrono::milliseconds bound) {
     using Clock = std::chrono::steady_clock;
     const Handle pipe = duplicate();
-    if (!pipe) return false;
+    if (!pipe) return true;
     Event flushed;
-    bool everything = false;
     std::thread flusher([&] {
-        everything = ::FlushFileBuffers(pipe.get()) != FALSE;
+        ::FlushFileBuffers(pipe.get());
         flushed.set();
     });
     const std::array<Event*, 2> events{&flushed, &stopRequested()};
-    const auto deadline = Clock::now() + kFlushTimeout;
-    auto ended = waitAny(events, kFlushTimeout);
+    const auto deadline = Clock::now() + bound;
+    auto ended = waitAny(events, bound);
     if (ended == 1U) {
         const auto left = std::min<Clock::duration>(deadline - Clock::now(), kFlushTimeoutAtEnd);
         ended = waitAny(std::span(events).first(1), left);
     }
     if (ended != 0U) disconnect();
     flusher.join();
-    return everything;
+    return ended == 0U;
 }
 
 bool NamedPipe::clientLeft() const {

@@ -18,6 +18,9 @@ namespace platform {
 // of the events is signalled. Resets none of them.
 void sleepFor(std::chrono::milliseconds duration, std::initializer_list<Event*> wakers = {});
 
+// The same, but ends early when `goOn` says no. It is asked on this thread, ten times a second.
+void sleepWhile(const std::function<bool()>& goOn, std::chrono::milliseconds duration);
+
 // Fixed sleeps run this many times faster (1 or more). Time-outs of waits are not scaled: they guard against
 // peers, whose speed does not change. Set at start-up, before other threads exist.
 void setTimeScale(double factor);

@@ -1,6 +1,7 @@
 // Local pipes: the server end of a byte stream with one instance and one client at a time.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -84,10 +85,10 @@ class Pipe {
     // Ends the pending operation, if there is one, and returns its outcome: what it had moved by then.
     virtual IoResult cancel(IoRequest& request) = 0;
 
-    // Waits until the client can read everything that was written even after disconnect(), for 5 s at most,
-    // and for 1 s at most once the program was asked to stop. False: the client did not read it in time, and
-    // was dropped.
-    virtual bool flush() = 0;
+    // Waits until the client has left or can read everything that was written even after disconnect(). Not
+    // longer than the bound, nor than 1 s once the program was asked to stop. False: the client did not read
+    // it in time, and was dropped.
+    virtual bool flush(std::chrono::milliseconds bound) = 0;
     // Nobody holds the client's end any more, or there never was a client. Looks without waiting, and takes
     // nothing out of the pipe. A client that has only ended its sending still reads: it has not left.
     virtual bool clientLeft() const = 0;
