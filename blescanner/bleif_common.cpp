@@ -87,7 +87,7 @@ void IBLEIF::grantCredits(const std::shared_ptr<platform::GattCharacteristic>& c
     }
     if (wait) {
         awaitOperation(*write, context_.stop);
-        recoverOnError(shared_, *write);
+        recoverOnError(context_, *write);
     }
     // A write that ended in an error has no result: asking for it throws, which ends the set-up of a session
     // whose first grant failed. Without that grant the peripheral would stay silent for ever.
@@ -122,7 +122,7 @@ void IBLEIF::writeCharacteristicU16(const std::shared_ptr<platform::GattCharacte
     if (!write)
         throw platform::PlatformError(platform::kEFail, "No operation came back for a characteristic write");
     awaitOperation(*write, context_.stop);
-    const auto status = recoverOnError(shared_, *write);
+    const auto status = recoverOnError(context_, *write);
     if (status && *status != GattCommunicationStatus::success) {
         LOG_S(WARNING) << "Writing " << value << " to " << platform::toString(characteristic->uuid())
                        << " ended with status " << statusText(*status);
@@ -158,7 +158,7 @@ void IBLEIF::valueChanged(platform::GattCharacteristic* sender,
 }
 
 void IBLEIF::dataReceived(const platform::GattValueChangedEventArgs* args) {
-    context_.localCredits.fetch_sub(1);  // whatever the notification turns out to carry
+    context_.localCredits.fetch_sub(1);  // even when the notification carries nothing
     if (args == nullptr) {
         LOG_S(ERROR) << "__chValueChanged (TX_UUID) with NULL data!";
     } else if (!args->value.empty()) {
@@ -172,7 +172,7 @@ void IBLEIF::dataReceived(const platform::GattValueChangedEventArgs* args) {
 void IBLEIF::deliver(std::span<const std::uint8_t> bytes) {
     std::size_t taken = 0;
     if (CNamedPipe* const pipe = context_.dataPipe) {
-        // First: a client that has them all may ask for the figure at once.
+        // Counted first: a client that has all the bytes may ask for the figure at once.
         context_.rxBytes.fetch_add(bytes.size(), std::memory_order_relaxed);
         taken = pipe->writeBytes(bytes);
     } else {

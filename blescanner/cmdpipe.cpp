@@ -13,7 +13,7 @@ namespace blescanner {
 
 namespace {
 
-// The two kinds of write have different patience on purpose: replies are short, data is long.
+// Deliberately different: replies are short, data is long.
 constexpr std::int64_t kReplyMsPerCharacter = 100;
 constexpr std::int64_t kDataMsPerByte = 50;
 
@@ -42,7 +42,7 @@ void CNamedPipe::close() {
 
 void CNamedPipe::logClient() const {
     const auto client = pipe_->client();
-    // The session number, not the process number: that is what has always been shown here.
+    // Deliberate: the number of the client's session, not of its process.
     LOG_S(INFO) << "Client: (" << client.sessionId << "): " << platform::printable(client.computerName);
 }
 

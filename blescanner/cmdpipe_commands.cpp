@@ -29,8 +29,7 @@ std::uint32_t scanTimeout(const std::wstring& line) {
     std::wistringstream words(line);
     std::wstring command;
     words >> command >> std::ws;
-    // A stream reads a negative text as a huge unsigned number, which would keep the shell scanning for
-    // weeks.
+    // A stream would read a negative number as a huge unsigned one.
     std::uint32_t timeout = 0;
     if (words.peek() == L'-' || !(words >> timeout)) return 0;
     return timeout;
@@ -94,7 +93,7 @@ void CommandSet::closeDataPipe() {
 }
 
 void CommandSet::closeSession() {
-    // First: whoever wakes up because the pipe is closed finds the session stopped.
+    // Before the pipe is closed: a thread that this wakes finds the session stopped.
     stopLink(*currentTioContext());
     closeDataPipe();
 }
@@ -131,7 +130,7 @@ void CommandSet::leScan(const std::wstring& line) {
 
     const std::uint32_t timeout = scanTimeout(line);
     if (timeout < kShortestScanMs) {
-        // The bound itself is accepted, whatever the text says.
+        // Deliberate: the text says "larger than", but the bound itself is accepted.
         LOG_S(INFO) << "LE scan is only allowed if timeout is larger than " << kShortestScanMs;
         return;
     }

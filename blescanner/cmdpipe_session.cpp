@@ -25,17 +25,17 @@ namespace {
 
 enum class ClientOutcome { left, sentExit, programStopped };
 
-// A read that keeps failing for another reason than the client's leaving would otherwise keep the shell busy
-// for ever.
+// After so many failures in a row the client counts as gone. Otherwise a read that always fails would keep the
+// shell busy for ever.
 constexpr int kReadFailuresInARow = 3;
-// For a client that has been answered and takes its time to read.
+// How long a client may take to read what was written for it.
 constexpr auto kFlushBound = 5000ms;
 
 std::string messageOf(SystemError error) {
     return platform::systemMessage(platform::hresult(0x80070000U | platform::number(error)));
 }
 
-// Everything that one client may leave behind; closes the notification when the client's session is over.
+// Lines of the link are kept for the client while this lives.
 struct NotificationScope {
     NotificationScope() { linkNotification().open(); }
     ~NotificationScope() { linkNotification().close(); }
@@ -126,14 +126,14 @@ bool ShellSession::leSupported(bool queryRan, std::uint32_t leAdapters) {
     return false;
 }
 
-// Before the first client is waited for: one that has come already gets what is written next. Without one it
-// is lost.
+// Takes a client that is waiting already, so that it gets what is written next. Does not wait for one: without a
+// client the text is lost.
 void ShellSession::letClientIn() {
     shell_.startConnect(shell_.readRequest);
     shell_.cancel(shell_.readRequest);
 }
 
-// A client that leaves, or has to, gets what was written for it.
+// Disconnects the client once it has read what was written for it.
 void ShellSession::dropClient() {
     if (!shell_.flush(kFlushBound))
         LOG_S(WARNING) << "Command pipe: closed before the client had read all of it";
@@ -174,7 +174,7 @@ ClientOutcome ShellSession::serveClient() {
     } catch (...) {
         LOG_S(ERROR) << "Unknown exception in processing command!";
     }
-    // What the next client sends must not complete this one's read.
+    // Otherwise the first bytes of the next client would complete this client's read.
     shell_.cancel(shell_.readRequest);
     shell_.readRequest.event().reset();
     return outcome;

@@ -43,7 +43,7 @@ DetachedThreads& sessionThreads() {
     return instance;
 }
 
-// Inside a handler only.
+// Called inside a catch block only.
 void logCurrentException() {
     try {
         throw;
@@ -127,7 +127,7 @@ int lecommStart(std::shared_ptr<CNamedPipe> dataPipe, const std::wstring& addres
     } catch (...) {
         LOG_S(ERROR) << "Exception in lecommStart" << platform::number(platform::lastSystemError());
         logCurrentException();
-        // Without a thread the session must not look as if it ran.
+        // There is no thread that would end the session.
         if (context) endLink(*context);
     }
     return 0;
@@ -151,9 +151,9 @@ bool endLink(TioContext& context) {
     return context.dataPipe.exchange(nullptr) != nullptr;
 }
 
-void dropLink(const std::shared_ptr<TioContext>& context) {
+void dropLink(TioContext& context) {
     // Once, however many writes fail at the same moment.
-    if (endLink(*context)) notifyClient(*context, L"TIO DROP\r\n");
+    if (endLink(context)) notifyClient(context, L"TIO DROP\r\n");
 }
 
 void stopLink(TioContext& context) {

@@ -57,7 +57,8 @@ struct TioContext {
     std::mutex lineOrder;
     platform::Event creditsArrived;  // set by the value-changed handler, reset by the data pump
     ByteLoss lostToClient;
-    // Keeps the pipe alive for late users of dataPipe. Set before the session's threads exist.
+    // Keeps the pipe alive for a thread that has read dataPipe just before it was cleared. Set before the
+    // session's threads exist.
     std::shared_ptr<CNamedPipe> dataPipeOwner;
     std::vector<platform::Subscription> subscriptions;
     // Bytes of this session; they stay readable after its end, until the next one starts.
@@ -72,7 +73,7 @@ struct TioStatistics {
     std::int32_t remoteCreditsShown = 0;
 };
 
-// The latest session's; one that never ran before the first start. Never null. Any thread.
+// The latest session's; before the first one that of a session that never ran. Never null. Any thread.
 std::shared_ptr<TioContext> currentTioContext();
 
 // Ends the subscriptions, then releases the platform's objects and zeroes the rest; the byte counters stay.
@@ -100,20 +101,21 @@ void runDataPump(const std::shared_ptr<TioContext>& context);
 
 void onSessionStatusChanged(const std::shared_ptr<TioContext>& context, platform::GattSessionStatus status);
 
-// The session ends by itself: gives up its claim on the data pipe, once. True for the call that did it. Any
-// thread.
+// The session ends by itself and gives the data pipe up. True for the one call that did it. Any thread.
 bool endLink(TioContext& context);
 
 // The link is lost: ends the session and tells the client "TIO DROP", once. Any thread.
-void dropLink(const std::shared_ptr<TioContext>& context);
+void dropLink(TioContext& context);
 
-// The shell stops the session: for good, and with everything that is still to be told of it. Shell thread.
+// Stops the session for good, and takes back the lines that have not been delivered yet. Any thread, once the
+// session is the latest.
 void stopLink(TioContext& context);
 
-// Sends a line of this session to the command-pipe client, unless it has been stopped. Any thread.
+// Sends a line to the command-pipe client, unless the session has been stopped. Any thread.
 void notifyClient(TioContext& context, const wchar_t* line);
 
-// The same, unless the session has ended: such a line never follows the one that told the end. Any thread.
+// The same for a line that only a running session sends: it never follows the line that tells the end. Any
+// thread.
 void notifyWhileLinked(TioContext& context, const wchar_t* line);
 
 // True once every session thread has ended, false when the time was over before. Any thread.

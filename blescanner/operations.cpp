@@ -35,8 +35,7 @@ void awaitOperation(const platform::AsyncInfo& operation, const StopSignal& stop
     }
 }
 
-std::optional<GattCommunicationStatus> recoverOnError(const std::shared_ptr<TioContext>& context,
-                                                      GattWriteOperation& operation) {
+std::optional<GattCommunicationStatus> recoverOnError(TioContext& context, GattWriteOperation& operation) {
     if (operation.status() != AsyncStatus::error) {
         const GattCommunicationStatus status = operation.getResults();
         if (status == GattCommunicationStatus::unreachable) {

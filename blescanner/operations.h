@@ -1,7 +1,6 @@
 // Asynchronous operations of the platform: waiting for their end, and what a failed write means for the link.
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -25,7 +24,7 @@ using GattWriteOperation = platform::AsyncOperation<platform::GattCommunicationS
 // session's claim on the data pipe and tells the client "TIO DROP", once. Returns the write's status; nothing
 // when it failed with an error. Throws PlatformError where the platform refuses the result (a cancelled
 // write). Any thread.
-std::optional<platform::GattCommunicationStatus> recoverOnError(const std::shared_ptr<TioContext>& context,
+std::optional<platform::GattCommunicationStatus> recoverOnError(TioContext& context,
                                                                 GattWriteOperation& operation);
 
 // Number and name of a status, for the log: "1 (unreachable)".
