@@ -89,8 +89,8 @@ void IBLEIF::grantCredits(const std::shared_ptr<platform::GattCharacteristic>& c
         awaitOperation(*write, context_.stop);
         recoverOnError(context_, *write);
     }
-    // A write that ended in an error has no result: asking for it throws, which ends the set-up of a session
-    // whose first grant failed. Without that grant the peripheral would stay silent for ever.
+    // Throws when the write ended in an error. During the set-up this ends the session, which is meant: a
+    // peripheral without its first credits stays silent for ever.
     const GattCommunicationStatus status = write->getResults();
     if (status == GattCommunicationStatus::success) return;
     LOG_S(ERROR) << "Error setting credits!";

@@ -76,7 +76,7 @@ bool BLEIFModern::findDevice(const platform::Guid& serviceUuid, std::uint64_t ad
     return false;
 }
 
-// Nothing: no operation came back.
+// Returns nothing when no operation came back.
 std::optional<platform::GattDeviceServicesResult> BLEIFModern::lookUpService(
     const platform::Guid& serviceUuid) {
     const auto lookUp = context().device->getGattServicesForUuidAsync(serviceUuid);
@@ -92,7 +92,7 @@ std::optional<platform::GattDeviceServicesResult> BLEIFModern::lookUpService(
     return result;
 }
 
-// The listing is asked for only to make the platform read the device's services again; true when it shows the
+// Lists all services, only to make the platform read them from the device again. True when the list has the
 // wanted one.
 bool BLEIFModern::refreshServices(const platform::Guid& serviceUuid, bool cached) {
     LOG_S(INFO) << "Trigger workaround to refresh GATT services...";

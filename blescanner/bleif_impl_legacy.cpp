@@ -15,7 +15,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// By value of the outcome. The wording is fixed, slips included: support scripts look for it.
+// Indexed by the outcome's value. The slips in the wording are deliberate: support scripts look for these
+// texts.
 constexpr std::array<const wchar_t*, 20> kPairingResults = {
     L"The device object is now paired.",
     L"The device object is not in a state where it can be paired.",
@@ -62,7 +63,7 @@ bool pairDevice(platform::DeviceInformation& device, const StopSignal& stop) {
         return false;
     }
     LOG_S(INFO) << "Preparing for customized connectiong...";
-    // Ends with the ceremony: nobody answers for this device afterwards.
+    // The handler answers for as long as this ceremony lasts.
     const auto handler = custom->onPairingRequested(onPairingRequested);
     const auto ceremony = custom->pairAsync(platform::DevicePairingKinds::confirmOnly,
                                             platform::DevicePairingProtectionLevel::none);
@@ -167,7 +168,7 @@ std::shared_ptr<platform::GattDeviceService> BLEIFLegacy::getService(const platf
     return nullptr;
 }
 
-// What the device is known to have; asked anew, once, where nothing is known.
+// The services that the platform knows of. When it knows of none, the device is asked once.
 std::vector<std::shared_ptr<platform::GattDeviceService>> BLEIFLegacy::listServices() {
     LOG_S(INFO) << "Retrieving available GATT services (ALL)...";
     auto known = context().device->gattServices();

@@ -12,14 +12,15 @@
 
 namespace blescanner {
 
-// The server end of one local pipe. The pipe is made once per object; a new connection of the data pipe gets
-// a new object, so that whoever still holds the old one finds it closed instead of finding its successor.
+// The server end of one local pipe. An object is created once and closed once. Each link session has a data
+// pipe object of its own: a thread of an earlier session finds its pipe closed, and never writes into the
+// next one.
 //
 // Threads: close() and clientLeft() from any thread at any time. Apart from that one thread reads (or
 // connects) and one thread writes.
 class CNamedPipe {
   public:
-    // Creates the pipe; afterwards isOpen() tells whether that went well.
+    // Creates the pipe. After an error isOpen() is false.
     platform::SystemError create(const std::wstring& name);
 
     bool isOpen() const { return pipe_ && pipe_->isOpen(); }
@@ -41,11 +42,10 @@ class CNamedPipe {
     platform::IoResult startRead(platform::IoRequest& request, std::span<std::uint8_t> buffer);
     platform::IoResult result(platform::IoRequest& request);
     platform::IoResult cancel(platform::IoRequest& request);
-    // Gives the client up to the bound to read what was written; one that does not is dropped. True when
-    // nothing was left unread.
+    // Waits, up to the bound, until the client has read what was written. False: it has not, and was dropped.
     bool flush(std::chrono::milliseconds bound);
     void disconnect();
-    // Nobody is at the other end any more.
+    // No client holds the other end.
     bool clientLeft() const;
 
     platform::IoRequest readRequest;
@@ -58,8 +58,7 @@ class CNamedPipe {
     platform::IoRequest writeRequest_;
 };
 
-// Creates the data pipe under the name from the settings. A failure is logged and leaves the endpoint not
-// open.
+// Creates the data pipe under the name from the settings. A failure is logged; the endpoint is then not open.
 std::shared_ptr<CNamedPipe> createDataPipe();
 
 // Body of the shell thread: creates the command pipe, makes sure that Bluetooth is usable and serves one

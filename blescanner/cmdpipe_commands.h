@@ -11,18 +11,18 @@
 
 namespace blescanner {
 
-// What follows from a command.
+// What the session does after a command.
 enum class CommandResult { goOn = 0, clientQuits = -1, programEnds = -2 };
 
-// Executes command lines on the shell thread. Owns the data pipe's endpoint: "connect" makes it, and whatever
-// stops the link closes it.
+// Executes command lines on the shell thread. Owns the data pipe's endpoint: "connect" creates it, and every
+// stop of the link closes it.
 class CommandSet {
   public:
     // Replies go to `shell`, which must outlive this.
     explicit CommandSet(CNamedPipe& shell) : shell_(shell) {}
 
-    // Takes bytes as they were read; runs every line that they complete. Stops at a line that ends the
-    // session. Exceptions of the platform reach the caller.
+    // Takes bytes as they were read, and executes every line that they complete, up to one that ends the
+    // session. Throws PlatformError, and Stopped at the program's end.
     CommandResult dispatch(std::span<const std::uint8_t> bytes, LineAccumulator& line);
 
     // Closes the data pipe if it is open.

@@ -25,8 +25,8 @@ namespace {
 
 enum class ClientOutcome { left, sentExit, programStopped };
 
-// After so many failures in a row the client counts as gone. Otherwise a read that always fails would keep the
-// shell busy for ever.
+// After so many failures in a row the client counts as gone. Otherwise a read that always fails would keep
+// the shell busy for ever.
 constexpr int kReadFailuresInARow = 3;
 // How long a client may take to read what was written for it.
 constexpr auto kFlushBound = 5000ms;
@@ -126,8 +126,8 @@ bool ShellSession::leSupported(bool queryRan, std::uint32_t leAdapters) {
     return false;
 }
 
-// Takes a client that is waiting already, so that it gets what is written next. Does not wait for one: without a
-// client the text is lost.
+// Takes a client that is waiting already, so that it gets what is written next. Does not wait for one:
+// without a client the text is lost.
 void ShellSession::letClientIn() {
     shell_.startConnect(shell_.readRequest);
     shell_.cancel(shell_.readRequest);

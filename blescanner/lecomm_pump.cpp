@@ -69,8 +69,8 @@ class UnsentBytes {
     std::size_t left;
 };
 
-// A read that is still pending must not outlive its buffer. One that has finished meanwhile has taken bytes from the
-// client that will not be sent.
+// A read that is still pending must not outlive its buffer. One that has finished meanwhile has taken bytes
+// from the client that will not be sent.
 DataPump::~DataPump() {
     const platform::IoResult last = pipe_->cancel(request_);
     const UnsentBytes unsent(reading_ && last.error == SystemError::none ? last.bytes : 0);

@@ -25,7 +25,7 @@ constexpr std::uint32_t kPrepareTimeoutMs = 30000;
 class CommSession {
   public:
     explicit CommSession(const std::shared_ptr<TioContext>& context) : shared_(context), context_(*context) {}
-    // The interface is the value-changed handlers' and must not go before them.
+    // First, because the value-changed handlers use the interface object.
     ~CommSession() { context_.subscriptions.clear(); }
     CommSession(const CommSession&) = delete;
     CommSession& operator=(const CommSession&) = delete;
@@ -42,8 +42,7 @@ class CommSession {
     void serviceMissing();
     void awaitStop();
     void release();
-    // Ends the session's claim on the data pipe, then tells the client: one that acts on the line finds the
-    // link stopped.
+    // Ends the session, then tells the client: a client that acts on the line finds the session ended.
     void fail(const wchar_t* line);
 
     std::shared_ptr<TioContext> shared_;
@@ -99,7 +98,7 @@ void CommSession::run(const std::wstring& addressText) {
 
 void CommSession::setUp(std::uint64_t address) {
     context_.stop.check();
-    // The result is not looked at: a connection that could not be prepared shows as a missing service.
+    // The result does not matter: without a connection there will be no service.
     interface_->prepareConnection(address, kPrepareTimeoutMs);
     context_.stop.check();
     context_.service = interface_->getService(context_.serviceUuid, address);
@@ -153,8 +152,7 @@ void CommSession::retrieveCharacteristics() {
     context_.rxmtuChar = retrieve("RX MTU", context_.rxmtuUuid);
 }
 
-// A characteristic that the peripheral lacks is left out: the link then runs without what it would have
-// carried.
+// Leaves out the characteristics that the peripheral lacks: the link runs without them.
 void CommSession::subscribe() {
     if (context_.txmtuChar) {
         LOG_S(INFO) << "Setting subscriptions (TX MTU)...";
@@ -193,12 +191,12 @@ void abandon(const std::shared_ptr<TioContext>& context, const char* logLine) {
 }  // namespace
 
 void commThread(const std::shared_ptr<TioContext>& context, const std::wstring& address) {
-    // Outlives what it throws: the client is told before the handlers are waited for, and one of them may be
-    // writing to a client that does not read.
+    // Outside the try block: its end waits for the handlers, of which one may be writing to a client that
+    // does not read. A failure is told before that.
     CommSession session(context);
     try {
         session.run(address);
-        resetTioContext(*context);  // what a failed set-up has gathered
+        resetTioContext(*context);  // releases what a failed set-up has stored
     } catch (const platform::PlatformError& error) {
         LOG_S(ERROR) << describe(error) << ":" << platform::printable(error.what());
         abandon(context, "commThread TERM!");

@@ -26,7 +26,7 @@ namespace {
 constexpr milliseconds kFakeScanDuration{500};
 constexpr milliseconds kStopTime{200};
 
-// What a scan has found. Shared with its callback, so that an advertisement that comes late is harmless.
+// What a scan has found. The callback shares the ownership, so an advertisement that comes late does no harm.
 class ScanEntries {
   public:
     void add(std::wstring entry) {
@@ -79,7 +79,7 @@ void handleAdvertisement(const AdvertisementReceivedEventArgs* args, ScanEntries
 void triggerFakeScanEvent() {
     const auto watcher = platform::createAdvertisementWatcher();
     watcher->setScanningMode(ScanningMode::passive);
-    // Without a handler the platform does not scan at all.
+    // The platform scans only while a handler is registered.
     const auto received = watcher->onReceived([](const AdvertisementReceivedEventArgs*) {});
     watcher->start();
     platform::sleepFor(kFakeScanDuration);
