@@ -17,10 +17,10 @@ namespace fs = std::filesystem;
 
 const std::string kHelp =
     "Allowed options:\n"
-    "-h, --help         Display use information\n"
-    "-c, --cmdPipe arg  Command pipe [default \\\\.\\\\pipe\\ZIQBLESh]\n"
-    "-d, --datPipe arg  Data pipe    [default \\\\.\\\\pipe\\ZIQBLECOM]\n"
-    "-f, --logfile arg  Log to file in addition to stdout [default is none]\n";
+    "  -h, --help         Display use information\n"
+    "  -c, --cmdPipe arg  Command pipe [default \\\\.\\\\pipe\\ZIQBLESh]\n"
+    "  -d, --datPipe arg  Data pipe    [default \\\\.\\\\pipe\\ZIQBLECOM]\n"
+    "  -f, --logfile arg  Log to file in addition to stdout [default is none]\n";
 
 // Runs in an empty directory of its own.
 class OptionsTest : public testing::Test {

@@ -2,10 +2,10 @@
 #include <algorithm>
 #include <loguru.hpp>
 
-#include "address.h"
 #include "discovery.h"
 #include "error.h"
 #include "gatt.h"
+#include "platform/address.h"
 
 namespace bluez {
 
@@ -83,7 +83,7 @@ std::optional<std::string> knownDevice(const ObjectTree& tree, const std::string
 
 DevicePtr findDevice(std::uint64_t address) {
     const auto bus = Bus::current();
-    const std::string text = addressText(address);
+    const std::string text = platform::formatAddress(address, platform::LetterCase::upper);
     auto path = bus->objects().read([&](const ObjectTree& tree) { return knownDevice(tree, text); });
     if (!path) {
         const Discovery discovery(bus);

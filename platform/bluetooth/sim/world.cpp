@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/address.h"
 #include "platform/clock.h"
 #include "platform/text.h"
 #include "radio.h"
@@ -24,7 +25,7 @@ std::string summaryLine(const TioPeripheral& peripheral) {
         return first + std::to_string(one) + second + std::to_string(two);
     };
     return "sim: " + platform::printable(peripheral.scenario().name) + " (" +
-           addressText(peripheral.scenario().address) +
+           platform::formatAddress(peripheral.scenario().address, platform::LetterCase::upper) +
            "): " + pair("in ", counters.bytesIn, " bytes, out ", counters.bytesOut) + " bytes, " +
            pair("credits granted ", counters.creditsGranted, " used ", counters.creditsUsed) + ", " +
            pair("host credits granted ", counters.hostCreditsGranted, " used ", counters.hostCreditsUsed) +
@@ -40,13 +41,13 @@ std::shared_ptr<World> World::create(Scenario scenario) {
         for (const auto& radio : *world->scenario_.radios)
             world->radios_->push_back(makeRadio(radio, world));
     }
-    world->backstage_->setBluetoothOn(world->anyBluetoothRadioOn());
+    world->runtime_->setBluetoothOn(world->anyBluetoothRadioOn());
     return world;
 }
 
 World::World(Scenario scenario) : scenario_(std::move(scenario)) {
     for (const auto& peripheral : scenario_.peripherals) {
-        peripherals_.push_back(std::make_shared<TioPeripheral>(peripheral, backstage_));
+        peripherals_.push_back(std::make_shared<TioPeripheral>(peripheral, runtime_));
     }
 }
 
@@ -69,7 +70,7 @@ bool World::anyBluetoothRadioOn() const {
 }
 
 void World::radioChanged(platform::RadioState before, platform::RadioState now) {
-    backstage_->setBluetoothOn(anyBluetoothRadioOn());
+    runtime_->setBluetoothOn(anyBluetoothRadioOn());
     if (before == platform::RadioState::on && now != platform::RadioState::on) dropLinks();
 }
 
@@ -99,8 +100,8 @@ std::vector<std::vector<std::uint8_t>> World::scanCommands() const {
 }
 
 void World::end() {
-    backstage_->end();
-    backstage_->setBluetoothOn(false);
+    runtime_->end();
+    runtime_->setBluetoothOn(false);
     dropLinks();
 }
 

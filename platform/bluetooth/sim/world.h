@@ -11,10 +11,10 @@
 #include <string_view>
 #include <vector>
 
-#include "backstage.h"
 #include "peripheral.h"
 #include "platform/radio.h"
 #include "scenario.h"
+#include "world_runtime.h"
 
 namespace sim {
 
@@ -23,7 +23,7 @@ class World {
     static std::shared_ptr<World> create(Scenario scenario);
 
     const Scenario& scenario() const { return scenario_; }
-    const std::shared_ptr<Backstage>& backstage() const { return backstage_; }
+    const std::shared_ptr<WorldRuntime>& runtime() const { return runtime_; }
 
     // In the order of the scenario.
     TioPeripheral& peripheral(std::size_t index) const { return *peripherals_.at(index); }
@@ -56,7 +56,7 @@ class World {
     void dropLinks();
 
     const Scenario scenario_;
-    const std::shared_ptr<Backstage> backstage_ = std::make_shared<Backstage>();
+    const std::shared_ptr<WorldRuntime> runtime_ = std::make_shared<WorldRuntime>();
     std::vector<std::shared_ptr<TioPeripheral>> peripherals_;
     platform::RadioList radios_;
     mutable std::mutex requestsMutex_;

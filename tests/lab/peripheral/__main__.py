@@ -153,7 +153,7 @@ class Peripheral:
             return
         for one in self.writable():
             one.drain()
-        self.advertiser.heed(bool(properties["Connected"]))
+        self.advertiser.connection_changed(bool(properties["Connected"]))
         if properties["Connected"]:
             self.tio.begin_connection()
 
