@@ -42,7 +42,7 @@ bool walkBluetoothRadios(const char* namelessText, const RadioVisitor& visit) {
     LOG_S(INFO) << "Found " << radios->size() << " radio objects";
     for (const auto& radio : *radios) {
         LOG_S(INFO) << "Checking radio object...";
-        const std::string name = platform::toUtf8(radio->name());
+        const std::string name = platform::printable(radio->name());
         LOG_S(INFO) << (name.empty() ? namelessText : "Radio object is " + name);
         if (radio->kind() != RadioKind::bluetooth) {
             LOG_S(INFO) << "Found radio device which is not Bluetooth!";
