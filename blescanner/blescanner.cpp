@@ -5,11 +5,13 @@
 #include <cstdlib>
 #include <exception>
 #include <loguru.hpp>
+#include <string_view>
 #include <thread>
 
 #include "blehelper.h"
 #include "cmdpipe.h"
 #include "lecomm.h"
+#include "log_writer.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
 #include "platform/version.h"
@@ -21,6 +23,17 @@ namespace {
 
 constexpr const char* kVersion = ZIQBLE_VERSION;
 constexpr std::chrono::seconds kLastCallTime{2};
+constexpr std::chrono::seconds kLastOutputTime{2};
+
+// Only the writer's thread uses the stream.
+LogWriter& standardOutput() {
+    // Never destroyed: it may hang in a write, and detached threads may log until the process has gone.
+    static LogWriter& writer = *new LogWriter([](std::string_view lines) {
+        const bool taken = std::fwrite(lines.data(), 1, lines.size(), stdout) == lines.size();
+        return std::fflush(stdout) == 0 && taken;
+    });
+    return writer;
+}
 
 void logToStandardOutput(void*, const loguru::Message& line) {
     print(std::string(line.preamble) + line.indentation + line.prefix + line.message + '\n');
@@ -91,18 +104,20 @@ void runBridge(const std::vector<std::string>& arguments) {
 void endProcessUnderHangingCall() {
     if (waitForLinkSessions(kLastCallTime) && waitForScanConfigThread(kLastCallTime)) return;
     loguru::flush();
-    std::fflush(stdout);
+    finishOutput();
     std::_Exit(0);
 }
 
 }  // namespace
 
 // Narrow throughout, also for texts that are wide in the program: a stream of a POSIX host is either narrow
-// or wide for its whole life, and wide output in the C locale ends at the first character beyond ASCII. One
-// call writes one text, so that lines of several threads stay whole.
+// or wide for its whole life, and wide output in the C locale ends at the first character beyond ASCII.
 void print(std::string_view utf8) {
-    std::fwrite(utf8.data(), 1, utf8.size(), stdout);
-    std::fflush(stdout);
+    standardOutput().push(utf8);
+}
+
+bool finishOutput() {
+    return standardOutput().drain(kLastOutputTime);
 }
 
 bool isOlderThanThresholdBuild() {
@@ -123,19 +138,21 @@ int runProgram(const std::vector<std::string>& arguments) {
     setUpLogging();
     const platform::HostRuntime host;
     if (!host.ready()) return 0;
+    int exitCode = 0;
     try {
         runBridge(arguments);
     } catch (const platform::BluetoothConfigError& error) {
         std::fprintf(stderr, "ZIQBLEConnect: %s\n", error.what());
-        return 2;
+        exitCode = 2;
     } catch (const std::exception& error) {
-        print(std::string(*error.what() ? error.what() : "Unknown exception") + '\n');
+        print(platform::printable(*error.what() ? error.what() : "Unknown exception") + '\n');
     } catch (...) {
         print("Unknown exception in main! Terminating application...\n");
     }
     endProcessUnderHangingCall();
     loguru::remove_all_callbacks();
-    return 0;
+    if (!finishOutput()) std::_Exit(exitCode);  // an orderly end would wait for the stream
+    return exitCode;
 }
 
 }  // namespace blescanner
