@@ -76,6 +76,9 @@ void shellThread() {
     } catch (const platform::PlatformError& error) {
         LOG_S(ERROR) << kFatal;
         LOG_S(ERROR) << describe(error);
+    } catch (const std::exception& error) {
+        LOG_S(ERROR) << kFatal;
+        LOG_S(ERROR) << platform::printable(error.what());
     } catch (...) {
         LOG_S(ERROR) << kFatal;
     }
