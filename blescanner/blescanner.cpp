@@ -50,8 +50,8 @@ void setUpLogging() {
     int argumentCount = 1;
     loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
     loguru::init(argumentCount, arguments);
-    loguru::g_preamble_date = false;
-    loguru::g_preamble_time = false;
+    const char* const wanted = std::getenv("ZIQBLE_LOG_TIME");
+    loguru::g_preamble_date = loguru::g_preamble_time = wanted && std::string_view(wanted) == "1";
     loguru::g_preamble_uptime = false;
     loguru::g_preamble_thread = false;
     loguru::add_callback("stdout", logToStandardOutput, nullptr, loguru::Verbosity_INFO);
