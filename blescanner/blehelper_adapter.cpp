@@ -44,7 +44,8 @@ void logProtocolSupport(const RadioVersionInfo& info) {
         LOG_S(WARNING) << "Unknown LMP version found" << info.lmpVersion;
     } else if (const auto version = static_cast<std::size_t>(info.lmpVersion);
                version < kBluetoothVersions.size()) {
-        LOG_S(INFO) << platform::toUtf8(info.name) << " supports Bluetooth " << kBluetoothVersions[version];
+        LOG_S(INFO) << platform::printable(info.name) << " supports Bluetooth "
+                    << kBluetoothVersions[version];
     } else {
         LOG_S(INFO) << "Looks like newer LMP version is found" << info.lmpVersion;
     }

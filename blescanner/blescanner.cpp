@@ -6,11 +6,13 @@
 #include <cstdlib>
 #include <exception>
 #include <loguru.hpp>
+#include <string_view>
 
 #include "blehelper.h"
 #include "cmdpipe.h"
 #include "detached_threads.h"
 #include "lecomm.h"
+#include "log_writer.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
 #include "platform/version.h"
@@ -25,6 +27,17 @@ constexpr const char* kVersion = ZIQBLE_VERSION;
 // and the time that the log's reader gets.
 constexpr std::chrono::milliseconds kWindDownTime{2000};
 constexpr std::chrono::milliseconds kCancelTime{100};
+constexpr std::chrono::seconds kLastOutputTime{2};
+
+// Only the writer's thread uses the stream.
+LogWriter& standardOutput() {
+    // Never destroyed: it may hang in a write, and detached threads may log until the process has gone.
+    static LogWriter& writer = *new LogWriter([](std::string_view lines) {
+        const bool taken = std::fwrite(lines.data(), 1, lines.size(), stdout) == lines.size();
+        return std::fflush(stdout) == 0 && taken;
+    });
+    return writer;
+}
 
 void logToStandardOutput(void*, const loguru::Message& line) {
     print(std::string(line.preamble) + line.indentation + line.prefix + line.message + '\n');
@@ -41,8 +54,8 @@ void setUpLogging() {
     int argumentCount = 1;
     loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
     loguru::init(argumentCount, arguments);
-    loguru::g_preamble_date = false;
-    loguru::g_preamble_time = false;
+    const char* const wanted = std::getenv("ZIQBLE_LOG_TIME");
+    loguru::g_preamble_date = loguru::g_preamble_time = wanted && std::string_view(wanted) == "1";
     loguru::g_preamble_uptime = false;
     loguru::g_preamble_thread = false;
     loguru::add_callback("stdout", logToStandardOutput, nullptr, loguru::Verbosity_INFO);
@@ -67,6 +80,9 @@ void shellThread() {
     } catch (const platform::PlatformError& error) {
         LOG_S(ERROR) << kFatal;
         LOG_S(ERROR) << describe(error);
+    } catch (const std::exception& error) {
+        LOG_S(ERROR) << kFatal;
+        LOG_S(ERROR) << platform::printable(error.what());
     } catch (...) {
         LOG_S(ERROR) << kFatal;
     }
@@ -126,18 +142,20 @@ void endProcessUnderHangingCall() {
         return;
     }
     loguru::flush();
-    std::fflush(stdout);
+    finishOutput();
     std::_Exit(0);
 }
 
 }  // namespace
 
 // Narrow throughout, also for texts that are wide in the program: a stream of a POSIX host is either narrow
-// or wide for its whole life, and wide output in the C locale ends at the first character beyond ASCII. One
-// call writes one text, so that lines of several threads stay whole.
+// or wide for its whole life, and wide output in the C locale ends at the first character beyond ASCII.
 void print(std::string_view utf8) {
-    std::fwrite(utf8.data(), 1, utf8.size(), stdout);
-    std::fflush(stdout);
+    standardOutput().push(utf8);
+}
+
+bool finishOutput() {
+    return standardOutput().drain(kLastOutputTime);
 }
 
 bool isOlderThanThresholdBuild() {
@@ -158,19 +176,21 @@ int runProgram(const std::vector<std::string>& arguments) {
     setUpLogging();
     const platform::HostRuntime host;
     if (!host.ready()) return 0;
+    int exitCode = 0;
     try {
         runBridge(arguments);
     } catch (const platform::BluetoothConfigError& error) {
         std::fprintf(stderr, "ZIQBLEConnect: %s\n", error.what());
-        return 2;
+        exitCode = 2;
     } catch (const std::exception& error) {
-        print(std::string(*error.what() ? error.what() : "Unknown exception") + '\n');
+        print(platform::printable(*error.what() ? error.what() : "Unknown exception") + '\n');
     } catch (...) {
         print("Unknown exception in main! Terminating application...\n");
     }
     endProcessUnderHangingCall();
     loguru::remove_all_callbacks();
-    return 0;
+    if (!finishOutput()) std::_Exit(exitCode);  // an orderly end would wait for the stream
+    return exitCode;
 }
 
 }  // namespace blescanner

@@ -18,8 +18,12 @@ bool isOlderThanThresholdBuild();
 // For example "10.0.19041". Any thread.
 std::wstring windowsVersionText();
 
-// Writes to standard output at once. Any thread; texts of several threads are not mixed.
+// Writes to standard output, in the order of the calls and without waiting for its reader. Any thread.
 void print(std::string_view utf8);
+
+// Waits until all that was printed and logged is written. False: standard output did not take it in time. A
+// thread then hangs in the output stream and holds its lock: the process may end by _Exit only.
+bool finishOutput();
 
 // The whole program, from start-up to "Goodbye!". Once, on the main thread. Returns the exit code: 0, or 2
 // when the Bluetooth side rejects its configuration.

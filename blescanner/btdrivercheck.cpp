@@ -16,8 +16,8 @@ namespace blescanner {
 
 using platform::CalendarTime;
 using platform::DriverInfo;
+using platform::printable;
 using platform::SystemError;
-using platform::toUtf8;
 
 namespace {
 
@@ -45,11 +45,11 @@ std::wstring versionText(std::uint64_t version) {
 
 void logDriver(const DriverInfo& driver, const CalendarTime& date) {
     LOG_S(INFO) << "---------------";
-    LOG_S(INFO) << "Driver description " << toUtf8(driver.description);
-    LOG_S(INFO) << "Driver manufacturer " << toUtf8(driver.manufacturer);
-    LOG_S(INFO) << "Driver provider " << toUtf8(driver.provider);
-    LOG_S(INFO) << "Driver date is " << toUtf8(platform::formatLongDateAndTime(date));
-    LOG_S(INFO) << "Driver version is " << toUtf8(versionText(driver.version));
+    LOG_S(INFO) << "Driver description " << printable(driver.description);
+    LOG_S(INFO) << "Driver manufacturer " << printable(driver.manufacturer);
+    LOG_S(INFO) << "Driver provider " << printable(driver.provider);
+    LOG_S(INFO) << "Driver date is " << printable(platform::formatLongDateAndTime(date));
+    LOG_S(INFO) << "Driver version is " << printable(versionText(driver.version));
 }
 
 bool isSuperseded(const DriverInfo& driver, const std::vector<DriverInfo>& seen) {
@@ -73,15 +73,15 @@ bool isDoubtfulIntelDriver(const DriverInfo& driver, const CalendarTime& date) {
 void warnOfAge(const DriverInfo& driver) {
     const auto date = platform::toCalendarTime(platform::toLocalFileTime(driver.date));
     LOG_S(WARNING) << "[WARNING] It is recommended to check for new Bluetooth \""
-                   << toUtf8(driver.manufacturer) << ":" << toUtf8(driver.provider) << ":"
-                   << toUtf8(platform::formatLongDateAndTime(date)) << "\" driver version and update!";
+                   << printable(driver.manufacturer) << ":" << printable(driver.provider) << ":"
+                   << printable(platform::formatLongDateAndTime(date)) << "\" driver version and update!";
 }
 
 void warnIfKnown(const DriverInfo& driver, const std::wstring& version, const DriversDb& driversDb) {
     const auto entry = driversDb.find(driver.manufacturer + L"#" + version);
     if (entry == driversDb.end()) return;
-    LOG_S(WARNING) << "[WARNING] Bluetooth driver \"" << toUtf8(driver.manufacturer) << ":"
-                   << toUtf8(driver.provider) << "\" may require an update! " << toUtf8(entry->second);
+    LOG_S(WARNING) << "[WARNING] Bluetooth driver \"" << printable(driver.manufacturer) << ":"
+                   << printable(driver.provider) << "\" may require an update! " << printable(entry->second);
 }
 
 // `seen`: the drivers of the same device so far, their dates in local time.

@@ -168,7 +168,7 @@ std::wstring CommandSet::bluetoothStats() const {
     if (enumerateRadioVersions(adapters)) {
         leList << L";LE=";
         for (const RadioVersionInfo& adapter : adapters) {
-            leList << withoutLineEnds(adapter.name) << L"+" << adapter.lmpVersion << L"|";
+            leList << withoutControlCharacters(adapter.name) << L"+" << adapter.lmpVersion << L"|";
             leSupported = leSupported || adapter.lmpVersion >= kLowestLeLmpVersion;
         }
     }

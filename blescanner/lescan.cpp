@@ -70,7 +70,7 @@ void handleAdvertisement(const AdvertisementReceivedEventArgs* args, ScanEntries
     const std::string address = platform::formatAddress(args->bluetoothAddress);
     LOG_S(INFO) << millisecondsNow() << ": Target service found on device: " << address;
     std::wstring entry = platform::widen(address);
-    if (!args->localName.empty()) entry += L";" + withoutLineEnds(args->localName);
+    if (!args->localName.empty()) entry += L";" + withoutControlCharacters(args->localName);
     entries.add(std::move(entry));
 }
 

@@ -101,17 +101,6 @@ void appendEscape(std::string& text, char32_t control) {
     text += escape;
 }
 
-template <class View>
-std::string withEscapes(View text) {
-    std::string utf8;
-    utf8.reserve(text.size());
-    while (!text.empty()) {
-        const char32_t codePoint = takeCodePoint(text);
-        isControl(codePoint) ? appendEscape(utf8, codePoint) : appendUtf8(utf8, codePoint);
-    }
-    return utf8;
-}
-
 }  // namespace
 
 std::wstring widen(std::string_view utf8) {
@@ -131,10 +120,17 @@ std::string toUtf8(std::wstring_view text) {
 }
 
 std::string printable(std::wstring_view text) {
-    return withEscapes(text);
+    std::string utf8;
+    utf8.reserve(text.size());
+    while (!text.empty()) {
+        const char32_t codePoint = takeCodePoint(text);
+        isControl(codePoint) ? appendEscape(utf8, codePoint) : appendUtf8(utf8, codePoint);
+    }
+    return utf8;
 }
+
 std::string printable(std::string_view utf8) {
-    return withEscapes(utf8);
+    return printable(widen(utf8));
 }
 
 }  // namespace platform

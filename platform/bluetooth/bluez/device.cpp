@@ -6,6 +6,7 @@
 #include "error.h"
 #include "gatt.h"
 #include "platform/address.h"
+#include "platform/text.h"
 
 namespace bluez {
 
@@ -59,7 +60,7 @@ class Device final : public platform::BluetoothLEDevice {
         } catch (const PlatformError& error) {
             // The status alone does not tell a person what to look for.
             LOG_S(WARNING) << "[WARNING] Bluetooth: the peripheral's services could not be had: "
-                           << error.what();
+                           << platform::printable(error.what());
             return {statusOf(error), {}};
         }
     }
