@@ -128,7 +128,7 @@ std::string toUtf8Text(const std::string& bytes) {
         const auto low = static_cast<unsigned char>(bytes[bigEndian ? at + 1 : at]);
         text += static_cast<wchar_t>(high << 8 | low);
     }
-    return toUtf8(text);
+    return platform::toUtf8(text);
 }
 
 }  // namespace
@@ -138,7 +138,7 @@ DriversDb parseDriversDb(const std::string& bytes, const std::string& fileName) 
     std::size_t unreadable = 0;
     std::istringstream lines(toUtf8Text(bytes));
     for (std::string line; std::getline(lines, line);) {
-        if (toUtf8(platform::widen(line)) != line) {
+        if (platform::toUtf8(platform::widen(line)) != line) {
             ++unreadable;
             continue;
         }

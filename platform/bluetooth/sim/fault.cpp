@@ -51,6 +51,7 @@ std::optional<FaultPoint> parseFaultPoint(std::string_view text) {
     if (text == "characteristics") return FaultPoint{Call::characteristics};
     if (text == "pair") return FaultPoint{Call::pair};
     if (text == "session") return FaultPoint{Call::session};
+    if (text == "radios") return FaultPoint{Call::radios};
     if (text == "notify:TX") return FaultPoint{Call::notify, CharacteristicKind::tx};
 
     const auto colon = text.find(':');
@@ -76,10 +77,12 @@ std::optional<Fault> parseFault(std::string_view text) {
 bool isPossible(const FaultPoint& point, FaultAction action) {
     using enum FaultAction;
     const bool session = point.call == FaultPoint::Call::session;
+    const bool radios = point.call == FaultPoint::Call::radios;
     switch (action) {
-        case disconnect:
         case hang:
             return true;
+        case disconnect:
+            return !radios;
         case null:
         case noOperation:
             return !session;
@@ -87,10 +90,11 @@ bool isPossible(const FaultPoint& point, FaultAction action) {
         case throwError:
             return point.call != FaultPoint::Call::notify;
         case cancel:
+            return point.call != FaultPoint::Call::notify && !session;
         case unreachable:
         case protocolError:
         case accessDenied:
-            return point.call != FaultPoint::Call::notify && !session;
+            return point.call != FaultPoint::Call::notify && !session && !radios;
     }
     return false;
 }

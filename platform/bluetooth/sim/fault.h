@@ -22,7 +22,8 @@ struct FaultPoint {
         write,
         notify,
         pair,
-        session
+        session,
+        radios  // of the world, the others of a peripheral
     };
 
     Call call = Call::device;

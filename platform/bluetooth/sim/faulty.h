@@ -8,6 +8,7 @@
 #include "peripheral.h"
 #include "platform/gatt.h"
 #include "platform/pairing.h"
+#include "platform/radio.h"
 
 namespace sim {
 
@@ -21,6 +22,11 @@ struct FaultyResult<std::shared_ptr<platform::BluetoothLEDevice>> {
     static std::shared_ptr<platform::BluetoothLEDevice> of(platform::GattCommunicationStatus) {
         return nullptr;
     }
+};
+template <>
+struct FaultyResult<platform::RadioList> {
+    static platform::RadioList nothing() { return {}; }
+    static platform::RadioList of(platform::GattCommunicationStatus) { return {}; }
 };
 template <>
 struct FaultyResult<platform::GattDeviceServicesResult> {
@@ -65,7 +71,7 @@ struct FaultyResult<std::optional<platform::DevicePairingResultStatus>> {
 // The operation of a call that the fault hits; throws where the call itself is to fail. Not under the
 // peripheral's lock.
 template <class Result>
-platform::AsyncOperationPtr<Result> faultyOperation(TioPeripheral& peripheral, const Fault& fault) {
+platform::AsyncOperationPtr<Result> faultyOperation(WorldRuntime& runtime, const Fault& fault) {
     using Faulty = FaultyResult<Result>;
     using Status = platform::GattCommunicationStatus;
     switch (fault.action) {
@@ -74,6 +80,7 @@ platform::AsyncOperationPtr<Result> faultyOperation(TioPeripheral& peripheral, c
         case FaultAction::noOperation:
             return nullptr;
         case FaultAction::unreachable:
+        case FaultAction::disconnect:
             return completed<Result>(Faulty::of(Status::unreachable));
         case FaultAction::protocolError:
             return completed<Result>(Faulty::of(Status::protocolError));
@@ -82,11 +89,7 @@ platform::AsyncOperationPtr<Result> faultyOperation(TioPeripheral& peripheral, c
         case FaultAction::throwError:
             throw platform::PlatformError(fault.code);
         case FaultAction::hang:
-            return peripheral.runtime().pendingOperation<Result>();
-        case FaultAction::disconnect: {
-            peripheral.dropLink();
-            return completed<Result>(Faulty::of(Status::unreachable));
-        }
+            return runtime.pendingOperation<Result>();
         case FaultAction::error:
         case FaultAction::cancel:
             break;
@@ -94,6 +97,12 @@ platform::AsyncOperationPtr<Result> faultyOperation(TioPeripheral& peripheral, c
     auto operation = std::make_shared<Operation<Result>>();
     fault.action == FaultAction::error ? operation->fail(fault.code) : operation->cancel();
     return operation;
+}
+
+template <class Result>
+platform::AsyncOperationPtr<Result> faultyOperation(TioPeripheral& peripheral, const Fault& fault) {
+    if (fault.action == FaultAction::disconnect) peripheral.dropLink();
+    return faultyOperation<Result>(peripheral.runtime(), fault);
 }
 
 // The same for the calls that answer at once with a list: returns when the list stays empty.

@@ -67,8 +67,8 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     void repair();
 
     // --- what the back end does with it
-    bool connect(Link& link);  // false: out of reach
-    void forget(Link& link);   // called by the link's end
+    bool connect(Link& link);                            // false: out of reach
+    void forget(Link& link);                             // called by the link's end
     std::optional<Fault> pass(const FaultPoint& point);  // the host makes a call
     platform::AsyncOperationPtr<Status> write(Link& link, CharacteristicKind kind,
                                               std::span<const std::uint8_t> value);

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "bluetooth/operation.h"
+#include "faulty.h"
 #include "world.h"
 
 namespace sim {
@@ -66,7 +67,10 @@ std::shared_ptr<platform::Radio> makeRadio(const RadioScenario& scenario, std::w
 namespace platform {
 
 AsyncOperationPtr<RadioList> getRadiosAsync() {
-    return sim::completed(sim::requireWorld()->radios());
+    const auto world = sim::requireWorld();
+    if (const auto fault = world->pass({sim::FaultPoint::Call::radios}))
+        return sim::faultyOperation<RadioList>(*world->runtime(), *fault);
+    return sim::completed(world->radios());
 }
 
 }  // namespace platform

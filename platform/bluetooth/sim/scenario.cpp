@@ -210,6 +210,10 @@ FaultRule readFault(const json& value, const std::string& path) {
     fields.with("on", [&](const json& item, const std::string& at) {
         const auto point = parseFaultPoint(readText(item, at));
         if (!point) failAt(at, "a fault point such as services or write:RX", item);
+        const bool ofWorld = point->call == FaultPoint::Call::radios;
+        if (ofWorld != path.starts_with("faults"))
+            failAt(at, ofWorld ? "a fault point of a peripheral" : "radios, the fault point of the world",
+                   item);
         rule.point = *point;
         hasPoint = true;
     });
@@ -349,6 +353,9 @@ Scenario readRoot(const json& root, const std::filesystem::path& folder) {
     });
     fields.with("peripherals", [&](const json& item, const std::string& at) {
         scenario.peripherals = readPeripherals(item, at);
+    });
+    fields.with("faults", [&](const json& item, const std::string& at) {
+        scenario.faults = readList<FaultRule>(item, at, readFault);
     });
     fields.rejectOthers();
     return scenario;

@@ -83,6 +83,7 @@ struct Scenario {
     std::vector<AdapterScenario> adapters = {AdapterScenario{}};
     std::vector<DriverScenario> drivers;
     std::vector<PeripheralScenario> peripherals = {PeripheralScenario{}};
+    std::vector<FaultRule> faults;  // of the calls that no peripheral answers
 };
 
 // Relative paths in the text are relative to the folder. Throws platform::BluetoothConfigError; its text

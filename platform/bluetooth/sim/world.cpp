@@ -45,7 +45,7 @@ std::shared_ptr<World> World::create(Scenario scenario) {
     return world;
 }
 
-World::World(Scenario scenario) : scenario_(std::move(scenario)) {
+World::World(Scenario scenario) : scenario_(std::move(scenario)), faults_(scenario_.faults) {
     for (const auto& peripheral : scenario_.peripherals) {
         peripherals_.push_back(std::make_shared<TioPeripheral>(peripheral, runtime_));
     }
@@ -77,6 +77,11 @@ void World::radioChanged(platform::RadioState before, platform::RadioState now) 
 void World::dropLinks() {
     for (const auto& peripheral : peripherals_)
         peripheral->dropLink();
+}
+
+std::optional<Fault> World::pass(const FaultPoint& point) {
+    const std::lock_guard lock(requestsMutex_);
+    return faults_.pass(point);
 }
 
 void World::noteRadioRequest(platform::RadioState state) {

@@ -32,6 +32,8 @@ class World {
     std::shared_ptr<TioPeripheral> findPeripheral(std::uint64_t address) const;
 
     const platform::RadioList& radios() const { return radios_; }
+    // The program makes a call that no peripheral answers; what goes wrong this time, if anything.
+    std::optional<Fault> pass(const FaultPoint& point);
     // Called by a radio whose state has changed: a Bluetooth radio that goes off takes all links with it.
     void radioChanged(platform::RadioState before, platform::RadioState now);
 
@@ -59,7 +61,8 @@ class World {
     const std::shared_ptr<WorldRuntime> runtime_ = std::make_shared<WorldRuntime>();
     std::vector<std::shared_ptr<TioPeripheral>> peripherals_;
     platform::RadioList radios_;
-    mutable std::mutex requestsMutex_;
+    mutable std::mutex requestsMutex_;  // for all below
+    FaultTable faults_;
     std::vector<platform::RadioState> radioRequests_;
     std::vector<std::vector<std::uint8_t>> scanCommands_;
 };
