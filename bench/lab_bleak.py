@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """A bare bleak loop that speaks just enough TIO: bench/lab_bleak.py echo|out|in ADDRESS BYTES
-Prints bytes, seconds and its own CPU seconds as JSON. Runs in the lab, against tests/lab/peripheral."""
+Prints bytes, seconds and its own CPU seconds as JSON. Runs in the lab, against tools/lab_rig/tio_peripheral."""
 import asyncio
 import json
 import os
