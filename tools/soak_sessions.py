@@ -2,7 +2,7 @@
 import time
 
 from bridge_client import check, wait_until
-from soak_client import DEADLINE, DataPipe
+from soak_client import DEADLINE
 from soak_scenario import OVER, Peripheral
 
 LONGEST_LINE = 64 * 1024  # that the program takes for a command
