@@ -44,6 +44,7 @@ def bridge(peripheral, way, executable, folder):
         arrived = peripheral.counters()["bytes_in"]
         data.sendall(b"here")  # bytes from the peripheral are dropped until the program serves the data pipe
         wait_until(lambda: peripheral.counters()["bytes_in"] == arrived + 4, DEADLINE, "the first bytes' arrival")
+        data.settimeout(120)
         start, cpu = time.monotonic(), cpu_seconds(one.program.process)
         if way == "out":
             data.sendall(os.urandom(BYTES))

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the documentation's client against the program: example_client.sh PROGRAM ROOT
+# Runs the client from the documents against the program: example_client.sh PROGRAM ROOT
 set -euo pipefail
 program=$1
 root=$2

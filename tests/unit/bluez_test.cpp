@@ -1,4 +1,4 @@
-// The BlueZ back end against a bluetoothd of the test's own.
+// The BlueZ back end against a stand-in for bluetoothd on a bus of its own.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -50,8 +50,9 @@ class Bluez : public testing::Test {
         script_.*field = value;
     }
 
-    // Signals keep their order: the program knows all that was signalled before.
-    void settle() {
+    // Waits until the program has received all signals that were sent so far. Signals keep their order, so it
+    // is enough to wait for the last one.
+    void awaitSignals() {
         bluetoothd_->adapter().set("Alias", "settled " + std::to_string(++settled_));
         const auto known = [this] { return platform::getRadiosAsync()->getResults().value().at(0)->name(); };
         ASSERT_TRUE(eventually([&] { return known() == L"settled " + std::to_wstring(settled_); }));
@@ -82,7 +83,7 @@ class Bluez : public testing::Test {
         return *known;
     }
 
-    // Stays valid for a while: what is received is shared.
+    // Collects the values in received_ as long as the subscription lives.
     platform::Subscription collect(std::uint16_t uuid) {
         return characteristic(uuid).onValueChanged([this](auto* sender, const auto* args) {
             EXPECT_NE(sender, nullptr);
@@ -201,7 +202,7 @@ TEST_F(Bluez, HearsAdvertisements) {
     received.reset();
     bluetoothd_->device().set("RSSI", std::int16_t{-40});
     {
-        // A search of the look-up's own, within the watcher's.
+        // The look-up starts a search of its own while the watcher's runs.
         findDevice();
     }
     EXPECT_EQ(script_.searches, 1);
@@ -221,7 +222,7 @@ TEST_F(Bluez, FindsADeviceThatAppearsAndIsCancelledWhereNoneDoes) {
         EXPECT_EQ(pending->status(), AsyncStatus::canceled);
     }
     runtime_ = std::make_unique<platform::BluetoothRuntime>();
-    script_.searches = 0;  // bluetoothd ends those of a client that has gone
+    script_.searches = 0;  // bluetoothd ends the searches of a client that has left the bus
     script_.appears = true;
     EXPECT_NE(lookUp()->getResults(), nullptr);
     EXPECT_EQ(script_.searches, 0);
@@ -249,7 +250,7 @@ TEST_F(Bluez, ConnectsForTheServicesAndEndsWhatItMade) {
         device_->getGattServicesForUuidAsync(platform::bluetoothUuid(1))->getResults().services->empty());
     EXPECT_EQ(device_->gattServices().size(), 1U);
 
-    // Another user of the same link keeps it.
+    // The link stays as long as one object uses it.
     const auto other = lookUp()->getResults();
     service_.reset();
     device_.reset();
@@ -262,10 +263,10 @@ TEST_F(Bluez, LeavesALinkAloneThatWasThereBefore) {
     service_.reset();
     device_.reset();
     EXPECT_TRUE(eventually([this] { return script_.disconnects == 1; }));
-    settle();
+    awaitSignals();
     bluetoothd_->device().set("Connected", true);
     bluetoothd_->device().set("ServicesResolved", true);
-    settle();
+    awaitSignals();
     findService();
     service_.reset();
     device_.reset();
@@ -274,7 +275,7 @@ TEST_F(Bluez, LeavesALinkAloneThatWasThereBefore) {
     EXPECT_EQ(script_.disconnects, 1);
 }
 
-// An attempt that somebody else has under way is waited for; the link is theirs.
+// When another program is just connecting, this one waits for the link, and does not end it afterwards.
 TEST_F(Bluez, TakesPartInALinkThatAnotherMakes) {
     script(&fake::Script::refusal, "Operation already in progress");
     findDevice();
@@ -294,10 +295,10 @@ TEST_F(Bluez, SearchesAgainWhereBluetoothdHasEndedTheSearch) {
     const auto watcher = platform::createAdvertisementWatcher();
     watcher->start();
     EXPECT_EQ(script_.searches, 1);
-    script_.searches = 0;  // as with the adapter's power
+    script_.searches = 0;  // as when the adapter is switched off
     script_.appears = true;
     EXPECT_NE(lookUp()->getResults(), nullptr);
-    EXPECT_EQ(script_.searches, 1) << "the watcher's goes on";
+    EXPECT_EQ(script_.searches, 1) << "the watcher's search goes on";
 }
 
 TEST_F(Bluez, SaysWhatToDo) {
@@ -367,7 +368,7 @@ TEST_F(Bluez, NotifiesInOrderThroughTheDescriptor) {
     EXPECT_EQ(::send(script_.notifySocket, &late, 1, MSG_NOSIGNAL), -1) << "given back";
 }
 
-// Where the descriptor is not offered, or somebody else has it.
+// Without a descriptor: bluetoothd does not offer it, or another program has it.
 TEST_F(Bluez, NotifiesInOrderThroughSignals) {
     findService();
     const struct {

@@ -1,4 +1,4 @@
-// What the program relies on in its two libraries, installed or not.
+// What the program needs from its two libraries, whether they are installed or come from compat/.
 #include <gtest/gtest.h>
 
 #include <array>

@@ -59,7 +59,7 @@ TEST_F(HostPipe, WriteToASlowClientReportsExactlyWhatItGets) {
 
 TEST_F(HostPipe, SecondClientWaitsAndTheFirstOnesLastBytesAreRead) {
     PipeClient first = openWithClient(), second = newClient();
-    pipe_->startWrite(request_, buffer_);  // unread: its end will be reset, not just closed
+    pipe_->startWrite(request_, buffer_);  // not read, so that closing the client's end resets the connection
     second.send("2");
     first.send("1");
     first.close();

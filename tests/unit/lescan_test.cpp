@@ -19,8 +19,8 @@ TEST(LeScan, ResultLine) {
             {"address": "00:00:00:00:00:0A", "name": "a;b", "advertises": ["180F", "0000FEFB-0000-1000-8000-00805F9B34FB"]},
             {"address": "00:00:00:00:00:0B", "name": "other", "advertises": ["FEFC"]})",
          L"00:00:00:00:00:0a;a;b,ff:00:00:00:00:01;Z\r\n"},
-        // A name must not be able to end the line, not even by the byte that is left of a wide unit on the
-        // pipe.
+        // A name must not be able to end the line. A wide unit is sent as its low byte, which could be a line
+        // end, too.
         {R"({"address": "00:00:00:00:00:01", "name": "A\r\nTIO DROP\r\u010D\u020A\u010C"})",
          L"00:00:00:00:00:01;A  TIO DROP   \u010C\r\n"},
     };

@@ -1,4 +1,5 @@
-// One link session in this process: the real session code between the simulated world and a real data pipe.
+// A link session in this process: the program's session code between the simulated world and a real data
+// pipe.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -28,15 +29,14 @@ class Link {
   public:
     explicit Link(const std::string& scenario) {
         world_.emplace(scenario);
-        loguru::g_stderr_verbosity =
-            loguru::Verbosity_OFF;  // thousands of lines, of which a test captures what it needs
+        loguru::g_stderr_verbosity = loguru::Verbosity_OFF;  // a test reads the log by LogCapture
         platform::setTimeScale(500);
         blescanner::settings().datPipeName = platform::widen(e2e::dataPipe(folder_.path()).string());
         blescanner::linkNotification().open();
     }
     ~Link() {
         stop();
-        world_.reset();  // a session may hang in a call of it
+        world_.reset();  // ends the calls of the world that a session may hang in
         EXPECT_TRUE(ended());
         blescanner::linkNotification().close();
         platform::setTimeScale(1);
@@ -48,14 +48,14 @@ class Link {
         pipe_ = blescanner::createDataPipe();
         EXPECT_EQ(blescanner::lecommStart(pipe_, address), 0);
     }
-    // As the shell does it.
+    // Does what the shell does for "disconnect".
     void stop() {
         context().stoppedByShell = true;
         context().dataPipe = nullptr;
         if (pipe_) pipe_->close();
     }
-    // The next line for the client, without its end; empty when none came in time. Like the shell, passes
-    // over what an earlier session has to say.
+    // The next line for the client, without its line end; empty when none came in time. As the shell does, it
+    // skips the lines of an earlier session.
     std::string line(std::chrono::milliseconds deadline = e2e::kDeadline) {
         platform::Event* const events[] = {&blescanner::linkNotification().event()};
         while (platform::waitAny(events, deadline)) {

@@ -47,7 +47,7 @@ TEST(Guid, RegistryForm) {
 }
 
 TEST(Error, MessageOfAResultCode) {
-    // The host's words: "Access is denied." or nearly so.
+    // The wording is the host's: "Access is denied." or a similar one.
     EXPECT_TRUE(systemMessage(hresult(0x80070005)).starts_with("Access "));
     EXPECT_TRUE(systemMessage(hresult(0x80070005)).ends_with("denied."));
     EXPECT_STREQ(PlatformError(hresult(0x8123ABCD)).what(), "HRESULT 0x8123ABCD");
