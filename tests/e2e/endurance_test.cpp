@@ -95,7 +95,7 @@ class VanishingClients {
     std::unique_ptr<Program> program_;
 };
 
-TEST(Clients, MayDieAtAnyMoment) {
+TEST(Clients, MayVanishAtAnyMoment) {
     constexpr int kPrograms = 8;
     constexpr int kClients = 200;
     const unsigned seed = std::random_device()();

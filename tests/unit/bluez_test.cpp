@@ -116,7 +116,7 @@ class Bluez : public testing::Test {
     std::vector<Bytes> received_;  // guarded by mutex_
 };
 
-TEST_F(Bluez, SwitchesRadiosAndSeesThemGo) {
+TEST_F(Bluez, SwitchesRadiosAndNoticesTheirRemoval) {
     const auto radios = platform::getRadiosAsync()->getResults();
     ASSERT_EQ(radios.value().size(), 1U);
     const auto& radio = *radios->front();
@@ -134,7 +134,7 @@ TEST_F(Bluez, SwitchesRadiosAndSeesThemGo) {
     EXPECT_TRUE(eventually([] { return lookUp()->errorCode() == platform::kRoEClosed; }));
 }
 
-TEST_F(Bluez, GoesOnWithoutABusAndWithANewOne) {
+TEST_F(Bluez, SurvivesTheLossOfTheBusAndUsesANewOne) {
     EXPECT_EQ(platform::getRadiosAsync()->getResults().value().size(), 1U);
     bluetoothd_.reset();
     daemon_.kill();
@@ -148,7 +148,7 @@ TEST_F(Bluez, GoesOnWithoutABusAndWithANewOne) {
     bluetoothd_.reset();
 }
 
-TEST(BluezAdapter, ReadsSwitchesAndTheKernelsReply) {
+TEST(BluezAdapter, ReadsRfkillSwitchesAndTheKernelsVersionReply) {
     const auto folder =
         std::filesystem::temp_directory_path() / ("ziqble-rfkill-" + std::to_string(::getpid()));
     std::filesystem::create_directories(folder / "hci0" / "rfkill7");
@@ -211,7 +211,7 @@ TEST_F(Bluez, HearsAdvertisements) {
     EXPECT_EQ(count(), 2U);
 }
 
-TEST_F(Bluez, FindsADeviceThatAppearsAndIsCancelledWhereNoneDoes) {
+TEST_F(Bluez, SearchesForADeviceUntilItAppearsOrTheProgramEnds) {
     {
         std::shared_ptr<platform::AsyncInfo> pending;
         std::atomic<bool> searching = false;
@@ -228,7 +228,7 @@ TEST_F(Bluez, FindsADeviceThatAppearsAndIsCancelledWhereNoneDoes) {
     EXPECT_EQ(script_.searches, 0);
 }
 
-TEST_F(Bluez, ConnectsForTheServicesAndEndsWhatItMade) {
+TEST_F(Bluez, ConnectsToFindServicesAndEndsItsOwnConnection) {
     script(&fake::Script::refusal, "le-connection-abort-by-local");
     findDevice();
     EXPECT_EQ(device_->getGattServicesForUuidAsync(kService)->getResults().status,
@@ -258,7 +258,7 @@ TEST_F(Bluez, ConnectsForTheServicesAndEndsWhatItMade) {
     EXPECT_EQ(script_.disconnects, 0);
 }
 
-TEST_F(Bluez, LeavesALinkAloneThatWasThereBefore) {
+TEST_F(Bluez, DoesNotEndALinkThatWasThereBefore) {
     findService();
     service_.reset();
     device_.reset();
@@ -276,7 +276,7 @@ TEST_F(Bluez, LeavesALinkAloneThatWasThereBefore) {
 }
 
 // When another program is just connecting, this one waits for the link, and does not end it afterwards.
-TEST_F(Bluez, TakesPartInALinkThatAnotherMakes) {
+TEST_F(Bluez, WaitsForALinkThatAnotherProgramMakes) {
     script(&fake::Script::refusal, "Operation already in progress");
     findDevice();
     std::thread other([this] {
@@ -301,7 +301,7 @@ TEST_F(Bluez, SearchesAgainWhereBluetoothdHasEndedTheSearch) {
     EXPECT_EQ(script_.searches, 1) << "the watcher's search goes on";
 }
 
-TEST_F(Bluez, SaysWhatToDo) {
+TEST_F(Bluez, LogsWhatIsMissing) {
     const test::LogCapture log;
     const auto says = [&](const std::string& text) { return eventually([&] { return log.find(text); }); };
     EXPECT_EQ(platform::getRadiosAsync()->getResults().value().size(), 1U);
@@ -319,7 +319,7 @@ TEST_F(Bluez, SaysWhatToDo) {
     EXPECT_TRUE(says("the system bus cannot be reached"));
 }
 
-TEST(BluezError, TellsTheLinksFailuresFromOthers) {
+TEST(BluezError, DistinguishesFailuresOfTheLinkFromOthers) {
     const struct {
         const char* name;
         const char* message;
@@ -415,7 +415,7 @@ TEST_F(Bluez, WritesInOrderAndWaitsForTheLink) {
     EXPECT_EQ(script_.calls, 1) << "one call, however many packets";
 }
 
-TEST_F(Bluez, WritesByCallsWhatTheDescriptorCannotCarry) {
+TEST_F(Bluez, WritesWithCallsWhenTheDescriptorCannotBeUsed) {
     findService();
     for (const std::size_t size : {97, 98, 3, 98}) {
         EXPECT_EQ(write(Bytes(size))->getResults(), GattCommunicationStatus::success);
@@ -429,7 +429,7 @@ TEST_F(Bluez, WritesByCallsWhatTheDescriptorCannotCarry) {
     EXPECT_EQ(::recv(script_.writeSocket, packet.data(), packet.size(), 0), 0) << "given back";
 }
 
-TEST_F(Bluez, TellsOfALostLink) {
+TEST_F(Bluez, ReportsALostLink) {
     findService();
     std::atomic<int> closed = 0;
     const auto session = service_->session();
@@ -452,7 +452,7 @@ TEST_F(Bluez, TellsOfALostLink) {
     EXPECT_EQ(closed, 1);
 }
 
-TEST_F(Bluez, OutlivesBluetoothd) {
+TEST_F(Bluez, WorksAgainAfterARestartOfBluetoothd) {
     findService();
     std::atomic<int> closed = 0;
     const auto session = service_->session();
@@ -470,7 +470,7 @@ TEST_F(Bluez, OutlivesBluetoothd) {
     EXPECT_EQ(write(Bytes(1))->getResults(), GattCommunicationStatus::success);
     EXPECT_EQ(old->writeValueAsync(Bytes(1), GattWriteOption::writeWithResponse)->errorCode(),
               platform::kRoEClosed)
-        << "its object is gone, though there is one of the same name";
+        << "this object is gone, although a new one has the same path";
 }
 
 }  // namespace

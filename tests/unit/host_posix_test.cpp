@@ -40,7 +40,7 @@ TEST_F(HostPipe, WriteToASlowClientReportsExactlyWhatItGets) {
     EXPECT_EQ(waitAny(std::array{&request_.event()}, 5ms), std::nullopt);
     const IoResult cancelled = pipe_->cancel(request_);
     EXPECT_EQ(cancelled.error, operationAborted);
-    EXPECT_LT(cancelled.bytes, 1U << 20) << "what nobody reads must not pile up";
+    EXPECT_LT(cancelled.bytes, 1U << 20) << "bytes that nobody reads must not pile up";
     ASSERT_EQ(client.readBytes(cancelled.bytes).size(), cancelled.bytes);
 
     std::string received;

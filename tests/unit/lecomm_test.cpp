@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 using blescanner::parseBleAddress;
 using test::eventually;
 
-TEST(BleAddress, TakesWhatTheScanFormatTakesAndNothingElse) {
+TEST(BleAddress, AcceptsTheScanFormatAndNothingElse) {
     EXPECT_EQ(parseBleAddress(L"00:1A:7d:DA:71:13"), 0x001A7DDA7113U);
     EXPECT_EQ(parseBleAddress(L" ff:ff:ff:ff:ff:ff"), 0xFFFFFFFFFFFFU);
     EXPECT_EQ(parseBleAddress(L"1:2:3:4:5:6"), 0x010203040506U);
@@ -76,7 +76,7 @@ TEST(Link, GoesThroughItsStepsInOrder) {
     }
 }
 
-TEST(Link, TakesOddValuesOfThePeripheral) {
+TEST(Link, HandlesUnusualValuesFromThePeripheral) {
     test::LogCapture log;
     test::Link link(R"({"peripherals": [{"serial": "sink", "initial_credits": 0, "regrant_at": 0}]})");
     link.connect();
@@ -157,7 +157,7 @@ TEST(Link, AClientThatOpensTheDataPipeTooEarlyHasToOpenItAgain) {
     EXPECT_TRUE(eventually([&] { return log.find("Expecting disconnect..."); }));
 }
 
-TEST(LegacyLink, PairsWhatItCanAndWalksTheListing) {
+TEST(LegacyLink, PairsAndSearchesTheListing) {
     struct Case {
         const char* peripheral;
         const char* logged;

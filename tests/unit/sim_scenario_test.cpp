@@ -22,7 +22,7 @@ std::string refusal(Call call) {
 }
 
 // A text that begins with a quotation mark is a key of the only peripheral; any other is a whole scenario.
-TEST(SimScenario, BadScenariosNameTheKeyAndWhatStoodThere) {
+TEST(SimScenario, ErrorsNameTheKeyAndTheValue) {
     const std::tuple<std::string, std::string, std::string> cases[] = {
         {"", "line 1, column 1", "JSON"},
         {"{\n \"radios\": [}", "line 2", "column"},

@@ -26,7 +26,7 @@ TEST(Text, Utf8BecomesUtf16UnitsAndBack) {
     }
 }
 
-TEST(Text, WhatIsBrokenIsReplacedAndTheRestKept) {
+TEST(Text, ReplacesInvalidBytesAndKeepsTheRest) {
     EXPECT_EQ(widen("\x80z\xC0\xAFz"), units({0xFFFD, 'z', 0xFFFD, 0xFFFD, 'z'}));  // no lead, overlong
     EXPECT_EQ(widen("\xE2\x82z\xF0\x9F\x98"), units({0xFFFD, 'z', 0xFFFD}));        // cut short
     EXPECT_EQ(widen("\xED\xA0\x80"), units({0xFFFD, 0xFFFD, 0xFFFD}));              // a surrogate

@@ -115,7 +115,7 @@ TEST_F(WindowsRadios, ScanCommands) {
     }
 }
 
-TEST_F(WindowsRadios, NoneAtAll) {
+TEST_F(WindowsRadios, NoRadios) {
     driver_->setUp({});
     const test::LogCapture log;
     std::vector<RadioVersionInfo> list;
