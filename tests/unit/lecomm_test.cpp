@@ -193,7 +193,8 @@ TEST(LegacyLink, PairsAndSearchesTheListing) {
 }
 
 TEST(Link, AStoppedSetUpLeavesTheNextSessionAlone) {
-    // If it were not stopped, the first set-up would look for the service again or reset the radio.
+    // The first set-up would look for the service a second time, or switch the radio off and on for want of
+    // it.
     test::LogCapture log;
     test::Link link(
         R"({"peripherals": [{"faults": [{"on": "services", "times": 1, "do": "unreachable"}]}]})");
@@ -211,7 +212,8 @@ TEST(Link, AStoppedSetUpLeavesTheNextSessionAlone) {
 }
 
 TEST(Link, ANewSessionDoesNotWaitForTheOldOne) {
-    // The first session hangs in its first write for ever. The second one works and is not disturbed by it.
+    // The first session hangs in its first write for good; the second one works, and the first never disturbs
+    // it.
     test::Link link(R"({"peripherals": [{"faults": [{"on": "write:CRRX", "times": 1, "do": "hang"}]}]})");
     link.connect();
     EXPECT_EQ(link.line(50ms), "");

@@ -54,8 +54,8 @@ class Link {
         context().dataPipe = nullptr;
         if (pipe_) pipe_->close();
     }
-    // The next line for the client, without its line end; empty when none came in time. As the shell does, it
-    // skips the lines of an earlier session.
+    // The next line for the client, without its end; empty when none came in time. Like the shell, passes
+    // over what an earlier session has to say.
     std::string line(std::chrono::milliseconds deadline = e2e::kDeadline) {
         platform::Event* const events[] = {&blescanner::linkNotification().event()};
         while (platform::waitAny(events, deadline)) {
