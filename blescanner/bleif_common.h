@@ -1,5 +1,4 @@
-// The GATT interface of one link session, and what every user of the Bluetooth platform shares: waiting for
-// its operations and recognising a lost link.
+// The GATT interface of one link session.
 #pragma once
 
 #include <cstdint>
@@ -8,31 +7,16 @@
 #include <string>
 
 #include "lecomm.h"
+#include "operations.h"
 #include "platform/async.h"
 #include "platform/gatt.h"
 
 namespace blescanner {
 
-// Waits until the operation is no longer running and logs how it ended, unless well. There is no time-out:
-// only the platform ends an operation. Yields between two looks and needs no event and no memory: GATT writes
-// are short, and the link's throughput depends on noticing their end at once. Any thread.
-void awaitOperation(const platform::AsyncInfo& operation);
-
-using GattWriteOperation = platform::AsyncOperation<platform::GattCommunicationStatus>;
-
-// Judges a finished GATT write of the session: a closed object or an unreachable peripheral ends the
-// session's claim on the data pipe and tells the client "TIO DROP", once. Returns the write's status; nothing
-// when it failed with an error. Throws PlatformError where the platform refuses the result (a cancelled
-// write). Any thread.
-std::optional<platform::GattCommunicationStatus> recoverOnError(const std::shared_ptr<TioContext>& context,
-                                                                GattWriteOperation& operation);
-
-// Number and name of a status, for the log: "1 (unreachable)".
-std::string statusText(platform::GattCommunicationStatus status);
-
 // The way to the peripheral's TIO service: one object per session, owned by its communication thread, on
 // which every operation runs except the value-changed handler. Results go into the session's TioContext.
-// Failed platform calls are thrown as PlatformError unless an operation says otherwise.
+// Failed platform calls are thrown as PlatformError unless an operation says otherwise; a session that has
+// been stopped makes no call and leaves by Stopped.
 class IBLEIF {
   public:
     explicit IBLEIF(std::shared_ptr<TioContext> context) : shared_(std::move(context)), context_(*shared_) {}
@@ -64,6 +48,7 @@ class IBLEIF {
 
   protected:
     TioContext& context() { return context_; }
+    void await(const platform::AsyncInfo& operation) { awaitOperation(operation, context_.stop); }
     void requestStackFlush(bool requested) { stackFlushRequested_ = requested; }
     // The first steps of both generations.
     platform::AsyncOperationPtr<std::shared_ptr<platform::BluetoothLEDevice>> startDeviceLookUp(
@@ -73,6 +58,7 @@ class IBLEIF {
   private:
     void valueChanged(platform::GattCharacteristic* sender, const platform::GattValueChangedEventArgs* args);
     void dataReceived(const platform::GattValueChangedEventArgs* args);
+    void deliver(std::span<const std::uint8_t> bytes);
     void creditsReceived(const platform::GattValueChangedEventArgs* args);
     void mtuReceived(const platform::GattValueChangedEventArgs* args);
     void replenishLocalCredits();

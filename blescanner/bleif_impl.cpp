@@ -3,8 +3,6 @@
 #include <chrono>
 #include <loguru.hpp>
 
-#include "platform/clock.h"
-
 namespace blescanner {
 
 using namespace std::chrono_literals;
@@ -27,9 +25,8 @@ std::shared_ptr<platform::GattDeviceService> BLEIFModern::getService(const platf
     if (!findDevice(serviceUuid, address)) return nullptr;
     LOG_S(INFO) << "Got LE Device ";
     LOG_S(INFO) << "Retrieving service for " << platform::toString(serviceUuid);
-    platform::sleepFor(100ms);
+    context().stop.sleep(100ms);
     requestStackFlush(false);
-    if (context().stoppedByShell) return nullptr;
 
     const auto first = lookUpService(serviceUuid);
     if (!first) return nullptr;
@@ -40,10 +37,7 @@ std::shared_ptr<platform::GattDeviceService> BLEIFModern::getService(const platf
     const std::size_t found = first->services ? first->services->size() : 0;
     const std::size_t known = context().device->gattServices().size();
     LOG_S(ERROR) << "Could not get service at position 0! Size is " << found << ". GATT Size is " << known;
-    platform::sleepFor(2500ms);
-    // A look-up connects: it would take the peripheral away from a session that has been started meanwhile.
-    if (context().stoppedByShell) return nullptr;
-
+    context().stop.sleep(2500ms);
     if (!refreshServices(serviceUuid, true) && !refreshServices(serviceUuid, false)) {
         return giveUpOnService(serviceUuid);
     }
@@ -61,7 +55,7 @@ std::shared_ptr<platform::GattDeviceService> BLEIFModern::getService(const platf
 bool BLEIFModern::findDevice(const platform::Guid& serviceUuid, std::uint64_t address) {
     const auto lookUp = startDeviceLookUp(address);
     if (!lookUp) return false;
-    awaitOperation(*lookUp);
+    await(*lookUp);
     context().device = lookUp->getResults();
     if (context().device) return true;
 
@@ -71,8 +65,8 @@ bool BLEIFModern::findDevice(const platform::Guid& serviceUuid, std::uint64_t ad
         LOG_S(ERROR) << "Could not get LE device!";
         return false;
     }
-    awaitOperation(*retry);
-    platform::sleepFor(100ms);
+    await(*retry);
+    context().stop.sleep(100ms);
     context().device = retry->getResults();
     if (context().device) return true;
 
@@ -82,7 +76,7 @@ bool BLEIFModern::findDevice(const platform::Guid& serviceUuid, std::uint64_t ad
     return false;
 }
 
-// Nothing: no operation came back.
+// Returns nothing when no operation came back.
 std::optional<platform::GattDeviceServicesResult> BLEIFModern::lookUpService(
     const platform::Guid& serviceUuid) {
     const auto lookUp = context().device->getGattServicesForUuidAsync(serviceUuid);
@@ -90,15 +84,15 @@ std::optional<platform::GattDeviceServicesResult> BLEIFModern::lookUpService(
         LOG_S(ERROR) << "No operation came back for the service look-up";
         return std::nullopt;
     }
-    awaitOperation(*lookUp);
-    platform::sleepFor(250ms);
+    await(*lookUp);
+    context().stop.sleep(250ms);
     LOG_S(INFO) << "LE Connection status: " << static_cast<int>(context().device->connectionStatus());
     auto result = lookUp->getResults();
     LOG_S(INFO) << "Got Service...";
     return result;
 }
 
-// The listing is asked for only to make the platform read the device's services again; true when it shows the
+// Lists all services, only to make the platform read them from the device again. True when the list has the
 // wanted one.
 bool BLEIFModern::refreshServices(const platform::Guid& serviceUuid, bool cached) {
     LOG_S(INFO) << "Trigger workaround to refresh GATT services...";
@@ -109,11 +103,12 @@ bool BLEIFModern::refreshServices(const platform::Guid& serviceUuid, bool cached
     LOG_S(INFO) << "Retrieving available GATT services (ALL)...";
     platform::GattDeviceServicesResult result;
     if (listing) {
-        awaitOperation(*listing);
+        await(*listing);
         result = listing->getResults();
     }
     if (!result.services) {
-        LOG_S(WARNING) << "The listing ended with status " << statusText(result.status);
+        LOG_S(WARNING) << (listing ? "The listing ended with status " + statusText(result.status)
+                                   : "No operation came back for the listing");
         LOG_S(WARNING) << "No services returned!";
         LOG_S(WARNING) << "Could not get device services (" << cached << ")";
         return false;
@@ -139,12 +134,13 @@ std::shared_ptr<platform::GattDeviceService> BLEIFModern::giveUpOnService(const 
 std::shared_ptr<platform::GattCharacteristic> BLEIFModern::getCharacteristic(
     const std::shared_ptr<platform::GattDeviceService>& service, const platform::Guid& uuid) {
     if (!service) return nullptr;
+    context().stop.check();
     const auto lookUp = service->getCharacteristicsForUuidAsync(uuid);
     if (!lookUp) {
         LOG_S(ERROR) << "No operation came back for characteristic " << platform::toString(uuid);
         return nullptr;
     }
-    awaitOperation(*lookUp);
+    await(*lookUp);
     const auto result = lookUp->getResults();
     LOG_S(INFO) << "Characteristics...";
     if (!result.characteristics || result.characteristics->empty()) {

@@ -1,4 +1,4 @@
-// The way to the peripheral on systems with the newer GATT calls.
+// Reaches the peripheral on systems with the newer GATT calls.
 #pragma once
 
 #include "bleif_common.h"
@@ -9,10 +9,10 @@ class BLEIFModern : public IBLEIF {
   public:
     using IBLEIF::IBLEIF;
 
-    // Nothing to prepare: connects on demand.
+    // Does nothing: the platform connects when the service is asked for.
     bool prepareConnection(std::uint64_t address, std::uint32_t timeoutMs) override;
-    // One retry for the device; one retry for the service, after a full listing has made the platform read
-    // the device's services anew.
+    // Looks for the device up to two times. Looks for the service a second time when a listing of all
+    // services, which makes the platform read them again, has shown it.
     std::shared_ptr<platform::GattDeviceService> getService(const platform::Guid& serviceUuid,
                                                             std::uint64_t address) override;
     std::shared_ptr<platform::GattCharacteristic> getCharacteristic(

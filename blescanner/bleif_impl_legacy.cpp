@@ -6,7 +6,7 @@
 #include <loguru.hpp>
 
 #include "blehelper.h"
-#include "platform/clock.h"
+#include "platform/address.h"
 #include "platform/text.h"
 
 namespace blescanner {
@@ -15,7 +15,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// By value of the outcome. The wording is fixed, slips included: support scripts look for it.
+// Indexed by the outcome's value. The slips in the wording are deliberate: support scripts look for these
+// texts.
 constexpr std::array<const wchar_t*, 20> kPairingResults = {
     L"The device object is now paired.",
     L"The device object is not in a state where it can be paired.",
@@ -42,8 +43,9 @@ constexpr std::array<const wchar_t*, 20> kPairingResults = {
 };
 
 // True when this call has paired the device.
-bool pairDevice(platform::DeviceInformation& device) {
-    const std::string id = platform::toUtf8(device.id());
+bool pairDevice(platform::DeviceInformation& device, const StopSignal& stop) {
+    stop.check();
+    const std::string id = platform::printable(device.id());
     const auto pairing = device.pairing();
     if (pairing->isPaired()) {
         LOG_S(INFO) << "Device " << id << " is already accessible!";
@@ -61,7 +63,7 @@ bool pairDevice(platform::DeviceInformation& device) {
         return false;
     }
     LOG_S(INFO) << "Preparing for customized connectiong...";
-    // Ends with the ceremony: nobody answers for this device afterwards.
+    // The handler answers for as long as this ceremony lasts.
     const auto handler = custom->onPairingRequested(onPairingRequested);
     const auto ceremony = custom->pairAsync(platform::DevicePairingKinds::confirmOnly,
                                             platform::DevicePairingProtectionLevel::none);
@@ -70,7 +72,7 @@ bool pairDevice(platform::DeviceInformation& device) {
         LOG_S(ERROR) << "Could not start connecting to device";
         return false;
     }
-    awaitOperation(*ceremony);
+    awaitOperation(*ceremony, stop);
     const auto outcome = ceremony->getResults();
     if (!outcome) {
         LOG_S(ERROR) << "Connection returned NULL status - cannot report it!";
@@ -113,14 +115,14 @@ bool BLEIFLegacy::prepareConnection(std::uint64_t address, std::uint32_t /*timeo
 
 bool BLEIFLegacy::connectLegacy(std::uint64_t address) {
     const std::wstring selector = platform::deviceSelectorFromBluetoothAddress(address);
-    LOG_S(INFO) << "Device selector: " << platform::toUtf8(selector);
+    LOG_S(INFO) << "Device selector: " << platform::printable(selector);
     LOG_S(INFO) << "Connecting to device...";
     const auto enumeration = platform::findAllDevicesAsync(selector);
     if (!enumeration) {
         LOG_S(ERROR) << "Could not enumerate device with selector!";
         return false;
     }
-    awaitOperation(*enumeration);
+    await(*enumeration);
     const auto devices = enumeration->getResults();
     if (!devices) {
         LOG_S(ERROR) << "Could not get device collection for BLE device!";
@@ -129,7 +131,7 @@ bool BLEIFLegacy::connectLegacy(std::uint64_t address) {
     LOG_S(INFO) << "Found collection of " << devices->size() << " devices";
     bool paired = false;
     for (const auto& device : *devices)
-        paired = pairDevice(*device) || paired;
+        paired = pairDevice(*device, context().stop) || paired;
     return paired;
 }
 
@@ -137,19 +139,19 @@ std::shared_ptr<platform::GattDeviceService> BLEIFLegacy::getService(const platf
                                                                      std::uint64_t address) {
     const auto lookUp = startDeviceLookUp(address);
     if (!lookUp) return nullptr;
-    awaitOperation(*lookUp);
+    await(*lookUp);
     context().device = lookUp->getResults();
     if (!context().device) {
         LOG_S(ERROR) << "LE Device is NULL [l]! " << shortUuidText(serviceUuid);
         LOG_S(ERROR) << "LE Error code is " << lookUp->errorCode() << ". Status is "
                      << static_cast<int>(lookUp->status());
-        LOG_S(WARNING) << "No device " << formatBleAddress(address)
+        LOG_S(WARNING) << "No device " << platform::formatAddress(address)
                        << " found: is it switched on and in range?";
         return nullptr;
     }
     LOG_S(INFO) << "Got LE Device ";
     LOG_S(INFO) << "Retrieving service for " << platform::toString(serviceUuid);
-    platform::sleepFor(100ms);
+    context().stop.sleep(100ms);
 
     const auto services = listServices();
     LOG_S(INFO) << "Found " << services.size() << " GATT services.";
@@ -166,7 +168,7 @@ std::shared_ptr<platform::GattDeviceService> BLEIFLegacy::getService(const platf
     return nullptr;
 }
 
-// What the device is known to have; asked anew, once, where nothing is known.
+// The services that the platform knows of. When it knows of none, the device is asked once.
 std::vector<std::shared_ptr<platform::GattDeviceService>> BLEIFLegacy::listServices() {
     LOG_S(INFO) << "Retrieving available GATT services (ALL)...";
     auto known = context().device->gattServices();
@@ -177,7 +179,7 @@ std::vector<std::shared_ptr<platform::GattDeviceService>> BLEIFLegacy::listServi
         LOG_S(ERROR) << "No operation came back for the listing";
         return {};
     }
-    awaitOperation(*listing);
+    await(*listing);
     const auto result = listing->getResults();
     if (result.services) return *result.services;
     LOG_S(WARNING) << "The listing ended with status " << statusText(result.status);
@@ -187,6 +189,7 @@ std::vector<std::shared_ptr<platform::GattDeviceService>> BLEIFLegacy::listServi
 std::shared_ptr<platform::GattCharacteristic> BLEIFLegacy::getCharacteristic(
     const std::shared_ptr<platform::GattDeviceService>& service, const platform::Guid& uuid) {
     if (!service) return nullptr;
+    context().stop.check();
     const auto found = service->getCharacteristics(uuid);
     LOG_S(INFO) << "Characteristics"
                 << " (" << found.size() << ")";

@@ -1,5 +1,5 @@
-// The way to the peripheral on systems with the older GATT calls only: the device is paired first, and its
-// service found by walking the list of all services.
+// Reaches the peripheral on systems that have only the older GATT calls: pairs the device first, and looks
+// for the service in the list of all services.
 #pragma once
 
 #include <string>
@@ -14,8 +14,8 @@ class BLEIFLegacy : public IBLEIF {
     explicit BLEIFLegacy(std::shared_ptr<TioContext> context);
     ~BLEIFLegacy() override;
 
-    // Pairs every device of the address that is not paired yet. True when at least one got paired by this
-    // call; the time-out is not used.
+    // Pairs the devices of the address that are not paired yet. True when this call has paired one. The
+    // time-out is not used.
     bool prepareConnection(std::uint64_t address, std::uint32_t timeoutMs) override;
     std::shared_ptr<platform::GattDeviceService> getService(const platform::Guid& serviceUuid,
                                                             std::uint64_t address) override;
@@ -27,7 +27,7 @@ class BLEIFLegacy : public IBLEIF {
     std::vector<std::shared_ptr<platform::GattDeviceService>> listServices();
 };
 
-// What a pairing outcome means, for the log; empty for a value that the platform has added since.
+// The text of a pairing outcome for the log; empty for a value that this program does not know.
 const wchar_t* pairingResultText(platform::DevicePairingResultStatus status);
 
 }  // namespace blescanner

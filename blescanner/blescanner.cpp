@@ -1,15 +1,18 @@
 #include "blescanner.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <loguru.hpp>
-#include <thread>
+#include <string_view>
 
 #include "blehelper.h"
 #include "cmdpipe.h"
+#include "detached_threads.h"
 #include "lecomm.h"
+#include "log_writer.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
 #include "platform/version.h"
@@ -20,7 +23,21 @@ namespace blescanner {
 namespace {
 
 constexpr const char* kVersion = ZIQBLE_VERSION;
-constexpr std::chrono::seconds kLastCallTime{2};
+// Whatever hangs, the program ends within 5 s of being asked to: half a second that "exit" takes, these two,
+// and the time that the log's reader gets.
+constexpr std::chrono::milliseconds kWindDownTime{2000};
+constexpr std::chrono::milliseconds kCancelTime{100};
+constexpr std::chrono::seconds kLastOutputTime{2};
+
+// Only the writer's thread uses the stream.
+LogWriter& standardOutput() {
+    // Never destroyed: it may hang in a write, and detached threads may log until the process has gone.
+    static LogWriter& writer = *new LogWriter([](std::string_view lines) {
+        const bool taken = std::fwrite(lines.data(), 1, lines.size(), stdout) == lines.size();
+        return std::fflush(stdout) == 0 && taken;
+    });
+    return writer;
+}
 
 void logToStandardOutput(void*, const loguru::Message& line) {
     print(std::string(line.preamble) + line.indentation + line.prefix + line.message + '\n');
@@ -37,8 +54,8 @@ void setUpLogging() {
     int argumentCount = 1;
     loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
     loguru::init(argumentCount, arguments);
-    loguru::g_preamble_date = false;
-    loguru::g_preamble_time = false;
+    const char* const wanted = std::getenv("ZIQBLE_LOG_TIME");
+    loguru::g_preamble_date = loguru::g_preamble_time = wanted && std::string_view(wanted) == "1";
     loguru::g_preamble_uptime = false;
     loguru::g_preamble_thread = false;
     loguru::add_callback("stdout", logToStandardOutput, nullptr, loguru::Verbosity_INFO);
@@ -63,46 +80,82 @@ void shellThread() {
     } catch (const platform::PlatformError& error) {
         LOG_S(ERROR) << kFatal;
         LOG_S(ERROR) << describe(error);
+    } catch (const std::exception& error) {
+        LOG_S(ERROR) << kFatal;
+        LOG_S(ERROR) << platform::printable(error.what());
     } catch (...) {
         LOG_S(ERROR) << kFatal;
     }
 }
 
-// The end of the Bluetooth runtime calls back whatever a link session may still be waiting for.
+DetachedThreads& shellThreads() {
+    static DetachedThreads instance;
+    return instance;
+}
+
+// Until the shell has ended or the program is asked to stop, whichever comes first.
+void runShell() {
+    shellThreads().start([] {
+        shellThread();
+        platform::requestStop();  // what is still winding down has nothing more to wait for
+    });
+    platform::Event* const events[] = {&platform::stopRequested()};
+    while (!platform::waitAny(events, std::chrono::hours(24))) {
+    }
+}
+
+// A Bluetooth call that hangs does not hold the program: what makes such calls runs on detached threads.
+void windDown() {
+    const auto end = std::chrono::steady_clock::now() + kWindDownTime;
+    const auto left = [end] {
+        const auto now = std::chrono::steady_clock::now();
+        return std::chrono::ceil<std::chrono::milliseconds>(std::max(end - now, {}));
+    };
+    if (!shellThreads().wait(left())) {
+        LOG_S(WARNING) << "[WARNING] A Bluetooth call of the shell has not come back!";
+        stopLink(*currentTioContext());
+    }
+    if (!waitForScanConfigThread(left())) {
+        LOG_S(WARNING) << "[WARNING] The adapter's driver has not answered a scan command!";
+    }
+    if (!waitForLinkSessions(left())) {
+        LOG_S(WARNING)
+            << "[WARNING] A Bluetooth call of the link session has not come back, it is cancelled!";
+    }
+}
+
+// The end of the Bluetooth runtime calls back whatever a thread may still be waiting for.
 void runBridge(const std::vector<std::string>& arguments) {
     const platform::BluetoothRuntime bluetooth;
     logBanner();
     setUpOptions(arguments);
-    std::thread shell(shellThread);
-    shell.join();
-    platform::requestStop();  // a session that is still winding down has nothing more to wait for
-    if (!waitForScanConfigThread(kLastCallTime)) {
-        LOG_S(WARNING) << "[WARNING] The adapter's driver has not answered a scan command!";
-    }
-    if (!waitForLinkSessions(kLastCallTime)) {
-        LOG_S(WARNING)
-            << "[WARNING] A Bluetooth call of the link session has not come back, it is cancelled!";
-    }
+    runShell();
+    windDown();
     LOG_S(INFO) << "Goodbye!";
 }
 
-// What makes Bluetooth calls runs on detached threads. One that outlives even the cancelling of its call
-// hangs in the system: then the process goes without destroying anything under it.
+// A thread that outlives even the cancelling of its call hangs in the system: then the process goes without
+// destroying anything under it.
 void endProcessUnderHangingCall() {
-    if (waitForLinkSessions(kLastCallTime) && waitForScanConfigThread(kLastCallTime)) return;
+    if (shellThreads().wait(kCancelTime) && waitForLinkSessions(kCancelTime) &&
+        waitForScanConfigThread(kCancelTime)) {
+        return;
+    }
     loguru::flush();
-    std::fflush(stdout);
+    finishOutput();
     std::_Exit(0);
 }
 
 }  // namespace
 
 // Narrow throughout, also for texts that are wide in the program: a stream of a POSIX host is either narrow
-// or wide for its whole life, and wide output in the C locale ends at the first character beyond ASCII. One
-// call writes one text, so that lines of several threads stay whole.
+// or wide for its whole life, and wide output in the C locale ends at the first character beyond ASCII.
 void print(std::string_view utf8) {
-    std::fwrite(utf8.data(), 1, utf8.size(), stdout);
-    std::fflush(stdout);
+    standardOutput().push(utf8);
+}
+
+bool finishOutput() {
+    return standardOutput().drain(kLastOutputTime);
 }
 
 bool isOlderThanThresholdBuild() {
@@ -123,19 +176,21 @@ int runProgram(const std::vector<std::string>& arguments) {
     setUpLogging();
     const platform::HostRuntime host;
     if (!host.ready()) return 0;
+    int exitCode = 0;
     try {
         runBridge(arguments);
     } catch (const platform::BluetoothConfigError& error) {
         std::fprintf(stderr, "ZIQBLEConnect: %s\n", error.what());
-        return 2;
+        exitCode = 2;
     } catch (const std::exception& error) {
-        print(std::string(*error.what() ? error.what() : "Unknown exception") + '\n');
+        print(platform::printable(*error.what() ? error.what() : "Unknown exception") + '\n');
     } catch (...) {
         print("Unknown exception in main! Terminating application...\n");
     }
     endProcessUnderHangingCall();
     loguru::remove_all_callbacks();
-    return 0;
+    if (!finishOutput()) std::_Exit(exitCode);  // an orderly end would wait for the stream
+    return exitCode;
 }
 
 }  // namespace blescanner

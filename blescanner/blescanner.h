@@ -7,16 +7,6 @@
 
 namespace blescanner {
 
-// From the command line. Written by the main thread before any other thread exists, read-only afterwards.
-struct ProcessSettings {
-    // The separator behind the point is doubled; the system takes the name all the same.
-    std::wstring cmdPipeName = L"\\\\.\\\\pipe\\ZIQBLESh";
-    std::wstring datPipeName = L"\\\\.\\\\pipe\\ZIQBLECOM";
-    std::wstring logFileName = L"nul";
-};
-
-ProcessSettings& settings();
-
 // Reads the arguments (UTF-8, without the program's name) into the settings; prints help and stray arguments.
 // Throws std::invalid_argument when an option lacks its value.
 void setUpOptions(const std::vector<std::string>& arguments);
@@ -28,8 +18,12 @@ bool isOlderThanThresholdBuild();
 // For example "10.0.19041". Any thread.
 std::wstring windowsVersionText();
 
-// Writes to standard output at once. Any thread; texts of several threads are not mixed.
+// Writes to standard output, in the order of the calls and without waiting for its reader. Any thread.
 void print(std::string_view utf8);
+
+// Waits until all that was printed and logged is written. False: standard output did not take it in time. A
+// thread then hangs in the output stream and holds its lock: the process may end by _Exit only.
+bool finishOutput();
 
 // The whole program, from start-up to "Goodbye!". Once, on the main thread. Returns the exit code: 0, or 2
 // when the Bluetooth side rejects its configuration.

@@ -3,6 +3,7 @@
 
 #include "blescanner.h"
 #include "platform/text.h"
+#include "settings.h"
 
 namespace blescanner {
 
@@ -16,13 +17,13 @@ void printHelp(const popl::OptionParser& parser, std::size_t timesAsked) {
 
 void printEach(const std::string& title, const std::vector<std::string>& arguments) {
     for (const std::string& argument : arguments)
-        print(title + argument + '\n');
+        print(title + platform::printable(argument) + '\n');
 }
 
 // Deliberately always the same file: the given name is echoed and kept, nothing opens it.
 void setUpLogFile(const std::string& givenName) {
     if (givenName.empty()) return;
-    print("Using log file: " + givenName + '\n');
+    print("Using log file: " + platform::printable(givenName) + '\n');
     settings().logFileName = platform::widen(givenName);
     loguru::add_file("everything.log", loguru::Append, loguru::Verbosity_MAX);
 }

@@ -1,8 +1,10 @@
 #include "btdrivercheck.h"
 
 #include <algorithm>
+#include <exception>
 #include <fstream>
 #include <loguru.hpp>
+#include <sstream>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -14,8 +16,8 @@ namespace blescanner {
 
 using platform::CalendarTime;
 using platform::DriverInfo;
+using platform::printable;
 using platform::SystemError;
-using platform::toUtf8;
 
 namespace {
 
@@ -43,11 +45,11 @@ std::wstring versionText(std::uint64_t version) {
 
 void logDriver(const DriverInfo& driver, const CalendarTime& date) {
     LOG_S(INFO) << "---------------";
-    LOG_S(INFO) << "Driver description " << toUtf8(driver.description);
-    LOG_S(INFO) << "Driver manufacturer " << toUtf8(driver.manufacturer);
-    LOG_S(INFO) << "Driver provider " << toUtf8(driver.provider);
-    LOG_S(INFO) << "Driver date is " << toUtf8(platform::formatLongDateAndTime(date));
-    LOG_S(INFO) << "Driver version is " << toUtf8(versionText(driver.version));
+    LOG_S(INFO) << "Driver description " << printable(driver.description);
+    LOG_S(INFO) << "Driver manufacturer " << printable(driver.manufacturer);
+    LOG_S(INFO) << "Driver provider " << printable(driver.provider);
+    LOG_S(INFO) << "Driver date is " << printable(platform::formatLongDateAndTime(date));
+    LOG_S(INFO) << "Driver version is " << printable(versionText(driver.version));
 }
 
 bool isSuperseded(const DriverInfo& driver, const std::vector<DriverInfo>& seen) {
@@ -71,15 +73,15 @@ bool isDoubtfulIntelDriver(const DriverInfo& driver, const CalendarTime& date) {
 void warnOfAge(const DriverInfo& driver) {
     const auto date = platform::toCalendarTime(platform::toLocalFileTime(driver.date));
     LOG_S(WARNING) << "[WARNING] It is recommended to check for new Bluetooth \""
-                   << toUtf8(driver.manufacturer) << ":" << toUtf8(driver.provider) << ":"
-                   << toUtf8(platform::formatLongDateAndTime(date)) << "\" driver version and update!";
+                   << printable(driver.manufacturer) << ":" << printable(driver.provider) << ":"
+                   << printable(platform::formatLongDateAndTime(date)) << "\" driver version and update!";
 }
 
 void warnIfKnown(const DriverInfo& driver, const std::wstring& version, const DriversDb& driversDb) {
     const auto entry = driversDb.find(driver.manufacturer + L"#" + version);
     if (entry == driversDb.end()) return;
-    LOG_S(WARNING) << "[WARNING] Bluetooth driver \"" << toUtf8(driver.manufacturer) << ":"
-                   << toUtf8(driver.provider) << "\" may require an update! " << toUtf8(entry->second);
+    LOG_S(WARNING) << "[WARNING] Bluetooth driver \"" << printable(driver.manufacturer) << ":"
+                   << printable(driver.provider) << "\" may require an update! " << printable(entry->second);
 }
 
 // `seen`: the drivers of the same device so far, their dates in local time.
@@ -113,15 +115,34 @@ void checkDriversOf(const platform::DriverDevice& device, const DriversDbSource&
     }
 }
 
+// Takes the byte order mark off, and translates UTF-16, which has to begin with one.
+std::string toUtf8Text(const std::string& bytes) {
+    constexpr std::string_view kUtf8Mark = "\xEF\xBB\xBF";
+    const bool bigEndian = bytes.starts_with("\xFE\xFF");
+    if (!bigEndian && !bytes.starts_with("\xFF\xFE"))
+        return bytes.starts_with(kUtf8Mark) ? bytes.substr(kUtf8Mark.size()) : bytes;
+
+    std::wstring text;
+    for (std::size_t at = 2; at + 1 < bytes.size(); at += 2) {
+        const auto high = static_cast<unsigned char>(bytes[bigEndian ? at : at + 1]);
+        const auto low = static_cast<unsigned char>(bytes[bigEndian ? at + 1 : at]);
+        text += static_cast<wchar_t>(high << 8 | low);
+    }
+    return toUtf8(text);
+}
+
 }  // namespace
 
-DriversDb parseDriversDb(std::istream& file) {
-    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+DriversDb parseDriversDb(const std::string& bytes, const std::string& fileName) {
     DriversDb driversDb;
-    std::string line;
-    for (bool first = true; std::getline(file, line); first = false) {
+    std::size_t unreadable = 0;
+    std::istringstream lines(toUtf8Text(bytes));
+    for (std::string line; std::getline(lines, line);) {
+        if (toUtf8(platform::widen(line)) != line) {
+            ++unreadable;
+            continue;
+        }
         std::string_view rest = line;
-        if (first && rest.starts_with(kByteOrderMark)) rest.remove_prefix(kByteOrderMark.size());
         if (rest.ends_with('\r')) rest.remove_suffix(1);
         const std::string_view manufacturer = nextField(rest);
         const std::string_view version = nextField(rest);
@@ -130,12 +151,25 @@ DriversDb parseDriversDb(std::istream& file) {
         driversDb.insert_or_assign(platform::widen(manufacturer) + L"#" + platform::widen(version),
                                    platform::widen(hint));
     }
+    if (unreadable > 0) {
+        LOG_S(WARNING) << "Driver check: " << unreadable << " lines of " << fileName
+                       << " are not UTF-8 and are not used. Save the file as UTF-8.";
+    }
     return driversDb;
 }
 
 DriversDb readDriversDb() {
-    std::ifstream file(platform::driversDbPath(), std::ios::binary);
-    return parseDriversDb(file);
+    std::filesystem::path path;
+    try {
+        path = platform::driversDbPath();
+    } catch (const std::exception& error) {
+        LOG_S(WARNING) << "Driver check: no folder to look for drivers.db in: " << error.what();
+        return {};
+    }
+    std::ostringstream bytes;
+    bytes << std::ifstream(path, std::ios::binary).rdbuf();
+    const auto name = path.u8string();
+    return parseDriversDb(bytes.str(), {name.begin(), name.end()});
 }
 
 void checkBluetoothDrivers() {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <functional>
-#include <istream>
 #include <map>
 #include <string>
 
@@ -14,10 +13,12 @@ using DriversDb = std::map<std::wstring, std::wstring>;
 using DriversDbSource = std::function<const DriversDb&()>;
 
 // Reads the lines of a reference file (docs/drivers-db.md). Of several lines for one driver the last one
-// wins, so that a correction can be appended. Lines that are not records are skipped silently.
-DriversDb parseDriversDb(std::istream& file);
+// wins, so that a correction can be appended. Lines that are no records are skipped silently; lines that are
+// not UTF-8 are skipped with a warning that names the file.
+DriversDb parseDriversDb(const std::string& bytes, const std::string& fileName);
 
-// The reference file of this installation; empty when it is missing or cannot be read.
+// The reference file of this installation; empty when it is missing, cannot be read, or its folder is
+// not known.
 DriversDb readDriversDb();
 
 // Only logs. Any thread. The reference file is read once per process, when the first look-up is due.

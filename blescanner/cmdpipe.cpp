@@ -5,15 +5,15 @@
 #include <loguru.hpp>
 #include <utility>
 
-#include "blescanner.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
+#include "settings.h"
 
 namespace blescanner {
 
 namespace {
 
-// The two kinds of write have different patience on purpose: replies are short, data is long.
+// Deliberately different: replies are short, data is long.
 constexpr std::int64_t kReplyMsPerCharacter = 100;
 constexpr std::int64_t kDataMsPerByte = 50;
 
@@ -42,8 +42,8 @@ void CNamedPipe::close() {
 
 void CNamedPipe::logClient() const {
     const auto client = pipe_->client();
-    // The session number, not the process number: that is what has always been shown here.
-    LOG_S(INFO) << "Client: (" << client.sessionId << "): " << platform::toUtf8(client.computerName);
+    // Deliberate: the number of the client's session, not of its process.
+    LOG_S(INFO) << "Client: (" << client.sessionId << "): " << platform::printable(client.computerName);
 }
 
 platform::IoResult CNamedPipe::finishWrite(platform::IoResult started, std::int64_t timeoutMs) {
@@ -59,7 +59,7 @@ platform::IoResult CNamedPipe::finishWrite(platform::IoResult started, std::int6
 }
 
 void CNamedPipe::writeText(std::wstring& text) {
-    LOG_S(INFO) << "SHELL: " << platform::toUtf8(text);
+    LOG_S(INFO) << "SHELL: " << platform::toUtf8(text);  // a reply holds no control character but its end
     const std::string bytes = lowBytes(text);
     text.clear();
     if (!pipe_ || bytes.empty()) return;
@@ -77,16 +77,16 @@ void CNamedPipe::writeText(std::wstring& text) {
                 << " (" << platform::number(outcome.error) << ")";
 }
 
-void CNamedPipe::writeBytes(std::span<const std::uint8_t> bytes) {
-    if (!pipe_) return;
+std::size_t CNamedPipe::writeBytes(std::span<const std::uint8_t> bytes) {
+    if (!pipe_) return 0;
     const auto length = static_cast<std::int64_t>(bytes.size());
     const auto outcome = finishWrite(pipe_->startWrite(writeRequest_, bytes), (length + 1) * kDataMsPerByte);
-    if (outcome.error == platform::SystemError::none) return;
-    if (outcome.error != platform::SystemError::operationAborted) {
+    const bool failed = outcome.error != platform::SystemError::none;
+    if (failed && outcome.error != platform::SystemError::operationAborted) {
         LOG_S(INFO) << "ERR(W)="
                     << " (" << platform::number(outcome.error) << "). Read " << bytes.size();
     }
-    LOG_S(WARNING) << "Data pipe: " << bytes.size() - outcome.bytes << " bytes for the client given up";
+    return outcome.bytes;
 }
 
 platform::SystemError CNamedPipe::connect() {
@@ -109,16 +109,20 @@ platform::IoResult CNamedPipe::cancel(platform::IoRequest& request) {
     return pipe_ ? pipe_->cancel(request) : platform::IoResult{createError_, 0};
 }
 
-void CNamedPipe::flush() {
-    pipe_->flush();
+bool CNamedPipe::flush(std::chrono::milliseconds bound) {
+    return !pipe_ || pipe_->flush(bound);
 }
 
 void CNamedPipe::disconnect() {
     if (pipe_) pipe_->disconnect();
 }
 
+bool CNamedPipe::clientLeft() const {
+    return !pipe_ || pipe_->clientLeft();
+}
+
 std::shared_ptr<CNamedPipe> createDataPipe() {
-    const std::string name = platform::toUtf8(settings().datPipeName);
+    const std::string name = platform::printable(settings().datPipeName);
     LOG_S(INFO) << "Creating pipe " << name;
     auto endpoint = std::make_shared<CNamedPipe>();
     const auto error = endpoint->create(settings().datPipeName);

@@ -1,6 +1,8 @@
 // The shell command pipe: the pipe endpoint that both pipes use, and the session that serves its clients.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -10,18 +12,19 @@
 
 namespace blescanner {
 
-// The server end of one local pipe. The pipe is made once per object; a new connection of the data pipe gets
-// a new object, so that whoever still holds the old one finds it closed instead of finding its successor.
+// The server end of one local pipe. An object is created once and closed once. Each link session has a data
+// pipe object of its own: a thread of an earlier session finds its pipe closed, and never writes into the
+// next one.
 //
-// Threads: close() from any thread at any time. Apart from that one thread reads (or connects) and one thread
-// writes.
+// Threads: close() and clientLeft() from any thread at any time. Apart from that one thread reads (or
+// connects) and one thread writes.
 class CNamedPipe {
   public:
-    // Creates the pipe; afterwards isOpen() tells whether that went well.
+    // Creates the pipe. After an error isOpen() is false.
     platform::SystemError create(const std::wstring& name);
 
     bool isOpen() const { return pipe_ && pipe_->isOpen(); }
-    // Disconnects the client and removes the pipe.
+    // Disconnects the client, which loses what it has not read on some hosts, and removes the pipe.
     void close();
 
     // Logs who has connected.
@@ -29,8 +32,9 @@ class CNamedPipe {
 
     // Sends a reply, one byte per UTF-16 unit, and empties the text. Gives up after 100 ms a character.
     void writeText(std::wstring& text);
-    // Sends bytes of the link. Gives up after 50 ms a byte; what the client did not take is logged.
-    void writeBytes(std::span<const std::uint8_t> bytes);
+    // Sends bytes of the link, and returns how many of them the client's end took. Gives up after 50 ms a
+    // byte.
+    std::size_t writeBytes(std::span<const std::uint8_t> bytes);
 
     // Blocks until a client is there or the program is asked to stop.
     platform::SystemError connect();
@@ -38,8 +42,11 @@ class CNamedPipe {
     platform::IoResult startRead(platform::IoRequest& request, std::span<std::uint8_t> buffer);
     platform::IoResult result(platform::IoRequest& request);
     platform::IoResult cancel(platform::IoRequest& request);
-    void flush();
+    // Waits, up to the bound, until the client has read what was written. False: it has not, and was dropped.
+    bool flush(std::chrono::milliseconds bound);
     void disconnect();
+    // No client holds the other end.
+    bool clientLeft() const;
 
     platform::IoRequest readRequest;
 
@@ -51,8 +58,7 @@ class CNamedPipe {
     platform::IoRequest writeRequest_;
 };
 
-// Creates the data pipe under the name from the settings. A failure is logged and leaves the endpoint not
-// open.
+// Creates the data pipe under the name from the settings. A failure is logged; the endpoint is then not open.
 std::shared_ptr<CNamedPipe> createDataPipe();
 
 // Body of the shell thread: creates the command pipe, makes sure that Bluetooth is usable and serves one

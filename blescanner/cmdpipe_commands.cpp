@@ -7,6 +7,7 @@
 
 #include "blehelper.h"
 #include "blescanner.h"
+#include "cmdpipe_bluetooth.h"
 #include "lecomm.h"
 #include "lescan.h"
 #include "platform/clock.h"
@@ -20,6 +21,7 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto kStopGrace = 250ms;
+constexpr auto kDataFlush = 250ms;
 constexpr std::uint32_t kShortestScanMs = 1000;
 
 // The milliseconds of "lescan MS"; 0 where there is no usable number.
@@ -27,8 +29,7 @@ std::uint32_t scanTimeout(const std::wstring& line) {
     std::wistringstream words(line);
     std::wstring command;
     words >> command >> std::ws;
-    // A stream reads a negative text as a huge unsigned number, which would keep the shell scanning for
-    // weeks.
+    // A stream would read a negative number as a huge unsigned one.
     std::uint32_t timeout = 0;
     if (words.peek() == L'-' || !(words >> timeout)) return 0;
     return timeout;
@@ -40,7 +41,7 @@ CommandResult CommandSet::dispatch(std::span<const std::uint8_t> bytes, LineAccu
     for (const std::uint8_t byte : bytes) {
         if (!line.add(byte)) continue;
         line.lower();
-        const std::string shown = platform::toUtf8(line.shownText());
+        const std::string shown = platform::printable(line.shownText());
         LOG_S(INFO) << "SHELL INPUT: " << shown;
         if (line.tooLong()) {
             LOG_S(ERROR) << "Unknown command: " << shown;
@@ -61,7 +62,9 @@ CommandResult CommandSet::execute(const std::wstring& line) {
         return CommandResult::clientQuits;
     }
     if (line == L"exit") {
-        terminateApplication();
+        LOG_S(INFO) << "Received a terminate APP command";
+        stopSession();
+        platform::sleepFor(kStopGrace);
         return CommandResult::programEnds;
     }
     if (line.starts_with(L"lescan")) {
@@ -69,41 +72,34 @@ CommandResult CommandSet::execute(const std::wstring& line) {
     } else if (line.starts_with(L"connect")) {
         connect(line);
     } else if (line.starts_with(L"disconnect")) {
-        stopLink();
+        stopSession();
         reply(L"OK\r\n");
     } else if (line.starts_with(L"stats")) {
         stats();
     } else if (line.starts_with(L"resetbt")) {
-        resetBluetooth();
+        resetBluetooth(programEnd());
         reply(L"OK\r\n");
     } else {
-        LOG_S(ERROR) << "Unknown command: " << platform::toUtf8(line);
+        LOG_S(ERROR) << "Unknown command: " << platform::printable(line);
     }
     return CommandResult::goOn;
 }
 
-void CommandSet::terminateApplication() {
-    LOG_S(INFO) << "Received a terminate APP command";
-    stopLink();
-    platform::sleepFor(kStopGrace);
-}
-
 void CommandSet::closeDataPipe() {
     if (!data_) return;
+    if (!data_->flush(kDataFlush)) LOG_S(WARNING) << "Data pipe: closed before the client had read all of it";
     data_->close();
     data_.reset();
 }
 
-void CommandSet::closeLink() {
-    const auto session = currentTioContext();
-    session->stoppedByShell = true;
-    // The reference goes first: whoever wakes up because the pipe is closed finds the session stopped.
-    endLink(*session);
+void CommandSet::closeSession() {
+    // Before the pipe is closed: a thread that this wakes finds the session stopped.
+    stopLink(*currentTioContext());
     closeDataPipe();
 }
 
-void CommandSet::stopLink() {
-    closeLink();
+void CommandSet::stopSession() {
+    closeSession();
     platform::sleepFor(kStopGrace);
 }
 
@@ -114,13 +110,7 @@ void CommandSet::reply(std::wstring text) {
 bool CommandSet::replyIfBluetoothUnusable() {
     std::uint32_t radios = 0;
     if (checkBluetoothRadio(radios, false) == RadioCheckResult::BluetoothOn) return false;
-    if (radios != 0) {
-        reply(L"BLE DISABLED!\r\n");
-        LOG_S(INFO) << "BLE DISABLED\r\n";  // without the reply's "!", on purpose
-    } else {
-        reply(L"BLE NOT FOUND\r\n");
-        LOG_S(INFO) << "BLE NOT FOUND\r\n";
-    }
+    tellBluetoothUnusable(shell_, radios);
     return true;
 }
 
@@ -131,10 +121,8 @@ void CommandSet::leScan(const std::wstring& line) {
     if (getBLEProtocolSupport(&leAdapters)) {
         if (leAdapters == 0) {
             // The scan still follows: an adapter may see advertisements though its version could not be read.
-            LOG_S(WARNING)
-                << "[WARNING] Bluetooth available on PC but no support for Bluetooth Low Energy (BLE) found!";
-            reply(L"LE NOT SUPPORTED\r\n");
-            LOG_S(INFO) << "LE NOT SUPPORTED\r\n";
+            warnOfMissingLowEnergy();
+            tellLowEnergyMissing(shell_);
         } else {
             LOG_S(INFO) << "Found " << leAdapters << " devices that support LE";
         }
@@ -142,18 +130,18 @@ void CommandSet::leScan(const std::wstring& line) {
 
     const std::uint32_t timeout = scanTimeout(line);
     if (timeout < kShortestScanMs) {
-        // The bound itself is accepted, whatever the text says.
+        // Deliberate: the text says "larger than", but the bound itself is accepted.
         LOG_S(INFO) << "LE scan is only allowed if timeout is larger than " << kShortestScanMs;
         return;
     }
     LOG_S(INFO) << "Starting LE scan with timeout " << timeout;
     std::wstring found;
-    scanForTioDevices(found, timeout);
+    scanForTioDevices(found, timeout, [this] { return !shell_.clientLeft(); });
     reply(found.empty() ? L"N/A\r\n" : found);
 }
 
 void CommandSet::connect(const std::wstring& line) {
-    stopLink();
+    stopSession();
     const std::wstring address = line.substr(std::wstring_view(L"connect").size());
     data_ = createDataPipe();
     reply(lecommStart(data_, address) == -1 ? L"FAIL\r\n" : L"OK\r\n");
@@ -180,7 +168,7 @@ std::wstring CommandSet::bluetoothStats() const {
     if (enumerateRadioVersions(adapters)) {
         leList << L";LE=";
         for (const RadioVersionInfo& adapter : adapters) {
-            leList << withoutLineEnds(adapter.name) << L"+" << adapter.lmpVersion << L"|";
+            leList << withoutControlCharacters(adapter.name) << L"+" << adapter.lmpVersion << L"|";
             leSupported = leSupported || adapter.lmpVersion >= kLowestLeLmpVersion;
         }
     }

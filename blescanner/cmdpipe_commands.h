@@ -11,29 +11,26 @@
 
 namespace blescanner {
 
-// What follows from a command.
+// What the session does after a command.
 enum class CommandResult { goOn = 0, clientQuits = -1, programEnds = -2 };
 
-// Executes command lines on the shell thread. Owns the data pipe's endpoint: "connect" makes it, and whatever
-// stops the link closes it.
+// Executes command lines on the shell thread. Owns the data pipe's endpoint: "connect" creates it, and every
+// stop of the link closes it.
 class CommandSet {
   public:
     // Replies go to `shell`, which must outlive this.
     explicit CommandSet(CNamedPipe& shell) : shell_(shell) {}
 
-    // Takes bytes as they were read; runs every line that they complete. Stops at a line that ends the
-    // session. Exceptions of the platform reach the caller.
+    // Takes bytes as they were read, and executes every line that they complete, up to one that ends the
+    // session. Throws PlatformError, and Stopped at the program's end.
     CommandResult dispatch(std::span<const std::uint8_t> bytes, LineAccumulator& line);
-
-    // What "exit" does, for whoever else ends the program.
-    void terminateApplication();
 
     // Closes the data pipe if it is open.
     void closeDataPipe();
-    // Tells the link session to stop and closes the data pipe.
-    void closeLink();
+    // Stops the link session and closes the data pipe.
+    void closeSession();
     // The same, and gives the session's threads 250 ms to notice.
-    void stopLink();
+    void stopSession();
 
   private:
     CommandResult execute(const std::wstring& line);

@@ -30,7 +30,7 @@ void LineAccumulator::lower() {
 
 void LineAccumulator::clear() {
     text_.clear();
-    if (tooLong_) text_.shrink_to_fit();  // it may be the only long line that ever comes
+    if (tooLong_) text_.shrink_to_fit();  // gives the memory back
     tooLong_ = false;
 }
 

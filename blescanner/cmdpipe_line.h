@@ -7,9 +7,9 @@
 
 namespace blescanner {
 
-// One per client; used by the shell thread only. A carriage return or a line feed completes a line, so that a
-// line that ends in both is followed by an empty one. A line without an end does not grow memory: beyond the
-// limit only the fact that it was too long is kept.
+// One for each client. Shell thread only. A carriage return or a line feed completes a line, so a line that
+// ends in both is followed by an empty line. Characters beyond the limit are dropped, and the line is marked
+// as too long.
 class LineAccumulator {
   public:
     static constexpr std::size_t kLimit = 64 * 1024;  // characters
@@ -20,7 +20,7 @@ class LineAccumulator {
     // Of the completed line:
     bool tooLong() const { return tooLong_; }
     const std::wstring& text() const { return text_; }
-    // For the log: the beginning only where the line was too long.
+    // For the log. Of a line that was too long only the beginning.
     std::wstring shownText() const;
 
     void lower();

@@ -21,8 +21,7 @@ void LinkNotification::close() {
     open_ = false;
 }
 
-void LinkNotification::post(LinkLine line) {
-    const std::string text = platform::toUtf8(line.text);
+void LinkNotification::post(std::wstring line) {
     {
         const std::lock_guard lock(mutex_);
         if (open_) {
@@ -31,13 +30,18 @@ void LinkNotification::post(LinkLine line) {
             return;
         }
     }
-    LOG_S(INFO) << "No client to tell: " << text;
+    LOG_S(INFO) << "No client to tell: " << platform::toUtf8(line);
 }
 
-std::optional<LinkLine> LinkNotification::take() {
+void LinkNotification::discard() {
+    while (const auto line = take())
+        LOG_S(INFO) << "Not sent, the link has been stopped: " << platform::toUtf8(*line);
+}
+
+std::optional<std::wstring> LinkNotification::take() {
     const std::lock_guard lock(mutex_);
     if (lines_.empty()) return std::nullopt;
-    std::optional<LinkLine> line(std::move(lines_.front()));
+    std::optional<std::wstring> line(std::move(lines_.front()));
     lines_.pop_front();
     if (lines_.empty()) event_.reset();
     return line;

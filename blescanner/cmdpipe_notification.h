@@ -2,7 +2,6 @@
 #pragma once
 
 #include <deque>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -11,14 +10,6 @@
 
 namespace blescanner {
 
-struct TioContext;
-
-// A line with the session that it tells of.
-struct LinkLine {
-    std::wstring text;
-    std::shared_ptr<const TioContext> session;
-};
-
 // Lines are posted by any thread and taken by the shell thread, whole and in order. Only while a client
 // session is open are they kept: a client that comes later did not ask for them.
 class LinkNotification {
@@ -26,15 +17,17 @@ class LinkNotification {
     void open();
     void close();
 
-    void post(LinkLine line);
+    void post(std::wstring line);
+    // The link that the lines tell of has been stopped: nobody gets them.
+    void discard();
 
     // Signalled while there is something to take. Owned by the shell thread, which resets it through take().
     platform::Event& event() { return event_; }
-    std::optional<LinkLine> take();
+    std::optional<std::wstring> take();
 
   private:
     std::mutex mutex_;
-    std::deque<LinkLine> lines_;
+    std::deque<std::wstring> lines_;
     bool open_ = false;
     platform::Event event_;
 };

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "blehelper.h"
-#include "blescanner.h"
 #include "cmdpipe.h"
+#include "cmdpipe_bluetooth.h"
 #include "cmdpipe_commands.h"
 #include "cmdpipe_notification.h"
 #include "lecomm.h"
@@ -13,6 +13,8 @@
 #include "platform/runtime.h"
 #include "platform/text.h"
 #include "platform_error_text.h"
+#include "settings.h"
+#include "stop.h"
 
 namespace blescanner {
 
@@ -21,17 +23,19 @@ using platform::SystemError;
 
 namespace {
 
-enum class ClientOutcome { left, programEnds };
+enum class ClientOutcome { left, sentExit, programStopped };
 
-// A read that keeps failing for another reason than the client's leaving would otherwise keep the shell busy
-// for ever.
+// After so many failures in a row the client counts as gone. Otherwise a read that always fails would keep
+// the shell busy for ever.
 constexpr int kReadFailuresInARow = 3;
+// How long a client may take to read what was written for it.
+constexpr auto kFlushBound = 5000ms;
 
 std::string messageOf(SystemError error) {
     return platform::systemMessage(platform::hresult(0x80070000U | platform::number(error)));
 }
 
-// Everything that one client may leave behind; closes the notification when the client's session is over.
+// Lines of the link are kept for the client while this lives.
 struct NotificationScope {
     NotificationScope() { linkNotification().open(); }
     ~NotificationScope() { linkNotification().close(); }
@@ -44,7 +48,8 @@ class ShellSession {
     ShellSession() = default;
     // However the session ends: no link goes on without it, and no pipe stays.
     ~ShellSession() {
-        commands_.closeLink();
+        commands_.closeSession();
+        dropClient();
         shell_.close();
     }
     ShellSession(const ShellSession&) = delete;
@@ -56,17 +61,17 @@ class ShellSession {
     bool createShellPipe();
     bool bluetoothUsable(bool on, std::uint32_t radios);
     bool leSupported(bool queryRan, std::uint32_t leAdapters);
-    void announce(const wchar_t* text);
+    void letClientIn();
     void serveClients();
     ClientOutcome serveClient();
     ClientOutcome clientLoop();
     platform::IoResult waitForRead();
     void deliverLinkLines();
+    void dropClient();
 
     CNamedPipe shell_;
     CommandSet commands_{shell_};
     std::array<std::uint8_t, 512> readBuffer_{};
-    std::weak_ptr<const TioContext> dropped_;  // the session whose drop the client was told last
 };
 
 void ShellSession::run() {
@@ -85,7 +90,7 @@ void ShellSession::run() {
 }
 
 bool ShellSession::createShellPipe() {
-    const std::string name = platform::toUtf8(settings().cmdPipeName);
+    const std::string name = platform::printable(settings().cmdPipeName);
     LOG_S(INFO) << "Creating " << name << " pipe.";
     const SystemError error = shell_.create(settings().cmdPipeName);
     if (error == SystemError::none) return true;
@@ -104,52 +109,55 @@ bool ShellSession::bluetoothUsable(bool on, std::uint32_t radios) {
     if (on) return true;
 
     for (const auto pauseAfter : {2000ms, 0ms}) {
-        announce(radios != 0 ? L"BLE DISABLED!\r\n" : L"BLE NOT FOUND\r\n");
-        LOG_S(INFO) << (radios != 0 ? "BLE DISABLED\r\n" : "BLE NOT FOUND\r\n");
-        platform::sleepFor(pauseAfter);
+        letClientIn();
+        tellBluetoothUnusable(shell_, radios);
+        programEnd().sleep(pauseAfter);
     }
     return false;
 }
 
 bool ShellSession::leSupported(bool queryRan, std::uint32_t leAdapters) {
     if (!queryRan || leAdapters != 0) return true;
-    LOG_S(WARNING)
-        << "[WARNING] Bluetooth available on PC but no support for Bluetooth Low Energy (BLE) found!";
-    platform::sleepFor(2000ms);
-    announce(L"LE NOT SUPPORTED\r\n");
-    LOG_S(INFO) << "LE NOT SUPPORTED\r\n";
-    platform::sleepFor(500ms);
+    warnOfMissingLowEnergy();
+    programEnd().sleep(2000ms);
+    letClientIn();
+    tellLowEnergyMissing(shell_);
+    programEnd().sleep(500ms);
     return false;
 }
 
-// Nobody waits for a client at this point; whoever has come by himself is told, otherwise the text is lost.
-void ShellSession::announce(const wchar_t* text) {
+// Takes a client that is waiting already, so that it gets what is written next. Does not wait for one:
+// without a client the text is lost.
+void ShellSession::letClientIn() {
     shell_.startConnect(shell_.readRequest);
     shell_.cancel(shell_.readRequest);
-    std::wstring reply(text);
-    shell_.writeText(reply);
+}
+
+// Disconnects the client once it has read what was written for it.
+void ShellSession::dropClient() {
+    if (!shell_.flush(kFlushBound))
+        LOG_S(WARNING) << "Command pipe: closed before the client had read all of it";
+    shell_.disconnect();
 }
 
 void ShellSession::serveClients() {
     for (;;) {
         LOG_S(INFO) << "Waiting for a client to connect\n";
         const SystemError error = shell_.connect();
-        if (platform::stopRequested().isSet()) {
-            commands_.terminateApplication();
-            LOG_S(INFO) << "Exiting on terminate APP command";
-            return;
-        }
+        programEnd().check();
         if (error != SystemError::none) {
             LOG_S(ERROR) << "Failed in call to CNamedPipe::ConnectClient, Error: " << platform::number(error);
             return;
         }
         shell_.logClient();
-        if (serveClient() == ClientOutcome::programEnds) {
+        const ClientOutcome outcome = serveClient();
+        if (outcome == ClientOutcome::programStopped) throw Stopped();
+        if (outcome == ClientOutcome::sentExit) {
             LOG_S(INFO) << "Exiting on terminate APP command";
+            platform::requestStop();
             return;
         }
-        shell_.flush();
-        shell_.disconnect();
+        dropClient();
         LOG_S(INFO) << "  Disconnecting ";
     }
 }
@@ -159,12 +167,14 @@ ClientOutcome ShellSession::serveClient() {
     ClientOutcome outcome = ClientOutcome::left;
     try {
         outcome = clientLoop();
+    } catch (const Stopped&) {
+        outcome = ClientOutcome::programStopped;
     } catch (const platform::PlatformError& error) {
         LOG_S(ERROR) << describe(error);
     } catch (...) {
         LOG_S(ERROR) << "Unknown exception in processing command!";
     }
-    // What the next client sends must not complete this one's read.
+    // Otherwise the first bytes of the next client would complete this client's read.
     shell_.cancel(shell_.readRequest);
     shell_.readRequest.event().reset();
     return outcome;
@@ -174,10 +184,7 @@ ClientOutcome ShellSession::clientLoop() {
     LineAccumulator line;
     int failures = 0;
     for (;;) {
-        if (platform::stopRequested().isSet()) {
-            commands_.terminateApplication();
-            return ClientOutcome::programEnds;
-        }
+        programEnd().check();
         deliverLinkLines();
 
         // A read that is still pending from the last round is kept.
@@ -190,14 +197,14 @@ ClientOutcome ShellSession::clientLoop() {
             failures = 0;
             const auto result = commands_.dispatch({readBuffer_.data(), read.bytes}, line);
             if (result == CommandResult::clientQuits) return ClientOutcome::left;
-            if (result == CommandResult::programEnds) return ClientOutcome::programEnds;
+            if (result == CommandResult::programEnds) return ClientOutcome::sentExit;
             continue;
         }
         if (read.error != SystemError::brokenPipe) {
             LOG_S(ERROR) << "SHELL PIPE ERR(R)= (" << platform::number(read.error) << ")";
             if (++failures < kReadFailuresInARow) continue;
         }
-        commands_.stopLink();
+        commands_.stopSession();
         LOG_S(ERROR) << "Client disconnected!";
         return ClientOutcome::left;
     }
@@ -213,25 +220,20 @@ platform::IoResult ShellSession::waitForRead() {
 
 void ShellSession::deliverLinkLines() {
     while (auto line = linkNotification().take()) {
-        if (line->session != currentTioContext()) {
-            LOG_S(INFO) << "Not sent, an earlier link session is meant: " << platform::toUtf8(line->text);
-            continue;
-        }
-        // Another thread may have noticed the drop before the session announced itself.
-        const bool late = line->session->stoppedByShell || line->session == dropped_.lock();
-        if (late && line->text == L"CONNECT TIO\r\n") continue;
-        const bool dropped = line->text == L"TIO DROP\r\n";
-        shell_.writeText(line->text);
-        if (!dropped) continue;
-        dropped_ = line->session;
-        commands_.closeDataPipe();
+        const bool dropped = *line == L"TIO DROP\r\n";
+        shell_.writeText(*line);
+        if (dropped) commands_.closeDataPipe();
     }
 }
 
 }  // namespace
 
 void runShellSession() {
-    ShellSession().run();
+    try {
+        ShellSession().run();
+    } catch (const Stopped&) {
+        LOG_S(INFO) << "The program has been asked to stop";
+    }
 }
 
 }  // namespace blescanner

@@ -1,5 +1,5 @@
-// Threads that nobody joins, because a Bluetooth call that they make may never come back; but whose end can
-// be waited for, so that they do not run into the end of the process.
+// Threads that nobody joins, because a Bluetooth call of theirs may never come back. The end of the program
+// waits for them with a time-out.
 #pragma once
 
 #include <chrono>
@@ -10,10 +10,11 @@
 
 namespace blescanner {
 
-// Any thread. Lives as long as its threads: as a static, in a process that they may outlive only by _Exit.
+// Threads: any. Must outlive its threads: make it a static, and end the process by _Exit while one still
+// runs.
 class DetachedThreads {
   public:
-    // What the function holds is released before the thread counts as ended.
+    // The function and what it has captured are destroyed before the thread counts as ended.
     template <class Function>
     void start(Function function) {
         {

@@ -1,7 +1,5 @@
 #include "lecomm.h"
 
-#include <array>
-#include <cstdio>
 #include <loguru.hpp>
 #include <mutex>
 #include <stdexcept>
@@ -11,6 +9,7 @@
 #include "cmdpipe_notification.h"
 #include "detached_threads.h"
 #include "lescan.h"
+#include "platform/address.h"
 #include "platform/text.h"
 
 namespace blescanner {
@@ -44,12 +43,12 @@ DetachedThreads& sessionThreads() {
     return instance;
 }
 
-// Inside a handler only.
+// Called inside a catch block only.
 void logCurrentException() {
     try {
         throw;
     } catch (const std::exception& error) {
-        LOG_S(ERROR) << error.what();
+        LOG_S(ERROR) << platform::printable(error.what());
     } catch (...) {
     }
 }
@@ -76,6 +75,7 @@ std::shared_ptr<TioContext> currentTioContext() {
 
 void resetTioContext(TioContext& context) {
     context.subscriptions.clear();
+    context.lostToClient.tellRest();
     endLink(context);
     context.localCredits = 0;
     context.remoteCredits = 0;
@@ -101,26 +101,8 @@ std::uint64_t parseBleAddress(const std::wstring& text) {
     std::string narrow;
     for (const wchar_t unit : text)
         narrow.push_back(static_cast<char>(unit));
-
-    std::array<unsigned char, 6> bytes{};
-    int consumed = 0;
-    const int fields = std::sscanf(narrow.c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx%n", &bytes[0], &bytes[1],
-                                   &bytes[2], &bytes[3], &bytes[4], &bytes[5], &consumed);
-    if (fields != 6 || static_cast<std::size_t>(consumed) != narrow.size()) {
-        throw std::runtime_error("invalid BLE address format " + platform::toUtf8(text));
-    }
-    std::uint64_t address = 0;
-    for (const unsigned char byte : bytes)
-        address = address << 8 | byte;
-    return address;
-}
-
-std::string formatBleAddress(std::uint64_t address) {
-    std::array<char, 18> text{};
-    const auto byte = [address](int index) { return static_cast<unsigned>(address >> (8 * index) & 0xFF); };
-    std::snprintf(text.data(), text.size(), "%02x:%02x:%02x:%02x:%02x:%02x", byte(5), byte(4), byte(3),
-                  byte(2), byte(1), byte(0));
-    return text.data();
+    if (const auto address = platform::parseAddress(narrow)) return *address;
+    throw std::runtime_error("invalid BLE address format " + platform::printable(text));
 }
 
 int lecommStart(std::shared_ptr<CNamedPipe> dataPipe, const std::wstring& address) {
@@ -131,7 +113,7 @@ int lecommStart(std::shared_ptr<CNamedPipe> dataPipe, const std::wstring& addres
     std::shared_ptr<TioContext> context;
     try {
         context = startContext(std::move(dataPipe));
-        LOG_S(INFO) << "Device ADDR: " << platform::toUtf8(address);
+        LOG_S(INFO) << "Device ADDR: " << platform::printable(address);
         LOG_S(INFO) << "Service UUID: " << platform::toString(context->serviceUuid);
         // No blank behind these two labels: scripts look for them as they are.
         LOG_S(INFO) << "TX Characteristic:" << platform::toString(context->txUuid);
@@ -145,7 +127,7 @@ int lecommStart(std::shared_ptr<CNamedPipe> dataPipe, const std::wstring& addres
     } catch (...) {
         LOG_S(ERROR) << "Exception in lecommStart" << platform::number(platform::lastSystemError());
         logCurrentException();
-        // Without a thread the session must not look as if it ran.
+        // There is no thread that would end the session.
         if (context) endLink(*context);
     }
     return 0;
@@ -158,7 +140,7 @@ void onSessionStatusChanged(const std::shared_ptr<TioContext>& context, platform
             return;
         case platform::GattSessionStatus::closed:
             LOG_S(INFO) << "Status is: CLOSED";
-            notifyWhileLinked(context, L"STATUS CLOSED\r\n");
+            notifyWhileLinked(*context, L"STATUS CLOSED\r\n");
             return;
     }
     LOG_S(INFO) << "[UNEXPECTED]: Session status is " << static_cast<int>(status);
@@ -169,13 +151,28 @@ bool endLink(TioContext& context) {
     return context.dataPipe.exchange(nullptr) != nullptr;
 }
 
-void notifyClient(const std::shared_ptr<const TioContext>& context, const wchar_t* line) {
-    linkNotification().post({line, context});
+void dropLink(TioContext& context) {
+    // Once, however many writes fail at the same moment.
+    if (endLink(context)) notifyClient(context, L"TIO DROP\r\n");
 }
 
-void notifyWhileLinked(const std::shared_ptr<TioContext>& context, const wchar_t* line) {
-    const std::lock_guard lock(context->lineOrder);
-    if (context->dataPipe) notifyClient(context, line);
+void stopLink(TioContext& context) {
+    {
+        const std::lock_guard lock(context.lineOrder);
+        context.stop.stop();
+        context.dataPipe = nullptr;
+    }
+    linkNotification().discard();
+}
+
+void notifyClient(TioContext& context, const wchar_t* line) {
+    const std::lock_guard lock(context.lineOrder);
+    if (!context.stop.stopped()) linkNotification().post(line);
+}
+
+void notifyWhileLinked(TioContext& context, const wchar_t* line) {
+    const std::lock_guard lock(context.lineOrder);
+    if (context.dataPipe && !context.stop.stopped()) linkNotification().post(line);
 }
 
 bool waitForLinkSessions(std::chrono::milliseconds timeout) {

@@ -13,8 +13,11 @@
 #include <string>
 #include <vector>
 
+#include "byte_loss.h"
 #include "lecomm_profile.h"
+#include "platform/event.h"
 #include "platform/gatt.h"
+#include "stop.h"
 
 namespace blescanner {
 
@@ -27,7 +30,7 @@ struct TioContext {
     std::atomic<std::int32_t> txMtu = TIO_DEFAULT_MTU;  // bytes; the largest write to RX_UUID
     platform::Guid serviceUuid = TIO_SERVICE_UUID;
     platform::Guid altServiceUuid = TIO_ALT_SERVICE_UUID;
-    // The session's stop signal: non-null while it runs, cleared by whoever ends it (endLink). Points at
+    // Non-null while the session runs, cleared by whoever ends it (endLink, stopLink). Points at
     // dataPipeOwner's.
     std::atomic<CNamedPipe*> dataPipe = nullptr;
     std::atomic<std::int32_t> localCredits = 0;
@@ -47,12 +50,15 @@ struct TioContext {
     std::shared_ptr<platform::GattCharacteristic> txmtuChar;
     std::shared_ptr<platform::GattCharacteristic> rxmtuChar;
 
-    // The shell has stopped the session. It then leaves the radio and the peripheral to the one that comes
-    // after it, and does not announce itself any more.
-    std::atomic<bool> stoppedByShell = false;
-    // Held while a line that only a running session may send is posted, and while the session is ended.
+    // Set by stopLink. A session that has been stopped ends its subscriptions, releases what it holds and
+    // logs its end. It sends no line, makes no call to the Bluetooth side and touches no radio.
+    StopSignal stop;
+    // Held while a line is posted, and while the session is ended or stopped: so no line follows its end.
     std::mutex lineOrder;
-    // Keeps the pipe alive for late users of dataPipe. Set before the session's threads exist.
+    platform::Event creditsArrived;  // set by the value-changed handler, reset by the data pump
+    ByteLoss lostToClient;
+    // Keeps the pipe alive for a thread that has read dataPipe just before it was cleared. Set before the
+    // session's threads exist.
     std::shared_ptr<CNamedPipe> dataPipeOwner;
     std::vector<platform::Subscription> subscriptions;
     // Bytes of this session; they stay readable after its end, until the next one starts.
@@ -67,7 +73,7 @@ struct TioStatistics {
     std::int32_t remoteCreditsShown = 0;
 };
 
-// The latest session's; one that never ran before the first start. Never null. Any thread.
+// The latest session's; before the first one that of a session that never ran. Never null. Any thread.
 std::shared_ptr<TioContext> currentTioContext();
 
 // Ends the subscriptions, then releases the platform's objects and zeroes the rest; the byte counters stay.
@@ -82,9 +88,6 @@ const TioStatistics& copyShownCredits(const TioContext& context);
 // the text.
 std::uint64_t parseBleAddress(const std::wstring& text);
 
-// Two lower-case digits a byte: "00:1a:7d:da:71:13".
-std::string formatBleAddress(std::uint64_t address);
-
 // Starts a session on the data pipe; its outcome reaches the client later as a line. Blocks for the 500 ms of
 // the wake-up scan. Always 0: what goes wrong is logged. Shell thread.
 int lecommStart(std::shared_ptr<CNamedPipe> dataPipe, const std::wstring& address);
@@ -98,14 +101,22 @@ void runDataPump(const std::shared_ptr<TioContext>& context);
 
 void onSessionStatusChanged(const std::shared_ptr<TioContext>& context, platform::GattSessionStatus status);
 
-// Ends the session's claim on the data pipe, once: true for the call that did it. Any thread.
+// The session ends by itself and gives the data pipe up. True for the one call that did it. Any thread.
 bool endLink(TioContext& context);
 
-// Sends a line of this session to the command-pipe client. Any thread.
-void notifyClient(const std::shared_ptr<const TioContext>& context, const wchar_t* line);
+// The link is lost: ends the session and tells the client "TIO DROP", once. Any thread.
+void dropLink(TioContext& context);
 
-// The same, unless the session has ended: such a line never follows the one that told the end. Any thread.
-void notifyWhileLinked(const std::shared_ptr<TioContext>& context, const wchar_t* line);
+// Stops the session for good, and takes back the lines that have not been delivered yet. Any thread, once the
+// session is the latest.
+void stopLink(TioContext& context);
+
+// Sends a line to the command-pipe client, unless the session has been stopped. Any thread.
+void notifyClient(TioContext& context, const wchar_t* line);
+
+// The same for a line that only a running session sends: it never follows the line that tells the end. Any
+// thread.
+void notifyWhileLinked(TioContext& context, const wchar_t* line);
 
 // True once every session thread has ended, false when the time was over before. Any thread.
 bool waitForLinkSessions(std::chrono::milliseconds timeout);

@@ -21,7 +21,7 @@ constexpr platform::Guid bluetoothBase(std::uint32_t number) {
 }
 
 inline constexpr platform::Guid TIO_SERVICE_UUID = bluetoothBase(0xFEFB);
-// Held for completeness of the profile; nothing connects to it.
+// Part of the profile, but not used.
 inline constexpr platform::Guid TIO_ALT_SERVICE_UUID = bluetoothBase(0xFFE9);
 
 inline constexpr platform::Guid RX_UUID = tioCharacteristic(0x01);  // host writes data, without response
@@ -38,6 +38,6 @@ inline constexpr platform::Guid TXMTU_UUID =
 inline constexpr std::int32_t TIO_DEFAULT_MTU = 20;
 inline constexpr std::int32_t TIO_LOCAL_CREDIT_TARGET = 40;
 inline constexpr std::int32_t TIO_CREDIT_REGRANT_THRESHOLD =
-    10;  // at this many local credits or fewer a grant is due
+    10;  // local credits; a grant is due at 10 or fewer
 
 }  // namespace blescanner

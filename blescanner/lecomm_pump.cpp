@@ -5,11 +5,10 @@
 #include <optional>
 #include <span>
 
-#include "bleif_common.h"
 #include "blescanner.h"
 #include "cmdpipe.h"
 #include "lecomm.h"
-#include "platform/clock.h"
+#include "operations.h"
 
 namespace blescanner {
 
@@ -20,8 +19,9 @@ namespace {
 
 constexpr std::size_t kReadSize = 2048;
 constexpr auto kReadWait = 250ms;   // bounds how late a stop is noticed
-constexpr auto kCreditWait = 20ms;  // bounds how late new credits are used
+constexpr auto kCreditWait = 20ms;  // between two looks at the connection while there are no credits
 constexpr int kCreditWaitsToTell = 50;
+constexpr const char* kNoPipe = "No I/O pipe (most likely disconnected)!";
 
 class DataPump {
   public:
@@ -35,12 +35,13 @@ class DataPump {
 
   private:
     bool startConnection();
+    void serve();
     void watchSession();
     void transfer();
     void issuePipeRead();
     std::size_t waitPipeRead();
     void sendToPeripheral(std::span<const std::uint8_t> bytes);
-    // The status of the awaited write; nothing when it failed with an error.
+    // Returns the status of the write; nothing when it failed with an error.
     std::optional<platform::GattCommunicationStatus> writeChunk(std::span<const std::uint8_t> chunk);
     void sendChunk(std::span<const std::uint8_t> chunk);
     bool waitForCredits();
@@ -49,9 +50,9 @@ class DataPump {
     TioContext& context_;
     std::shared_ptr<CNamedPipe> pipe_;
     platform::IoRequest request_;
-    bool reading_ = false;  // a read was started whose outcome nobody has looked at
+    bool reading_ = false;  // a read was started, and its outcome has not been fetched
     std::array<std::uint8_t, kReadSize> buffer_{};
-    // What the last operation on the pipe left behind.
+    // The error of the last operation on the pipe.
     SystemError lastError_ = SystemError::ioPending;
 };
 
@@ -68,7 +69,8 @@ class UnsentBytes {
     std::size_t left;
 };
 
-// A read that is still pending must not outlive the buffer; one that has finished meanwhile has taken bytes.
+// A read that is still pending must not outlive its buffer. One that has finished meanwhile has taken bytes
+// from the client that will not be sent.
 DataPump::~DataPump() {
     const platform::IoResult last = pipe_->cancel(request_);
     const UnsentBytes unsent(reading_ && last.error == SystemError::none ? last.bytes : 0);
@@ -76,13 +78,23 @@ DataPump::~DataPump() {
 
 void DataPump::run() {
     if (!startConnection()) return;
-    // The client is told to open the data pipe only now. Not when it has stopped the link, or the link has
-    // dropped, meanwhile: there is no pipe any more that it could open.
-    notifyWhileLinked(shared_, L"CONNECT TIO\r\n");
+    try {
+        serve();
+    } catch (const Stopped&) {
+        // The stop was noticed during a write or a sleep. Otherwise the loop sees that the pipe is gone.
+        LOG_S(ERROR) << kNoPipe;
+    }
+    LOG_S(INFO) << "TX thread completed!";
+}
+
+void DataPump::serve() {
+    // The client is told to open the data pipe only now. Not when the link has dropped meanwhile: there is no
+    // pipe any more that it could open.
+    notifyWhileLinked(context_, L"CONNECT TIO\r\n");
+    context_.stop.check();
     watchSession();
     LOG_S(INFO) << "Starting communication loop...";
     transfer();
-    LOG_S(INFO) << "TX thread completed!";
 }
 
 bool DataPump::startConnection() {
@@ -94,9 +106,9 @@ bool DataPump::startConnection() {
         lastError_ = pipe_->startConnect(request_);
     }
     if (lastError_ == SystemError::ioPending) return true;
-    if (!context_.dataPipe) return true;  // closed under the call by whoever stopped the link
+    if (!context_.dataPipe) return true;  // the link was stopped and the pipe closed during the call
     LOG_S(INFO) << "ConnectNamedPipe() for pipe failed with error " << platform::number(lastError_);
-    notifyClient(shared_, L"ERROR TIO\r\n");
+    notifyClient(context_, L"ERROR TIO\r\n");
     return false;
 }
 
@@ -130,7 +142,7 @@ void DataPump::transfer() {
             return;
         }
     }
-    LOG_S(ERROR) << "No I/O pipe (most likely disconnected)!";
+    LOG_S(ERROR) << kNoPipe;
 }
 
 std::size_t DataPump::waitPipeRead() {
@@ -145,7 +157,7 @@ std::size_t DataPump::waitPipeRead() {
         lastError_ = read.error;
         return 0;
     }
-    // The completed connection shows as an empty result: the session's first read starts here.
+    // The client has connected, which shows as an empty result: the session's first read starts here.
     if (read.bytes == 0) issuePipeRead();
     return read.bytes;
 }
@@ -185,13 +197,13 @@ std::optional<platform::GattCommunicationStatus> DataPump::writeChunk(std::span<
     const auto write =
         context_.rxChar->writeValueAsync(chunk, platform::GattWriteOption::writeWithoutResponse);
     if (!write) throw platform::PlatformError(platform::kEFail, "No operation came back for a data write");
-    awaitOperation(*write);
-    return recoverOnError(shared_, *write);
+    awaitOperation(*write, context_.stop);
+    return recoverOnError(context_, *write);
 }
 
 void DataPump::sendChunk(std::span<const std::uint8_t> chunk) {
     context_.remoteCredits.fetch_sub(1);
-    // Before the peripheral can answer: a client that has the answer may ask for the figure at once.
+    // Counted before the peripheral can answer: a client that has the answer may ask for the figure at once.
     context_.txBytes.fetch_add(chunk.size(), std::memory_order_relaxed);
     std::optional<platform::GattCommunicationStatus> status;
     try {
@@ -205,9 +217,12 @@ void DataPump::sendChunk(std::span<const std::uint8_t> chunk) {
                    << (status ? statusText(*status) : "error") << ")";
 }
 
-// False: there will be none.
+// A grant ends the wait at once. False: the peripheral is gone, there will be no credits.
 bool DataPump::waitForCredits() {
-    platform::sleepFor(kCreditWait);
+    context_.creditsArrived.reset();
+    // A grant that came before the reset shows in the count.
+    if (context_.remoteCredits == 0) context_.stop.sleep(kCreditWait, context_.creditsArrived);
+    if (context_.remoteCredits != 0) return true;
     if (!context_.device) {
         LOG_S(ERROR) << "NULL device while waiting for remote credits";
         return false;
@@ -224,7 +239,7 @@ bool DataPump::waitForCredits() {
 void runDataPump(const std::shared_ptr<TioContext>& context) {
     if (!context->rxChar) {
         LOG_S(ERROR) << "TX Thread NULL characteristic!";
-        notifyClient(context, L"ERROR TIO\r\n");
+        notifyClient(*context, L"ERROR TIO\r\n");
         LOG_S(INFO) << "TX thread completed!";
         return;
     }

@@ -10,7 +10,7 @@
 #include "bleif_impl_legacy.h"
 #include "blescanner.h"
 #include "lecomm.h"
-#include "platform/clock.h"
+#include "platform/text.h"
 #include "platform_error_text.h"
 
 namespace blescanner {
@@ -25,7 +25,7 @@ constexpr std::uint32_t kPrepareTimeoutMs = 30000;
 class CommSession {
   public:
     explicit CommSession(const std::shared_ptr<TioContext>& context) : shared_(context), context_(*context) {}
-    // The interface is the value-changed handlers' and must not go before them.
+    // First, because the value-changed handlers use the interface object.
     ~CommSession() { context_.subscriptions.clear(); }
     CommSession(const CommSession&) = delete;
     CommSession& operator=(const CommSession&) = delete;
@@ -38,12 +38,11 @@ class CommSession {
     void retrieveCharacteristics();
     void subscribe();
     void setUp(std::uint64_t address);
-    bool stopped() const;
     void transfer();
     void serviceMissing();
     void awaitStop();
-    // Ends the session's claim on the data pipe, then tells the client: one that acts on the line finds the
-    // link stopped.
+    void release();
+    // Ends the session, then tells the client: a client that acts on the line finds the session ended.
     void fail(const wchar_t* line);
 
     std::shared_ptr<TioContext> shared_;
@@ -53,7 +52,7 @@ class CommSession {
 
 void CommSession::fail(const wchar_t* line) {
     endLink(context_);
-    notifyClient(shared_, line);
+    notifyClient(context_, line);
 }
 
 std::optional<std::uint64_t> CommSession::parseAddress(const std::wstring& text) {
@@ -61,7 +60,7 @@ std::optional<std::uint64_t> CommSession::parseAddress(const std::wstring& text)
         return parseBleAddress(text);
     } catch (const std::exception& error) {
         LOG_S(INFO) << "Could not handle address";
-        LOG_S(ERROR) << error.what();
+        LOG_S(ERROR) << platform::printable(error.what());
     } catch (...) {
         LOG_S(INFO) << "Could not handle address (unknown exception)";
     }
@@ -87,18 +86,23 @@ void CommSession::run(const std::wstring& addressText) {
     const auto address = parseAddress(addressText);
     if (!address) return fail(L"ERROR TIO\r\n");
     if (!createInterface()) return fail(L"ERROR TIO\r\n");
-    setUp(*address);
+    try {
+        setUp(*address);
+    } catch (const Stopped&) {
+        LOG_S(INFO) << "The link session has been stopped";
+        release();
+    }
     interface_.reset();
     LOG_S(INFO) << "commThread is DONE!";
 }
 
 void CommSession::setUp(std::uint64_t address) {
-    if (stopped()) return;
-    // The result is not looked at: a connection that could not be prepared shows as a missing service.
+    context_.stop.check();
+    // The result does not matter: without a connection there will be no service.
     interface_->prepareConnection(address, kPrepareTimeoutMs);
-    if (stopped()) return;
+    context_.stop.check();
     context_.service = interface_->getService(context_.serviceUuid, address);
-    if (stopped()) return;
+    context_.stop.check();
     if (context_.service) {
         transfer();
     } else {
@@ -106,10 +110,9 @@ void CommSession::setUp(std::uint64_t address) {
     }
 }
 
-bool CommSession::stopped() const {
-    if (!context_.stoppedByShell) return false;
-    LOG_S(INFO) << "Stopped during the set-up";
-    return true;
+void CommSession::release() {
+    resetTioContext(context_);
+    LOG_S(INFO) << "TIO internal context reset";
 }
 
 void CommSession::serviceMissing() {
@@ -117,25 +120,23 @@ void CommSession::serviceMissing() {
     if (interface_->needsStackFlush()) {
         LOG_S(INFO) << "Flushing BLE stack...";
         resetTioContext(context_);
-        platform::sleepFor(500ms);
-        resetBluetooth();
+        context_.stop.sleep(500ms);
+        resetBluetooth(context_.stop);
         LOG_S(INFO) << "Flushing is DONE!";
     }
     fail(L"ERROR TIO\r\n");
 }
 
 void CommSession::transfer() {
-    platform::sleepFor(150ms);
+    context_.stop.sleep(150ms);
     retrieveCharacteristics();
-    if (stopped()) return;
     subscribe();
-    platform::sleepFor(100ms);
+    context_.stop.sleep(100ms);
     LOG_S(INFO) << "Starting transfer...";
     runDataPump(shared_);
     LOG_S(INFO) << "Redirect to comm pipe ended!";
     awaitStop();
-    resetTioContext(context_);
-    LOG_S(INFO) << "TIO internal context reset";
+    release();
 }
 
 void CommSession::retrieveCharacteristics() {
@@ -151,8 +152,7 @@ void CommSession::retrieveCharacteristics() {
     context_.rxmtuChar = retrieve("RX MTU", context_.rxmtuUuid);
 }
 
-// A characteristic that the peripheral lacks is left out: the link then runs without what it would have
-// carried.
+// Leaves out the characteristics that the peripheral lacks: the link runs without them.
 void CommSession::subscribe() {
     if (context_.txmtuChar) {
         LOG_S(INFO) << "Setting subscriptions (TX MTU)...";
@@ -161,7 +161,7 @@ void CommSession::subscribe() {
     if (context_.crtxChar) {
         LOG_S(INFO) << "Setting subscriptions (Credits TX)...";
         interface_->__setSubscription(context_.crtxChar, true);
-        platform::sleepFor(250ms);
+        context_.stop.sleep(250ms);
     }
     if (context_.txChar) {
         LOG_S(INFO) << "Setting subscriptions (TX)...";
@@ -178,12 +178,12 @@ void CommSession::awaitStop() {
     if (!context_.dataPipe) return;
     LOG_S(INFO) << "Expecting disconnect...";
     while (context_.dataPipe)
-        platform::sleepFor(100ms);
+        context_.stop.sleep(100ms);
 }
 
 void abandon(const std::shared_ptr<TioContext>& context, const char* logLine) {
     endLink(*context);
-    notifyClient(context, L"ERROR EXP\r\n");
+    notifyClient(*context, L"ERROR EXP\r\n");
     resetTioContext(*context);
     LOG_S(ERROR) << logLine;
 }
@@ -191,17 +191,17 @@ void abandon(const std::shared_ptr<TioContext>& context, const char* logLine) {
 }  // namespace
 
 void commThread(const std::shared_ptr<TioContext>& context, const std::wstring& address) {
-    // Outlives what it throws: the client is told before the handlers are waited for, and one of them may be
-    // writing to a client that does not read.
+    // Outside the try block: its end waits for the handlers, of which one may be writing to a client that
+    // does not read. A failure is told before that.
     CommSession session(context);
     try {
         session.run(address);
-        resetTioContext(*context);  // what a failed set-up has gathered
+        resetTioContext(*context);  // releases what a failed set-up has stored
     } catch (const platform::PlatformError& error) {
-        LOG_S(ERROR) << describe(error) << ":" << error.what();
+        LOG_S(ERROR) << describe(error) << ":" << platform::printable(error.what());
         abandon(context, "commThread TERM!");
     } catch (const std::exception& error) {
-        LOG_S(ERROR) << error.what();
+        LOG_S(ERROR) << platform::printable(error.what());
         abandon(context, "commThread TERM (unknown exception) !");
     } catch (...) {
         abandon(context, "commThread TERM (unknown exception) !");

@@ -8,7 +8,8 @@
 #include <set>
 
 #include "blehelper.h"
-#include "lecomm.h"
+#include "lecomm_profile.h"
+#include "platform/address.h"
 #include "platform/advertisement.h"
 #include "platform/clock.h"
 #include "platform/text.h"
@@ -25,7 +26,7 @@ namespace {
 constexpr milliseconds kFakeScanDuration{500};
 constexpr milliseconds kStopTime{200};
 
-// What a scan has found. Shared with its callback, so that an advertisement that comes late is harmless.
+// What a scan has found. The callback shares the ownership, so an advertisement that comes late does no harm.
 class ScanEntries {
   public:
     void add(std::wstring entry) {
@@ -66,10 +67,10 @@ void handleAdvertisement(const AdvertisementReceivedEventArgs* args, ScanEntries
     const auto& uuids = *args->serviceUuids;
     if (std::find(uuids.begin(), uuids.end(), TIO_SERVICE_UUID) == uuids.end()) return;
 
-    const std::string address = formatBleAddress(args->bluetoothAddress);
+    const std::string address = platform::formatAddress(args->bluetoothAddress);
     LOG_S(INFO) << millisecondsNow() << ": Target service found on device: " << address;
     std::wstring entry = platform::widen(address);
-    if (!args->localName.empty()) entry += L";" + withoutLineEnds(args->localName);
+    if (!args->localName.empty()) entry += L";" + withoutControlCharacters(args->localName);
     entries.add(std::move(entry));
 }
 
@@ -78,14 +79,14 @@ void handleAdvertisement(const AdvertisementReceivedEventArgs* args, ScanEntries
 void triggerFakeScanEvent() {
     const auto watcher = platform::createAdvertisementWatcher();
     watcher->setScanningMode(ScanningMode::passive);
-    // Without a handler the platform does not scan at all.
+    // The platform scans only while a handler is registered.
     const auto received = watcher->onReceived([](const AdvertisementReceivedEventArgs*) {});
     watcher->start();
     platform::sleepFor(kFakeScanDuration);
     watcher->stop();
 }
 
-void scanForTioDevices(std::wstring& result, std::uint32_t durationMs) {
+void scanForTioDevices(std::wstring& result, std::uint32_t durationMs, const std::function<bool()>& wanted) {
     LOG_S(INFO) << "Trigger a fake event...";
     triggerFakeScanEvent();
 
@@ -104,7 +105,7 @@ void scanForTioDevices(std::wstring& result, std::uint32_t durationMs) {
 
     LOG_S(INFO) << "Start scanning...";
     watcher->start();
-    platform::sleepFor(milliseconds(durationMs));
+    platform::sleepWhile(wanted, milliseconds(durationMs));
 
     LOG_S(INFO) << "Unregistering BLE scan CB...";
     received.reset();

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace blescanner {
@@ -11,9 +12,12 @@ namespace blescanner {
 // Fills `result` with the peripherals found, as "address;name" or "address" joined by "," and closed by
 // "\r\n", sorted, each distinct entry once; empty when there was none. Line ends in an advertised name become
 // blanks.
-void scanForTioDevices(std::wstring& result, std::uint32_t durationMs);
+//
+// Lasts `durationMs`, or until `wanted` returns false: nobody waits for the result any more. `wanted` is
+// called ten times a second on this thread.
+void scanForTioDevices(std::wstring& result, std::uint32_t durationMs, const std::function<bool()>& wanted);
 
-// A passive scan of half a second whose results nobody reads: it wakes the Bluetooth stack.
+// Scans passively for half a second and drops the results: this wakes the Bluetooth stack.
 void triggerFakeScanEvent();
 
 }  // namespace blescanner

@@ -4,11 +4,12 @@
 #include <string>
 
 #include "platform/error.h"
+#include "platform/text.h"
 
 namespace blescanner {
 
 inline std::string describe(const platform::PlatformError& error) {
-    return std::string(error.what()) + " HRESULT: " + std::to_string(error.code());
+    return platform::printable(error.what()) + " HRESULT: " + std::to_string(error.code());
 }
 
 }  // namespace blescanner

@@ -1,6 +1,7 @@
 #include "platform/text.h"
 
 #include <cstddef>
+#include <cstdio>
 
 namespace platform {
 
@@ -87,6 +88,19 @@ void appendUtf8(std::string& text, char32_t codePoint) {
     }
 }
 
+// The two separators end a line on some terminals and in some editors.
+bool isControl(char32_t codePoint) {
+    return codePoint < 0x20 || (codePoint >= 0x7F && codePoint < 0xA0) || codePoint == 0x2028 ||
+           codePoint == 0x2029;
+}
+
+void appendEscape(std::string& text, char32_t control) {
+    char escape[8];
+    std::snprintf(escape, sizeof escape, control < 0x100 ? "\\x%02x" : "\\u%04x",
+                  static_cast<unsigned>(control & 0xFFFF));
+    text += escape;
+}
+
 }  // namespace
 
 std::wstring widen(std::string_view utf8) {
@@ -103,6 +117,20 @@ std::string toUtf8(std::wstring_view text) {
     while (!text.empty())
         appendUtf8(utf8, takeCodePoint(text));
     return utf8;
+}
+
+std::string printable(std::wstring_view text) {
+    std::string utf8;
+    utf8.reserve(text.size());
+    while (!text.empty()) {
+        const char32_t codePoint = takeCodePoint(text);
+        isControl(codePoint) ? appendEscape(utf8, codePoint) : appendUtf8(utf8, codePoint);
+    }
+    return utf8;
+}
+
+std::string printable(std::string_view utf8) {
+    return printable(widen(utf8));
 }
 
 }  // namespace platform

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
@@ -73,6 +75,28 @@ std::string columns(std::string_view file, std::string_view line, std::string_vi
     return text.str();
 }
 
+// With the mutex held: std::localtime answers in one record for the whole process.
+std::string timeColumns() {
+    using namespace std::chrono;
+    if (!g_preamble_date && !g_preamble_time) return {};
+    const auto now = time_point_cast<milliseconds>(system_clock::now());
+    const std::time_t seconds = system_clock::to_time_t(floor<std::chrono::seconds>(now));
+    const auto milliseconds = now.time_since_epoch() % 1s;
+    std::ostringstream text;
+    const std::tm* const local = std::localtime(&seconds);
+    if (g_preamble_date) text << std::put_time(local, "%Y-%m-%d ");
+    if (g_preamble_time) {
+        text << std::put_time(local, "%H:%M:%S.") << std::setfill('0') << std::setw(3) << milliseconds.count()
+             << ' ';
+    }
+    return text.str();
+}
+
+// The same in the column line of a file's head.
+std::string timeTitles() {
+    return std::string(g_preamble_date ? "date       " : "") + (g_preamble_time ? "time         " : "");
+}
+
 std::string wholeLine(const Message& message) {
     return std::string(message.preamble) + message.indentation + message.prefix + message.message + '\n';
 }
@@ -82,9 +106,10 @@ void writeToFile(void* file, const Message& message) {
 }
 
 void log(Verbosity verbosity, const char* file, unsigned line, const std::string& text) {
-    const std::string preamble = columns(baseName(file), std::to_string(line), levelName(verbosity));
-    const Message message{verbosity, file, line, preamble.c_str(), "", "", text.c_str()};
+    const std::string position = columns(baseName(file), std::to_string(line), levelName(verbosity));
     const std::lock_guard lock(state().mutex);
+    const std::string preamble = timeColumns() + position;
+    const Message message{verbosity, file, line, preamble.c_str(), "", "", text.c_str()};
     if (verbosity <= g_stderr_verbosity) std::fputs(wholeLine(message).c_str(), stderr);
     for (const Sink& sink : state().sinks) {
         if (verbosity <= sink.verbosity) sink.callback(sink.userData, message);
@@ -111,7 +136,7 @@ void writeFileHead(std::ofstream& file, FileMode mode, Verbosity verbosity) {
     const std::lock_guard lock(state().mutex);
     file << "arguments: " << state().arguments << "\nCurrent dir: " << state().currentDir
          << "\nFile verbosity level: " << verbosity << '\n'
-         << columns("file", "line", "v") << '\n'
+         << timeTitles() << columns("file", "line", "v") << '\n'
          << std::flush;
 }
 

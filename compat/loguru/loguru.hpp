@@ -17,15 +17,6 @@ enum NamedVerbosity : Verbosity {
     Verbosity_ERROR = -2,
     Verbosity_WARNING = -1,
     Verbosity_INFO = 0,
-    Verbosity_0 = 0,
-    Verbosity_1 = 1,
-    Verbosity_2 = 2,
-    Verbosity_3 = 3,
-    Verbosity_4 = 4,
-    Verbosity_5 = 5,
-    Verbosity_6 = 6,
-    Verbosity_7 = 7,
-    Verbosity_8 = 8,
     Verbosity_9 = 9,
     Verbosity_MAX = 9,
 };
@@ -49,9 +40,11 @@ enum FileMode { Truncate, Append };
 
 extern Verbosity g_stderr_verbosity;
 
-// The program switches these columns off; this subset has none of them, whatever the flags say.
+// Columns with the local date and time.
 extern bool g_preamble_date;
 extern bool g_preamble_time;
+
+// The program switches these columns off; this subset has none of them, whatever the flags say.
 extern bool g_preamble_uptime;
 extern bool g_preamble_thread;
 

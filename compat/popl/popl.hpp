@@ -53,7 +53,7 @@ class Option {
     bool takesValue() const { return argument_ == Argument::required; }
 
     std::string helpText() const {
-        std::string text = shortName_.empty() ? "" : "-" + shortName_;
+        std::string text = shortName_.empty() ? "" : "  -" + shortName_;
         if (!shortName_.empty() && !longName_.empty()) text += ", ";
         if (!longName_.empty()) text += "--" + longName_;
         return takesValue() ? text + " arg" : text;

@@ -43,12 +43,14 @@ std::uint32_t ownProcessId();
 extern const std::size_t kResourceNoise;
 std::chrono::nanoseconds ownProcessorTime();
 
+enum class StandardOutput { collected, notRead };  // not read: a pipe whose other end takes nothing
+
 // The running program; killed at the end if it still runs. Standard output and error are collected.
 class Program {
   public:
     // `scenario` is JSON text; the pipes and the working directory are in `folder`.
     Program(const std::filesystem::path& folder, std::string_view scenario,
-            std::vector<std::string> arguments = {});
+            std::vector<std::string> arguments = {}, StandardOutput output = StandardOutput::collected);
     ~Program();
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;

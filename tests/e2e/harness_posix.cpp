@@ -65,6 +65,12 @@ TemporaryFolder::TemporaryFolder() {
 struct Program::Impl {
     pid_t pid = -1;
     std::optional<int> exitCode;
+    std::array<int, 2> unread{-1, -1};  // the pipe that standard output is, if nobody reads it
+
+    ~Impl() {
+        for (const int end : unread)
+            if (end >= 0) ::close(end);
+    }
 
     void reap(int options) {
         int status = 0;
@@ -73,7 +79,8 @@ struct Program::Impl {
     }
 };
 
-Program::Program(const fs::path& folder, std::string_view scenario, std::vector<std::string> arguments)
+Program::Program(const fs::path& folder, std::string_view scenario, std::vector<std::string> arguments,
+                 StandardOutput output)
     : folder_(folder), impl_(std::make_unique<Impl>()) {
     const std::string scenarioFile = folder / "scenario.json";
     std::ofstream(scenarioFile) << scenario;
@@ -86,9 +93,11 @@ Program::Program(const fs::path& folder, std::string_view scenario, std::vector<
         argv.push_back(argument.data());
     argv.push_back(nullptr);
 
+    if (output == StandardOutput::notRead && ::pipe2(impl_->unread.data(), O_CLOEXEC) != 0) std::abort();
     impl_->pid = ::fork();
     if (impl_->pid != 0) return;
-    redirect(folder / "out", STDOUT_FILENO);
+    output == StandardOutput::notRead ? void(::dup2(impl_->unread[1], STDOUT_FILENO))
+                                      : redirect(folder / "out", STDOUT_FILENO);
     redirect(folder / "err", STDERR_FILENO);
     ::setenv("ZIQBLE_SCENARIO", scenarioFile.c_str(), 1);
     if (::chdir(folder.c_str()) == 0) ::execv(argv[0], argv.data());

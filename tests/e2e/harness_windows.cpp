@@ -176,11 +176,20 @@ TemporaryFolder::TemporaryFolder() {
 struct Program::Impl {
     Console console;
     PROCESS_INFORMATION process{};
+    HANDLE unread = nullptr;  // the other end of standard output, if nobody reads it
 
-    void start(std::wstring line, const fs::path& folder);
+    HANDLE unreadOutput();
+    void start(std::wstring line, const fs::path& folder, StandardOutput output);
 };
 
-void Program::Impl::start(std::wstring line, const fs::path& folder) {
+HANDLE Program::Impl::unreadOutput() {
+    SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
+    HANDLE written = nullptr;
+    require(::CreatePipe(&unread, &written, &inheritable, 0), "CreatePipe");
+    return written;
+}
+
+void Program::Impl::start(std::wstring line, const fs::path& folder, StandardOutput output) {
     SIZE_T size = 0;
     ::InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
     std::vector<std::byte> memory(size);
@@ -192,7 +201,9 @@ void Program::Impl::start(std::wstring line, const fs::path& folder) {
                                 console.get(), sizeof(HPCON), nullptr, nullptr);
     startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
     startup.StartupInfo.hStdInput = inheritableFile("NUL", GENERIC_READ, OPEN_EXISTING);
-    startup.StartupInfo.hStdOutput = inheritableFile(folder / "out", FILE_APPEND_DATA, CREATE_ALWAYS);
+    startup.StartupInfo.hStdOutput = output == StandardOutput::notRead
+                                         ? unreadOutput()
+                                         : inheritableFile(folder / "out", FILE_APPEND_DATA, CREATE_ALWAYS);
     startup.StartupInfo.hStdError = inheritableFile(folder / "err", FILE_APPEND_DATA, CREATE_ALWAYS);
 
     ::SetEnvironmentVariableW(L"ZIQBLE_SCENARIO", (folder / "scenario.json").c_str());
@@ -206,18 +217,20 @@ void Program::Impl::start(std::wstring line, const fs::path& folder) {
         ::CloseHandle(file);
 }
 
-Program::Program(const fs::path& folder, std::string_view scenario, std::vector<std::string> arguments)
+Program::Program(const fs::path& folder, std::string_view scenario, std::vector<std::string> arguments,
+                 StandardOutput output)
     : folder_(folder), impl_(std::make_unique<Impl>()) {
     std::ofstream(folder / "scenario.json") << scenario;
     if (arguments.empty()) {
         arguments = {"--cmdPipe", commandPipe(folder).string(), "--datPipe", dataPipe(folder).string()};
     }
     arguments.insert(arguments.begin(), programUnderTest());
-    impl_->start(commandLine(arguments), folder);
+    impl_->start(commandLine(arguments), folder, output);
 }
 
 Program::~Program() {
     if (!exitCode()) kill();
+    if (impl_->unread) ::CloseHandle(impl_->unread);
     ::CloseHandle(impl_->process.hThread);
     ::CloseHandle(impl_->process.hProcess);
 }

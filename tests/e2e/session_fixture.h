@@ -25,8 +25,9 @@ inline std::string randomBytes(std::size_t count) {
 class Session : public testing::Test {
   protected:
     // Starts the program and becomes its command client.
-    void start(std::string_view scenario = kFast) {
-        program = std::make_unique<Program>(folder.path(), scenario);
+    void start(std::string_view scenario = kFast, std::vector<std::string> arguments = {},
+               StandardOutput output = StandardOutput::collected) {
+        program = std::make_unique<Program>(folder.path(), scenario, std::move(arguments), output);
         ASSERT_TRUE(shell.open(commandPipe(folder.path()))) << program->output() << program->errors();
     }
     std::string command(std::string_view line) {

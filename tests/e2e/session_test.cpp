@@ -91,13 +91,49 @@ TEST_F(Session, ServesOneClientAfterAnother) {
     connect();
 }
 
-TEST_F(Session, EndsWhenAskedFromOutsideWhateverItIsDoing) {
+TEST_F(Session, ADisconnectDuringTheRadioResetLeavesTheNextSessionAlone) {
+    // The first peripheral has no service, for which the program switches the radio off and on.
+    start(R"({"time_scale": 10, "peripherals": [
+        {"address": "00:00:00:00:00:01", "services": [], "cached_services": [], "uncached_services": []}, {}]})");
+    EXPECT_EQ(command("connect 00:00:00:00:00:01\n"), "OK\r\n");
+    ASSERT_TRUE(program->waitForOutput("Flushing BLE stack..."));
+    EXPECT_EQ(command("disconnect\n"), "OK\r\n");
+    connect();
+    data.send("healthy");
+    EXPECT_EQ(data.readBytes(7), "healthy");
+}
+
+TEST_F(Session, AScanEndsWhenItsClientLeaves) {
+    start();
+    shell.send("lescan 4294967295\nstats\n");
+    ASSERT_TRUE(program->waitForOutput("Start scanning..."));
+    shell.close();
+    ASSERT_TRUE(program->waitForOutput("Client disconnected!"));
+    ASSERT_TRUE(shell.open(commandPipe(folder.path())));
+    EXPECT_TRUE(command("stats\n").starts_with("RX 0"));
+}
+
+TEST_F(Session, AClientGetsTheRepliesThatItDoesNotWaitFor) {
+    for (const std::string_view last : {"quit\n", "exit\n"}) {
+        start();
+        shell.send("stats\ndisconnect\n" + std::string(last));
+        EXPECT_TRUE(
+            program->waitForOutput(last == "quit\n" ? "terminate shell command" : "Exiting on terminate"));
+        EXPECT_TRUE(shell.readUntil("OK\r\n").starts_with("RX 0")) << last;
+        EXPECT_TRUE(shell.waitForClose());
+        shell.close();
+        program.reset();
+    }
+}
+
+TEST_F(Session, EndsWithinFiveSecondsOfBeingAskedWhateverItIsDoing) {
     struct Case {
         const char* name;
         std::string_view lines;
         const char* awaited;  // in the log, before the program is asked
         bool interrupt;
         const char* scenario = "{}";
+        bool simulatedOnly = false;
     };
     const Case cases[] = {
         {"idle", "", "Client: (", true},
@@ -106,14 +142,20 @@ TEST_F(Session, EndsWhenAskedFromOutsideWhateverItIsDoing) {
         {"waiting for an answer that never comes", kConnect, "Get device from address", false,
          R"({"peripherals": [{"faults": [{"on": "device", "do": "hang"}]}]})"},
         {"linked", kConnect, "Starting communication loop...", true},
+        {"the list of radios never comes", "stats\n", "SHELL INPUT: stats", false,
+         R"({"faults": [{"on": "radios", "after": 1, "do": "hang"}]})", true},
     };
     for (const Case& item : cases) {
         SCOPED_TRACE(item.name);
+        if (item.simulatedOnly && hasRealBluetoothSide()) continue;
         start(item.scenario);
         shell.send(item.lines);
         ASSERT_TRUE(program->waitForOutput(item.awaited));
+        const auto asked = std::chrono::steady_clock::now();
         item.interrupt ? program->interrupt() : program->terminate();
         expectCleanEnd();
+        EXPECT_LT(std::chrono::steady_clock::now() - asked, 5s);
+        EXPECT_EQ(program->output().find("terminate APP command"), std::string::npos);
         shell.close();
     }
 }
@@ -157,6 +199,62 @@ TEST_F(Session, TellsTheClientThatTheLinkDropped) {
     connect();
     data.send("again");
     EXPECT_EQ(data.readBytes(5), "again");
+}
+
+TEST_F(Session, IsNotHeldUpByALogThatNobodyReads) {
+    start(kFast, {}, StandardOutput::notRead);
+    for (int i = 0; i < 500; ++i)
+        ASSERT_TRUE(command("stats\n").ends_with(";TIODISCONNECTED\r\n")) << i;
+    connect();
+    data.send("echo");
+    EXPECT_EQ(data.readBytes(4), "echo");
+    const auto asked = std::chrono::steady_clock::now();
+    program->terminate();
+    EXPECT_EQ(program->waitForExit(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, 5s);
+}
+
+// Whoever chooses a name, or sends a command, must not be able to clear the screen of those who read the log,
+// to forge a line of it or of a reply, or to cut one short.
+TEST_F(Session, LetsNoControlCharacterThrough) {
+    const std::string inScenario = R"("EVIL\u001b[2J\u0000\r\nFORGED\u009b\u007f")";
+    const std::string inLog = R"(EVIL\x1b[2J\x00\x0d\x0aFORGED\x9b\x7f)";
+    const std::string inReply = "EVIL [2J   FORGED  ";
+    const std::string argument = "\x1b[2J\r\nFORGED\x7f";
+    const std::string shownArgument = R"(\x1b[2J\x0d\x0aFORGED\x7f)";
+
+    const std::string named = R"([{"name": )" + inScenario + "}]";
+    const std::string driver = R"({"description": )" + inScenario + R"(, "manufacturer": )" + inScenario +
+                               R"(, "provider": )" + inScenario + "}";
+    start(R"({"time_scale": 50, "radios": )" + named + R"(, "adapters": )" + named + R"(, "peripherals": )" +
+              named + R"(, "drivers": [{"compatible": [)" + driver + "]}]}",
+          {"-c", commandPipe(folder.path()).string(), "-d", dataPipe(folder.path()).string() + argument,
+           "stray" + argument, "--bogus" + argument, "--logfile=log" + argument});
+    shell.send(std::string("evil\x1b[2J\0\x9b\x7f\nconnect \x1b\n", 22));
+    EXPECT_EQ(shell.readUntil("\r\n"), "OK\r\n");
+    EXPECT_EQ(shell.readUntil("\r\n"), "ERROR TIO\r\n");
+    EXPECT_EQ(command("lescan 1000\n"), "00:1a:7d:da:71:13;" + inReply + "\r\n");
+    const std::string stats = command("stats\n");
+    shell.send("exit\n");
+    EXPECT_EQ(program->waitForExit(), 0);
+
+    std::vector<std::string> logged{"Radio object is " + inLog, "non_option_args: stray" + shownArgument,
+                                    "unknown_options: --bogus" + shownArgument,
+                                    "Using log file: log" + shownArgument,
+                                    R"(Unknown command: evil\x1b[2j\x00\x9b\x7f)"};
+    if (!hasRealBluetoothSide()) {
+        EXPECT_NE(stats.find("LE=" + inReply + "+9"), std::string::npos) << stats;
+        for (const char* title : {"Driver description ", "Driver manufacturer ", "Driver provider "})
+            logged.push_back(title + inLog);
+        logged.push_back("| " + inLog + " supports Bluetooth 5.0+");
+    }
+    const std::string output = program->output();
+    for (const std::string& text : logged)
+        EXPECT_NE(output.find(text + "\n"), std::string::npos) << text << "\n" << output;
+    const std::string all = output + program->errors();
+    for (const char* raw : {"\x1b", "\x7f", "\xC2\x9B", "\nFORGED"})
+        EXPECT_EQ(all.find(raw), std::string::npos) << output;
+    EXPECT_EQ(all.find('\0'), std::string::npos) << output;
 }
 
 TEST_F(Session, LeavesNothingBehindOverAThousandConnections) {

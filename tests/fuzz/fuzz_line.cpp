@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "blescanner/blescanner.h"
+#include "blescanner/settings.h"
 #include "blescanner/cmdpipe_commands.h"
 #include "blescanner/lecomm.h"
 #include "platform/bluetooth/sim/world.h"

@@ -1,12 +1,14 @@
 // Line assembly, and the lines that the link sends to the client.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
+#include "blescanner/byte_loss.h"
 #include "blescanner/cmdpipe_line.h"
 #include "blescanner/cmdpipe_notification.h"
-#include "blescanner/lecomm.h"
+#include "log_capture.h"
 
 namespace {
 
@@ -37,21 +39,39 @@ TEST(LineAccumulator, CutsAtEitherLineEndAndLowers) {
 
 TEST(LinkNotification, KeepsEveryLineInOrderWhileAClientIsThere) {
     blescanner::LinkNotification notification;
-    const auto session = std::make_shared<blescanner::TioContext>();
-    notification.post({L"lost", session});
+    notification.post(L"lost");
     notification.open();
     EXPECT_FALSE(notification.event().isSet());
-    notification.post({L"one", session});
-    notification.post({L"two", session});
-    EXPECT_EQ(notification.take()->text, L"one");
+    notification.post(L"one");
+    notification.post(L"two");
+    EXPECT_EQ(notification.take(), L"one");
     EXPECT_TRUE(notification.event().isSet());
-    EXPECT_EQ(notification.take()->text, L"two");
+    EXPECT_EQ(notification.take(), L"two");
     EXPECT_FALSE(notification.event().isSet());
     EXPECT_FALSE(notification.take());
-    notification.post({L"stale", session});
+    notification.post(L"stale");
     notification.close();
     notification.open();
     EXPECT_FALSE(notification.take());
+}
+
+TEST(ByteLoss, TellsTheFirstOneAtOnceAndALongRunOnceASecond) {
+    test::LogCapture log;
+    blescanner::ByteLoss loss;
+    loss.add(20);
+    EXPECT_TRUE(log.find("Data pipe: 20 bytes for the client given up"));
+    const auto start = std::chrono::steady_clock::now();
+    for (int packet = 0; packet < 20'000; ++packet)
+        loss.add(3);
+    loss.tellRest();
+    loss.tellRest();
+    const auto seconds = std::chrono::ceil<std::chrono::seconds>(std::chrono::steady_clock::now() - start);
+    const auto texts = log.texts();
+    EXPECT_LE(texts.size(), 2U + static_cast<std::size_t>(seconds.count()));
+    long told = 0;
+    for (const std::string& text : texts)
+        told += std::stol(text.substr(std::string("Data pipe: ").size()));
+    EXPECT_EQ(told, 20 + 3 * 20'000);
 }
 
 }  // namespace

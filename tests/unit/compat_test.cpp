@@ -2,10 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <loguru.hpp>
 #include <popl.hpp>
+#include <regex>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -62,6 +66,35 @@ TEST_F(LoguruTest, PreambleHasFileLineAndLevelColumns) {
     for (const auto& [verbosity, file, line, expected] : cases) {
         loguru::StreamLogger(verbosity, file, line) << "text";
         EXPECT_EQ(lines.back(), expected);
+    }
+}
+
+TEST_F(LoguruTest, DateAndTimeAreColumnsOfTheirOwn) {
+    const auto now = [](const char* format) {
+        const std::time_t seconds = std::time(nullptr);
+        std::ostringstream text;
+        text << std::put_time(std::localtime(&seconds), format);
+        return text.str();
+    };
+    const std::tuple<bool, bool, const char*, const char*, const char*> cases[] = {
+        {true, false, "%Y-%m-%d ", "", "date       "},
+        {false, true, "%H:%M:%S", R"(\.\d{3} )", "time         "},
+        {true, true, "%Y-%m-%d %H:%M:%S", R"(\.\d{3} )", "date       time         "},
+    };
+    for (const auto& [date, time, format, milliseconds, titles] : cases) {
+        loguru::g_preamble_date = date;
+        loguru::g_preamble_time = time;
+        const std::string before = now(format);
+        ASSERT_TRUE(loguru::add_file(file_.c_str(), loguru::Truncate, loguru::Verbosity_MAX));
+        const std::string after = now(format);
+        loguru::remove_all_callbacks();
+
+        EXPECT_EQ(linesOfFile().at(3), std::string(titles) + "                   file:line     v| ");
+        const std::string line = linesOfFile().at(4);
+        const std::string stamp = line.substr(0, before.size());
+        EXPECT_TRUE(before <= stamp && (stamp <= after || after < before)) << before << "|" << line;
+        const std::regex rest(milliseconds + std::string(" +loguru.cpp:\\d+ +INFO\\| Logging to '.*"));
+        EXPECT_TRUE(std::regex_match(line.substr(before.size()), rest)) << line;
     }
 }
 

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "blescanner/btdrivercheck.h"
 #include "log_capture.h"
@@ -48,11 +47,21 @@ TEST(DriversDb, Lines) {
         {"\xEF\xBB\xBFm,b,c\r\nd,e\r\n", {{L"m#b", L"c"}, {L"d#e", L""}}},
         {"a,b,first\na,b,last\n", {{L"a#b", L"last"}}},
         {"M\xC3\xBCller,1.0.0.0,\xC3\xBC\n", {{L"M\u00FCller#1.0.0.0", L"\u00FC"}}},
+        {std::string("\xFF\xFE\xFC\0,\0b\0\n\0d\0,\0e\0\n\0?", 19), {{L"\u00FC#b", L""}, {L"d#e", L""}}},
+        {std::string("\xFE\xFF\0\xFC\0,\0b\0\r\0\n", 12), {{L"\u00FC#b", L""}}},
     };
     for (const auto& [text, records] : cases) {
-        std::istringstream file(text);
-        EXPECT_EQ(parseDriversDb(file), records) << text;
+        const test::LogCapture log;
+        EXPECT_EQ(parseDriversDb(text, "known.db"), records) << text;
+        EXPECT_EQ(log.count("known.db"), 0) << text;
     }
+}
+
+TEST(DriversDb, LinesOfAnotherCodePageAreToldAndTheOthersUsed) {
+    const test::LogCapture log;
+    EXPECT_EQ(parseDriversDb("M\xFCller,1,a\na,b,c\nd,e,\xFC\n", "known.db"), (DriversDb{{L"a#b", L"c"}}));
+    EXPECT_TRUE(log.find(
+        "Driver check: 2 lines of known.db are not UTF-8 and are not used. Save the file as UTF-8."));
 }
 
 TEST(DriversDb, FileMayBeMissing) {

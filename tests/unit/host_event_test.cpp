@@ -5,7 +5,9 @@
 #include <array>
 #include <atomic>
 #include <thread>
+#include <vector>
 
+#include "platform/clock.h"
 #include "tests/e2e/harness.h"
 
 namespace platform {
@@ -22,7 +24,7 @@ TEST(HostEvent, LowestSignalledEventIsReportedAndStaysSet) {
     b.set();
     EXPECT_EQ(waitAny(events, milliseconds(0)), 1u);
     b.reset();
-    EXPECT_EQ(waitAny(events, milliseconds::max()), 2u);
+    EXPECT_EQ(waitAny(events, std::chrono::nanoseconds::max()), 2u);
 }
 
 // Each signal is set just when the wait begins. A lost wake-up shows as a time-out.
@@ -61,6 +63,25 @@ TEST(HostEvent, WakesEveryWaiterOfAnEventThatIsNeverReset) {
     for (std::thread& waiter : waiters)
         waiter.join();
     EXPECT_EQ(woken, 4);
+}
+
+TEST(HostClock, ASleepEndsWithOneOfItsEventsAndIsRecordedInFull) {
+    Event other, waker;
+    std::vector<milliseconds> recorded;
+    setSleepObserver([&](milliseconds duration) { recorded.push_back(duration); });
+    const auto begin = std::chrono::steady_clock::now();
+    std::thread setter([&] { waker.set(); });
+    sleepFor(e2e::kDeadline, {&other, &waker});
+    setter.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, e2e::kDeadline / 2);
+    EXPECT_TRUE(waker.isSet());
+
+    waker.reset();
+    setTimeScale(1000);
+    sleepFor(e2e::kDeadline, {&other, &waker});
+    setTimeScale(1);
+    setSleepObserver({});
+    EXPECT_EQ(recorded, std::vector<milliseconds>(2, e2e::kDeadline));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <thread>
 #include <utility>
 
+#include "tests/eventually.h"
 #include "tests/unit/host_pipe_fixture.h"
 
 namespace platform {
@@ -49,6 +50,39 @@ TEST_F(HostPipe, PendingReadIsKeptAndACancelledOneLosesNothing) {
     EXPECT_EQ(pipe_->cancel(request_).error, operationAborted);
     client.send("later");
     EXPECT_EQ(readText(), "later");
+}
+
+TEST_F(HostPipe, TellsWhetherTheClientHasLeft) {
+    open();
+    EXPECT_TRUE(pipe_->clientLeft()) << "nobody has come";
+    PipeClient client = openWithClient();
+    EXPECT_FALSE(pipe_->clientLeft());
+    client.send("unread");
+    EXPECT_FALSE(pipe_->clientLeft());
+    client.close();
+    EXPECT_TRUE(test::eventually([&] { return pipe_->clientLeft(); }))
+        << "although its bytes are still there";
+    EXPECT_EQ(readText(), "unread");
+
+    client = openWithClient();
+    EXPECT_EQ(pipe_->startWrite(request_, buffer_).error, none);
+    client.close();
+    EXPECT_TRUE(test::eventually([&] { return pipe_->clientLeft(); })) << "although it has not read ours";
+    pipe_->disconnect();
+    EXPECT_TRUE(pipe_->clientLeft());
+    pipe_->close();
+    EXPECT_TRUE(pipe_->clientLeft());
+}
+
+TEST_F(HostPipe, WhatWasFlushedReachesAClientThatIsDropped) {
+    PipeClient client = openWithClient();
+    std::string received;
+    EXPECT_EQ(pipe_->startWrite(request_, buffer_).error, none);
+    std::thread reader([&] { received = client.readBytes(buffer_.size()); });
+    EXPECT_TRUE(pipe_->flush(std::chrono::seconds(5)));
+    pipe_->disconnect();
+    reader.join();
+    EXPECT_EQ(received.size(), buffer_.size());
 }
 
 TEST_F(HostPipe, CloseFromAnotherThreadEndsWhatIsPending) {

@@ -1,4 +1,6 @@
 // Pipes over Unix sockets.
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +10,7 @@
 #include <utility>
 
 #include "platform/host/posix/pipe_name.h"
+#include "posix/descriptor.h"
 #include "tests/unit/host_pipe_fixture.h"
 
 namespace platform {
@@ -52,9 +55,23 @@ TEST_F(HostPipe, WriteToASlowClientReportsExactlyWhatItGets) {
     EXPECT_EQ(Bytes(received.begin(), received.end()), block);
 
     EXPECT_EQ(pipe_->startWrite(request_, buffer_).error, none);
-    pipe_->flush();
+    EXPECT_TRUE(pipe_->flush(std::chrono::seconds(5)));
     pipe_->disconnect();
     EXPECT_EQ(client.readBytes(block.size()), std::string(512, 0)) << "nothing more and nothing less";
+}
+
+TEST_F(HostPipe, AClientThatHasOnlyEndedItsSendingHasNotLeft) {
+    open();
+    const Descriptor client(::socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un target{};
+    target.sun_family = AF_UNIX;
+    path_.string().copy(target.sun_path, sizeof target.sun_path - 1);
+    ASSERT_EQ(::connect(client.get(), reinterpret_cast<const sockaddr*>(&target), sizeof target), 0);
+    ASSERT_EQ(pipe_->connect(), none);
+    ASSERT_EQ(::shutdown(client.get(), SHUT_WR), 0);
+    EXPECT_EQ(read().error, brokenPipe);
+    EXPECT_FALSE(pipe_->clientLeft());
+    EXPECT_EQ(pipe_->startWrite(request_, buffer_).error, none);
 }
 
 TEST_F(HostPipe, SecondClientWaitsAndTheFirstOnesLastBytesAreRead) {

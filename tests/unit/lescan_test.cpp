@@ -19,17 +19,17 @@ TEST(LeScan, ResultLine) {
             {"address": "00:00:00:00:00:0A", "name": "a;b", "advertises": ["180F", "0000FEFB-0000-1000-8000-00805F9B34FB"]},
             {"address": "00:00:00:00:00:0B", "name": "other", "advertises": ["FEFC"]})",
          L"00:00:00:00:00:0a;a;b,ff:00:00:00:00:01;Z\r\n"},
-        // A name must not be able to end the line. A wide unit is sent as its low byte, which could be a line
-        // end, too.
-        {R"({"address": "00:00:00:00:00:01", "name": "A\r\nTIO DROP\r\u010D\u020A\u010C"})",
-         L"00:00:00:00:00:01;A  TIO DROP   \u010C\r\n"},
+        // No control character in a name gets through, not even as the byte that is left of a wide unit on
+        // the pipe.
+        {R"({"address": "00:00:00:00:00:01", "name": "A\r\nTIO DROP\r\u010D\u020A\u0141\u0000\u011B[\u207F\u0080\u039F\u00A0~"})",
+         L"00:00:00:00:00:01;A  TIO DROP   \u0141  [   \u00A0~\r\n"},
     };
     for (const auto& [peripherals, expected] : cases) {
         sim::WorldScope world(R"({"peripherals": [)" + peripherals + "]}");
         scanIntervalsConfigured = true;
         test::SleepRecorder recorder(10);
         std::wstring result = L"old";
-        scanForTioDevices(result, 2000);
+        scanForTioDevices(result, 2000, [] { return true; });
         EXPECT_EQ(result, expected) << peripherals;
         EXPECT_EQ(recorder.sleeps(), (std::vector<long long>{500, 2000, 200}));
     }
@@ -41,7 +41,7 @@ TEST(LeScan, GoesOnWithoutScanTiming) {
     test::SleepRecorder recorder(10);
     test::LogCapture log;
     std::wstring result;
-    scanForTioDevices(result, 1000);
+    scanForTioDevices(result, 1000, [] { return true; });
     EXPECT_TRUE(log.find("[WARNING] Scanning with default large window!"));
     EXPECT_EQ(result, L"00:1a:7d:da:71:13;TIO-SIM\r\n");
 }

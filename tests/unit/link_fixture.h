@@ -9,10 +9,10 @@
 #include <optional>
 #include <string>
 
-#include "blescanner/blescanner.h"
 #include "blescanner/cmdpipe.h"
 #include "blescanner/cmdpipe_notification.h"
 #include "blescanner/lecomm.h"
+#include "blescanner/settings.h"
 #include "platform/bluetooth/sim/world.h"
 #include "platform/clock.h"
 #include "platform/text.h"
@@ -50,23 +50,15 @@ class Link {
     }
     // Does what the shell does for "disconnect".
     void stop() {
-        context().stoppedByShell = true;
-        context().dataPipe = nullptr;
+        blescanner::stopLink(context());
         if (pipe_) pipe_->close();
     }
-    // The next line for the client, without its end; empty when none came in time. Like the shell, passes
-    // over what an earlier session has to say.
+    // The next line for the client, without its end; empty when none came in time.
     std::string line(std::chrono::milliseconds deadline = e2e::kDeadline) {
         platform::Event* const events[] = {&blescanner::linkNotification().event()};
-        while (platform::waitAny(events, deadline)) {
-            const auto taken = blescanner::linkNotification().take();
-            if (!taken || taken->session != blescanner::currentTioContext()) continue;
-            const std::string text = platform::toUtf8(taken->text.substr(0, taken->text.size() - 2));
-            if (text == "CONNECT TIO" && dropped_ == taken->session) continue;
-            if (text == "TIO DROP") dropped_ = taken->session;
-            return text;
-        }
-        return "";
+        if (!platform::waitAny(events, deadline)) return "";
+        const auto taken = blescanner::linkNotification().take();
+        return taken ? platform::toUtf8(taken->substr(0, taken->size() - 2)) : "";
     }
     e2e::PipeClient openData() {
         e2e::PipeClient client;
@@ -82,7 +74,6 @@ class Link {
     std::optional<sim::WorldScope> world_;
     e2e::TemporaryFolder folder_;
     std::shared_ptr<blescanner::CNamedPipe> pipe_;
-    std::shared_ptr<const blescanner::TioContext> dropped_;
 };
 
 }  // namespace test

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "blescanner/blescanner.h"
+#include "blescanner/settings.h"
 #include "platform/bluetooth/sim/world.h"
 #include "tests/e2e/harness.h"
 
@@ -16,10 +17,10 @@ namespace fs = std::filesystem;
 
 const std::string kHelp =
     "Allowed options:\n"
-    "-h, --help         Display use information\n"
-    "-c, --cmdPipe arg  Command pipe [default \\\\.\\\\pipe\\ZIQBLESh]\n"
-    "-d, --datPipe arg  Data pipe    [default \\\\.\\\\pipe\\ZIQBLECOM]\n"
-    "-f, --logfile arg  Log to file in addition to stdout [default is none]\n";
+    "  -h, --help         Display use information\n"
+    "  -c, --cmdPipe arg  Command pipe [default \\\\.\\\\pipe\\ZIQBLESh]\n"
+    "  -d, --datPipe arg  Data pipe    [default \\\\.\\\\pipe\\ZIQBLECOM]\n"
+    "  -f, --logfile arg  Log to file in addition to stdout [default is none]\n";
 
 // Runs each test in an empty directory.
 class OptionsTest : public testing::Test {
@@ -48,6 +49,7 @@ TEST_F(OptionsTest, SettingsAndOutput) {
         {{"--datPipe=b", "--cmdPipe", "gr\xC3\xBC\xC3\x9F"}, "", {L"gr\u00FC\u00DF", L"b", L"nul"}},
         {{"-c", "", "--cmdPipe=second"}, "", {L"", dat, L"nul"}},
         {{"-x", "extra"}, "non_option_args: extra\nunknown_options: -x\n", {cmd, dat, L"nul"}},
+        {{"\x1B[2J", "--\x07"}, "non_option_args: \\x1b[2J\nunknown_options: --\\x07\n", {cmd, dat, L"nul"}},
         {{"-hh", "--help", "extra"}, kHelp + "non_option_args: extra\n", {cmd, dat, L"nul"}},
         {{"--logfile=", "--logfile=second"}, "", {cmd, dat, L"nul"}},
         {{"--cmdPipe=given", "-f"}, "missing argument for -f", {cmd, dat, L"nul"}},
@@ -61,6 +63,7 @@ TEST_F(OptionsTest, SettingsAndOutput) {
         } catch (const std::invalid_argument& invalid) {
             error = invalid.what();
         }
+        EXPECT_TRUE(blescanner::finishOutput());
         EXPECT_EQ(testing::internal::GetCapturedStdout() + error, output);
         const auto& settings = blescanner::settings();
         EXPECT_EQ((Names{settings.cmdPipeName, settings.datPipeName, settings.logFileName}), names);

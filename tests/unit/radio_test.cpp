@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "blescanner/blehelper.h"
+#include "blescanner/stop.h"
 #include "log_capture.h"
 #include "platform/bluetooth/sim/world.h"
 #include "sleep_recorder.h"
@@ -65,7 +66,7 @@ TEST(SwitchRadios, PacedByTheState) {
         return recorder.sleeps();
     };
     for (const auto& [radios, reset, switchOn] : cases) {
-        EXPECT_EQ(sleepsOf(resetBluetooth, radios), reset) << radios;
+        EXPECT_EQ(sleepsOf([] { resetBluetooth(programEnd()); }, radios), reset) << radios;
         EXPECT_EQ(sleepsOf(switchBluetoothOn, radios), switchOn) << radios;
     }
 }

@@ -43,7 +43,10 @@ TEST(SimScenario, ErrorsNameTheKeyAndTheValue) {
         {R"("faults":[{"on":"write","do":"hang"}])", "faults[0].on", "write"},
         {R"("faults":[{"on":"pair","do":"throw:0x123456789"}])", "faults[0].do", "throw"},
         {R"("faults":[{"do":"cancel","on":"notify:TX"}])", "faults[0].do", "cancel"},
-        {R"("faults":[{"do":"null","on":"session"}])", "faults[0].do", "null"},
+        {R"("faults":[{"do":"null","on":"session"}])", "faults[0].do",
+         "error:0xHRESULT, throw:0xHRESULT, disconnect, hang, found \"null\""},
+        {R"("faults":[{"do":"cancel","on":"notify:TX"}])", "faults[0].do",
+         "null, no-operation, disconnect, hang, found \"cancel\""},
         {R"({"radios":[)" + std::string(200'000, '[') + std::string(200'000, ']') + "]}", "radios[0]",
          "expected an object, found a list of 1"},
     };

@@ -35,6 +35,21 @@ TEST(Text, ReplacesInvalidBytesAndKeepsTheRest) {
               "\xEF\xBF\xBD\xEF\xBF\xBD\xF0\x9F\x98\x80\xEF\xBF\xBD");
 }
 
+TEST(Text, ControlCharactersAreShownAsEscapes) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"", ""},
+        {"C:\\x1b ok", "C:\\x1b ok"},
+        {std::string("a\0b\r\n\t\x1B[2J\x1F\x7F ~", 14), "a\\x00b\\x0d\\x0a\\x09\\x1b[2J\\x1f\\x7f ~"},
+        {"\xC2\x80\xC2\x9B\xC2\x9F\xC2\xA0", "\\x80\\x9b\\x9f\xC2\xA0"},
+        {"\xE2\x80\xA7\xE2\x80\xA8\xE2\x80\xA9\xE2\x80\xAA", "\xE2\x80\xA7\\u2028\\u2029\xE2\x80\xAA"},
+        {"\x9B\xF0\x9F\x98\x80", "\xEF\xBF\xBD\xF0\x9F\x98\x80"},  // a lone byte is no C1 control
+    };
+    for (const auto& [utf8, shown] : cases) {
+        EXPECT_EQ(printable(utf8), shown);
+        EXPECT_EQ(printable(widen(utf8)), shown);
+    }
+}
+
 TEST(Guid, RegistryForm) {
     const Guid mixed{0x01234567, 0x89AB, 0xCDEF, {0xFE, 0xDC, 0xBA, 0x98, 0x76, 0x54, 0x32, 0x10}};
     EXPECT_EQ(toString(mixed), "{01234567-89AB-CDEF-FEDC-BA9876543210}");

@@ -2,10 +2,10 @@
 
 #include <utility>
 
-#include "address.h"
 #include "bluetooth/callback_list.h"
 #include "delivery.h"
 #include "discovery.h"
+#include "platform/address.h"
 #include "platform/text.h"
 
 namespace bluez {
@@ -29,7 +29,8 @@ std::optional<std::vector<platform::Guid>> serviceUuids(const ObjectTree& tree, 
 AdvertisementReceivedEventArgs describe(const Objects& objects, const std::string& path) {
     return objects.read([&](const ObjectTree& tree) {
         AdvertisementReceivedEventArgs args;
-        args.bluetoothAddress = parseAddress(tree.get<std::string>(path, kDevice, "Address").value_or(""));
+        const auto address = tree.get<std::string>(path, kDevice, "Address").value_or("");
+        args.bluetoothAddress = platform::parseAddress(address).value_or(0);
         args.serviceUuids = serviceUuids(tree, path);
         args.localName = platform::widen(tree.get<std::string>(path, kDevice, "Name").value_or(""));
         return args;

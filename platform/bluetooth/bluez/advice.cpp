@@ -2,6 +2,8 @@
 
 #include <loguru.hpp>
 
+#include "platform/text.h"
+
 namespace bluez {
 
 namespace {
@@ -39,7 +41,7 @@ std::string text(Trouble trouble, const std::string& detail) {
 }  // namespace
 
 void advise(Trouble trouble, const std::string& detail) {
-    LOG_S(WARNING) << "[WARNING] Bluetooth: " << text(trouble, detail);
+    LOG_S(WARNING) << "[WARNING] Bluetooth: " << text(trouble, platform::printable(detail));
 }
 
 }  // namespace bluez

@@ -148,7 +148,7 @@ void Bus::tell(const Change& change) {
     }
     // The end of bluetoothd takes the adapters with it, which is no news of theirs.
     if (running) adviseOnAdapter(change);
-    Connection::heed(change);
+    Connection::onChange(change);
     listeners_->call(change);
 }
 

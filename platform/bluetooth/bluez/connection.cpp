@@ -95,7 +95,7 @@ Connection::~Connection() {
     disconnect();
 }
 
-void Connection::heed(const Change& change) {
+void Connection::onChange(const Change& change) {
     if (change.interface != kDevice) return;
     const bool* const connected = change.get<bool>("Connected");
     if (change.kind == Change::Kind::removed || (connected && !*connected)) linkEnded(change.path);

@@ -35,7 +35,7 @@ class Connection {
     static void awaitEnds();
 
     // Bookkeeping, for the bus: who made a link, and when it is down. On the loop's thread.
-    static void heed(const Change& change);
+    static void onChange(const Change& change);
 
     // Waits, bounded, until a descriptor is back that a session which has just ended may still hold.
     // `acquired` is the property of the characteristic that tells.

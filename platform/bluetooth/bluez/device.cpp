@@ -2,10 +2,11 @@
 #include <algorithm>
 #include <loguru.hpp>
 
-#include "address.h"
 #include "discovery.h"
 #include "error.h"
 #include "gatt.h"
+#include "platform/address.h"
+#include "platform/text.h"
 
 namespace bluez {
 
@@ -59,7 +60,7 @@ class Device final : public platform::BluetoothLEDevice {
         } catch (const PlatformError& error) {
             // The status alone does not tell a person what to look for.
             LOG_S(WARNING) << "[WARNING] Bluetooth: the peripheral's services could not be had: "
-                           << error.what();
+                           << platform::printable(error.what());
             return {statusOf(error), {}};
         }
     }
@@ -83,7 +84,7 @@ std::optional<std::string> knownDevice(const ObjectTree& tree, const std::string
 
 DevicePtr findDevice(std::uint64_t address) {
     const auto bus = Bus::current();
-    const std::string text = addressText(address);
+    const std::string text = platform::formatAddress(address, platform::LetterCase::upper);
     auto path = bus->objects().read([&](const ObjectTree& tree) { return knownDevice(tree, text); });
     if (!path) {
         const Discovery discovery(bus);

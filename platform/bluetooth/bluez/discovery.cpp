@@ -8,6 +8,7 @@
 #include "advice.h"
 #include "error.h"
 #include "platform/clock.h"
+#include "platform/text.h"
 
 namespace bluez {
 
@@ -73,7 +74,8 @@ Discovery::Discovery(std::shared_ptr<Bus> bus) : bus_(std::move(bus)) {
         start(*bus_, *adapter, users > 0);
     } catch (const PlatformError& error) {
         if (error.code() == platform::kECancelled) throw;
-        LOG_S(WARNING) << "[WARNING] Bluetooth: the search did not start: " << error.what();
+        LOG_S(WARNING) << "[WARNING] Bluetooth: the search did not start: "
+                       << platform::printable(error.what());
         return;
     }
     adapter_ = *adapter;

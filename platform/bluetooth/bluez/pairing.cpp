@@ -2,14 +2,14 @@
 // that asks for pairing is bluetoothd's and its agent's business.
 #include "platform/pairing.h"
 
-#include "address.h"
 #include "bluetooth/operation.h"
+#include "platform/address.h"
 #include "platform/text.h"
 
 namespace platform {
 
 std::wstring deviceSelectorFromBluetoothAddress(std::uint64_t address) {
-    return widen(bluez::addressText(address));
+    return widen(formatAddress(address));
 }
 
 AsyncOperationPtr<DeviceInformationCollection> findAllDevicesAsync(const std::wstring&) {

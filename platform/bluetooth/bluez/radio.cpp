@@ -46,7 +46,7 @@ class AdapterRadio final : public platform::Radio {
                     if (!error) return;
                     if (isBlocked(kSysfsBluetooth, name)) return advise(Trouble::adapterBlocked, name);
                     LOG_S(WARNING) << "[WARNING] Bluetooth: adapter " << name
-                                   << " could not be switched: " << error->what();
+                                   << " could not be switched: " << platform::printable(error->what());
                 },
                 kAdapter, "Powered", sdbus::Variant(state == RadioState::on));
             return RadioAccessStatus::allowed;

@@ -18,7 +18,7 @@ using Listeners = bluetooth::CallbackList<const AdvertisementReceivedEventArgs*>
 class Scan final : public ServiceThread {
   public:
     Scan(const World& world, std::shared_ptr<Listeners> listeners)
-        : backstage_(world.backstage()),
+        : runtime_(world.runtime()),
           listeners_(std::move(listeners)),
           period_(std::max(1.0, 20 / world.scenario().timeScale.value_or(1))) {
         for (const auto& peripheral : world.peripherals()) {
@@ -33,14 +33,14 @@ class Scan final : public ServiceThread {
         while (!stopping_) {
             lock.unlock();
             for (const auto& advertisement : advertisements_) {
-                if (backstage_->bluetoothOn()) listeners_->call(&advertisement);
+                if (runtime_->bluetoothOn()) listeners_->call(&advertisement);
             }
             lock.lock();
             wake_.wait_for(lock, period_, [this] { return stopping_; });
         }
     }
 
-    const std::shared_ptr<Backstage> backstage_;
+    const std::shared_ptr<WorldRuntime> runtime_;
     const std::shared_ptr<Listeners> listeners_;
     const std::chrono::duration<double, std::milli> period_;
     std::vector<AdvertisementReceivedEventArgs> advertisements_;
@@ -61,7 +61,7 @@ class Watcher final : public platform::AdvertisementWatcher {
     void start() override {
         if (scan_) return;
         scan_ = std::make_shared<Scan>(*world_, listeners_);
-        world_->backstage()->launch(scan_);
+        world_->runtime()->launch(scan_);
     }
 
     void stop() override {

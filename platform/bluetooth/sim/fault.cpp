@@ -15,11 +15,28 @@ std::optional<CharacteristicKind> parseCharacteristic(std::string_view name) {
     return std::nullopt;
 }
 
-std::optional<platform::HResult> parseCode(std::string_view text) {
-    if (!text.starts_with("0x") || text.size() > 10) return std::nullopt;
+// Behind the names of the actions that carry a result code.
+constexpr std::string_view kCodeMark = "0x";
+
+// As scenarios write them.
+constexpr std::pair<std::string_view, FaultAction> kActions[] = {
+    {"null", FaultAction::null},
+    {"no-operation", FaultAction::noOperation},
+    {"error:0x", FaultAction::error},
+    {"cancel", FaultAction::cancel},
+    {"unreachable", FaultAction::unreachable},
+    {"protocol-error", FaultAction::protocolError},
+    {"access-denied", FaultAction::accessDenied},
+    {"throw:0x", FaultAction::throwError},
+    {"disconnect", FaultAction::disconnect},
+    {"hang", FaultAction::hang},
+};
+
+std::optional<platform::HResult> parseCode(std::string_view digits) {
+    if (digits.size() > 8) return std::nullopt;
     std::uint32_t bits = 0;
-    const char* end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data() + 2, end, bits, 16);
+    const char* end = digits.data() + digits.size();
+    const auto [stop, error] = std::from_chars(digits.data(), end, bits, 16);
     if (error != std::errc() || stop != end) return std::nullopt;
     return platform::hresult(bits);
 }
@@ -46,39 +63,46 @@ std::optional<FaultPoint> parseFaultPoint(std::string_view text) {
 }
 
 std::optional<Fault> parseFault(std::string_view text) {
-    constexpr std::pair<std::string_view, FaultAction> kPlain[] = {
-        {"null", FaultAction::null},
-        {"no-operation", FaultAction::noOperation},
-        {"cancel", FaultAction::cancel},
-        {"unreachable", FaultAction::unreachable},
-        {"protocol-error", FaultAction::protocolError},
-        {"access-denied", FaultAction::accessDenied},
-        {"disconnect", FaultAction::disconnect},
-        {"hang", FaultAction::hang},
-    };
-    for (const auto& [name, action] : kPlain) {
-        if (text == name) return Fault{action};
-    }
-    constexpr std::pair<std::string_view, FaultAction> kWithCode[] = {
-        {"error:", FaultAction::error},
-        {"throw:", FaultAction::throwError},
-    };
-    for (const auto& [prefix, action] : kWithCode) {
-        if (!text.starts_with(prefix)) continue;
-        const auto code = parseCode(text.substr(prefix.size()));
-        if (code) return Fault{action, *code};
+    for (const auto& [name, action] : kActions) {
+        if (!name.ends_with(kCodeMark)) {
+            if (text == name) return Fault{action};
+        } else if (text.starts_with(name)) {
+            if (const auto code = parseCode(text.substr(name.size()))) return Fault{action, *code};
+        }
     }
     return std::nullopt;
 }
 
 bool isPossible(const FaultPoint& point, FaultAction action) {
-    if (point.call == FaultPoint::Call::session) {
-        return action == FaultAction::error || action == FaultAction::throwError ||
-               action == FaultAction::disconnect || action == FaultAction::hang;
+    using enum FaultAction;
+    const bool session = point.call == FaultPoint::Call::session;
+    switch (action) {
+        case disconnect:
+        case hang:
+            return true;
+        case null:
+        case noOperation:
+            return !session;
+        case error:
+        case throwError:
+            return point.call != FaultPoint::Call::notify;
+        case cancel:
+        case unreachable:
+        case protocolError:
+        case accessDenied:
+            return point.call != FaultPoint::Call::notify && !session;
     }
-    if (point.call != FaultPoint::Call::notify) return true;
-    return action == FaultAction::null || action == FaultAction::noOperation ||
-           action == FaultAction::disconnect || action == FaultAction::hang;
+    return false;
+}
+
+std::string possibleActions(const FaultPoint& point) {
+    std::string names;
+    for (const auto& [name, action] : kActions) {
+        if (!isPossible(point, action)) continue;
+        names.append(names.empty() ? "" : ", ").append(name);
+        if (name.ends_with(kCodeMark)) names.append("HRESULT");
+    }
+    return names;
 }
 
 FaultTable::FaultTable(const std::vector<FaultRule>& rules) {
@@ -95,6 +119,7 @@ std::optional<Fault> FaultTable::pass(const FaultPoint& point) {
         }
         if (entry.rule.times != 0 && entry.fired == entry.rule.times) continue;
         if (entry.rule.times != 0) ++entry.fired;
+        ++happened_;
         return entry.rule.fault;
     }
     return std::nullopt;

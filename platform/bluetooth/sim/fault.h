@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -59,8 +60,10 @@ struct FaultRule {
 std::optional<FaultPoint> parseFaultPoint(std::string_view text);
 std::optional<Fault> parseFault(std::string_view text);
 
-// Whether the action means something there: a notification has no operation that could end in an error.
+// Whether the action can happen there: a notification, for one, has no operation that could end in an error.
 bool isPossible(const FaultPoint& point, FaultAction action);
+// The actions that can happen there, as scenarios write them: "null, hang".
+std::string possibleActions(const FaultPoint& point);
 
 // Counts the passes of each rule. Rules of one point are asked in order; the one that fires hides that pass
 // from those behind it. Not thread-safe.
@@ -70,6 +73,7 @@ class FaultTable {
 
     // Called once for each pass; what goes wrong this time, if anything.
     std::optional<Fault> pass(const FaultPoint& point);
+    std::uint64_t happened() const { return happened_; }
 
   private:
     struct Entry {
@@ -78,6 +82,7 @@ class FaultTable {
         std::uint32_t fired = 0;
     };
     std::vector<Entry> entries_;
+    std::uint64_t happened_ = 0;
 };
 
 }  // namespace sim

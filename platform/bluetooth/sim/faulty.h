@@ -82,7 +82,7 @@ platform::AsyncOperationPtr<Result> faultyOperation(TioPeripheral& peripheral, c
         case FaultAction::throwError:
             throw platform::PlatformError(fault.code);
         case FaultAction::hang:
-            return peripheral.backstage().pendingOperation<Result>();
+            return peripheral.runtime().pendingOperation<Result>();
         case FaultAction::disconnect: {
             peripheral.dropLink();
             return completed<Result>(Faulty::of(Status::unreachable));
@@ -97,6 +97,6 @@ platform::AsyncOperationPtr<Result> faultyOperation(TioPeripheral& peripheral, c
 }
 
 // The same for the calls that answer at once with a list: returns when the list stays empty.
-void sufferFault(TioPeripheral& peripheral, const Fault& fault);
+void applyFault(TioPeripheral& peripheral, const Fault& fault);
 
 }  // namespace sim

@@ -23,19 +23,19 @@ using Call = FaultPoint::Call;
 
 class Session final : public platform::GattSession {
   public:
-    Session(std::shared_ptr<Backstage> backstage, std::shared_ptr<SessionListeners> listeners)
-        : backstage_(std::move(backstage)), listeners_(std::move(listeners)) {}
+    Session(std::shared_ptr<WorldRuntime> runtime, std::shared_ptr<SessionListeners> listeners)
+        : runtime_(std::move(runtime)), listeners_(std::move(listeners)) {}
 
     Subscription onSessionStatusChanged(StatusChangedHandler handler) override {
         auto delivery = std::make_shared<StatusDelivery>(std::move(handler));
         listeners_->add(delivery);
-        backstage_->launch(delivery);
+        runtime_->launch(delivery);
         return Subscription([delivery] { delivery->finish(); });
     }
 
   private:
     // Not the link: holding a session does not hold the connection.
-    const std::shared_ptr<Backstage> backstage_;
+    const std::shared_ptr<WorldRuntime> runtime_;
     const std::shared_ptr<SessionListeners> listeners_;
 };
 
@@ -61,7 +61,7 @@ class Characteristic final : public platform::GattCharacteristic,
     Subscription onValueChanged(ValueChangedHandler handler) override {
         auto delivery = std::make_shared<ValueDelivery>(weak_from_this(), std::move(handler));
         link_->peripheral().addDelivery(*link_, kind_, delivery);
-        link_->peripheral().backstage().launch(delivery);
+        link_->peripheral().runtime().launch(delivery);
         return Subscription([delivery, weakLink = std::weak_ptr(link_), kind = kind_] {
             if (const auto link = weakLink.lock()) link->peripheral().removeDelivery(*link, kind, delivery);
             delivery->finish();
@@ -93,7 +93,7 @@ class Service final : public platform::GattDeviceService {
     std::vector<std::shared_ptr<platform::GattCharacteristic>> getCharacteristics(const Guid& uuid) override {
         auto& peripheral = link_->peripheral();
         if (const auto fault = peripheral.pass({Call::characteristics})) {
-            sufferFault(peripheral, *fault);
+            applyFault(peripheral, *fault);
             return {};
         }
         return find(uuid);
@@ -101,8 +101,8 @@ class Service final : public platform::GattDeviceService {
 
     std::shared_ptr<platform::GattSession> session() override {
         auto& peripheral = link_->peripheral();
-        if (const auto fault = peripheral.pass({Call::session})) sufferFault(peripheral, *fault);
-        return std::make_shared<Session>(link_->peripheral().sharedBackstage(), link_->sessionListeners());
+        if (const auto fault = peripheral.pass({Call::session})) applyFault(peripheral, *fault);
+        return std::make_shared<Session>(link_->peripheral().sharedRuntime(), link_->sessionListeners());
     }
 
   private:
@@ -134,7 +134,7 @@ class Device final : public platform::BluetoothLEDevice {
     std::vector<std::shared_ptr<platform::GattDeviceService>> gattServices() override {
         auto& peripheral = link_->peripheral();
         if (const auto fault = peripheral.pass({Call::servicesAll})) {
-            sufferFault(peripheral, *fault);
+            applyFault(peripheral, *fault);
             return {};
         }
         return list(peripheral.scenario().cachedServices);

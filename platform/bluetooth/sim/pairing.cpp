@@ -5,6 +5,8 @@
 
 #include "bluetooth/callback_list.h"
 #include "faulty.h"
+#include "platform/address.h"
+#include "platform/text.h"
 #include "world.h"
 
 namespace sim {
@@ -16,15 +18,6 @@ using Outcome = std::optional<DevicePairingResultStatus>;
 using RequestListeners = bluetooth::CallbackList<platform::DevicePairingRequestedEventArgs&>;
 
 constexpr auto kConnectionRejected = static_cast<DevicePairingResultStatus>(4);
-
-std::wstring wideAddress(std::uint64_t address) {
-    std::wstring text;
-    for (const char character : addressText(address)) {
-        const bool letter = character >= 'A' && character <= 'F';
-        text += static_cast<wchar_t>(letter ? character - 'A' + 'a' : character);
-    }
-    return text;
-}
 
 class Request final : public platform::DevicePairingRequestedEventArgs {
   public:
@@ -86,11 +79,11 @@ class CustomPairing final : public platform::DeviceInformationCustomPairing {
         if (const auto fault = peripheral_->pass({FaultPoint::Call::pair})) {
             return faultyOperation<Outcome>(*peripheral_, *fault);
         }
-        if (!peripheral_->backstage().bluetoothOn()) return completed<Outcome>(kConnectionRejected);
+        if (!peripheral_->runtime().bluetoothOn()) return completed<Outcome>(kConnectionRejected);
         if (listeners_->empty())
             return completed<Outcome>(DevicePairingResultStatus::requiredHandlerNotRegistered);
-        auto operation = peripheral_->backstage().pendingOperation<Outcome>();
-        peripheral_->backstage().launch(std::make_shared<Ceremony>(peripheral_, listeners_, operation));
+        auto operation = peripheral_->runtime().pendingOperation<Outcome>();
+        peripheral_->runtime().launch(std::make_shared<Ceremony>(peripheral_, listeners_, operation));
         return operation;
     }
 
@@ -118,7 +111,7 @@ class Pairing final : public platform::DeviceInformationPairing {
 class Information final : public platform::DeviceInformation {
   public:
     explicit Information(std::shared_ptr<TioPeripheral> peripheral)
-        : id_(L"BluetoothLE#Sim-" + wideAddress(peripheral->scenario().address)),
+        : id_(L"BluetoothLE#Sim-" + platform::widen(platform::formatAddress(peripheral->scenario().address))),
           pairing_(std::make_shared<Pairing>(std::move(peripheral))) {}
 
     std::wstring id() const override { return id_; }
@@ -136,8 +129,7 @@ class Information final : public platform::DeviceInformation {
 namespace platform {
 
 std::wstring deviceSelectorFromBluetoothAddress(std::uint64_t address) {
-    constexpr std::uint64_t kAddressBits = 0xFFFF'FFFF'FFFF;
-    return L"Sim.Bluetooth.Le.DeviceAddress:=\"" + sim::wideAddress(address & kAddressBits) + L"\"";
+    return L"Sim.Bluetooth.Le.DeviceAddress:=\"" + widen(formatAddress(address)) + L"\"";
 }
 
 AsyncOperationPtr<DeviceInformationCollection> findAllDevicesAsync(const std::wstring& selector) {

@@ -12,9 +12,9 @@ constexpr FaultPoint faultPoint(FaultPoint::Call call, CharacteristicKind kind) 
 
 }  // namespace
 
-TioPeripheral::TioPeripheral(PeripheralScenario scenario, std::shared_ptr<Backstage> backstage)
+TioPeripheral::TioPeripheral(PeripheralScenario scenario, std::shared_ptr<WorldRuntime> runtime)
     : scenario_(std::move(scenario)),
-      backstage_(std::move(backstage)),
+      runtime_(std::move(runtime)),
       faults_(scenario_.faults),
       paired_(scenario_.pairing.paired) {}
 
@@ -40,17 +40,6 @@ void TioPeripheral::sendNotification(CharacteristicKind kind, Value value) {
     deliver(kind, value);
 }
 
-void TioPeripheral::indicateCredits(std::uint8_t credits) {
-    const std::array<std::uint8_t, 1> value = {credits};
-    sendNotification(CharacteristicKind::crtx, value);
-}
-
-void TioPeripheral::indicateMtu(std::uint16_t mtu) {
-    const std::array<std::uint8_t, 2> value = {static_cast<std::uint8_t>(mtu & 0xFF),
-                                               static_cast<std::uint8_t>(mtu >> 8)};
-    sendNotification(CharacteristicKind::txMtu, value);
-}
-
 void TioPeripheral::repair() {
     const std::lock_guard lock(mutex_);
     faults_ = FaultTable({});
@@ -68,7 +57,7 @@ bool TioPeripheral::connect(Link& link) {
 
 bool TioPeripheral::connectLocked(Link& link) {
     if (current_ == &link) return true;
-    if (!backstage_->bluetoothOn()) return false;
+    if (!runtime_->bluetoothOn()) return false;
     dropLocked();
     current_ = &link;
     ++counters_.connections;
@@ -107,14 +96,29 @@ void TioPeripheral::forget(Link& link) {
 
 std::optional<Fault> TioPeripheral::pass(const FaultPoint& point) {
     const std::lock_guard lock(mutex_);
+    return passLocked(point);
+}
+
+std::optional<Fault> TioPeripheral::passLocked(const FaultPoint& point) {
+    ++hostCalls_;
     return faults_.pass(point);
+}
+
+std::uint64_t TioPeripheral::hostCalls() const {
+    const std::lock_guard lock(mutex_);
+    return hostCalls_;
+}
+
+std::uint64_t TioPeripheral::faultsHappened() const {
+    const std::lock_guard lock(mutex_);
+    return faults_.happened();
 }
 
 platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::write(Link& link, CharacteristicKind kind,
                                                                         std::span<const std::uint8_t> value) {
     std::unique_lock lock(mutex_);
     if (!reachableLocked(link)) return completed(Status::unreachable);
-    if (const auto fault = faults_.pass(faultPoint(FaultPoint::Call::write, kind))) {
+    if (const auto fault = passLocked(faultPoint(FaultPoint::Call::write, kind))) {
         lock.unlock();
         return faultyOperation<Status>(*this, *fault);
     }
@@ -134,7 +138,7 @@ platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::subscribe(
     using Descriptor = platform::GattClientCharacteristicConfigurationDescriptorValue;
     std::unique_lock lock(mutex_);
     if (!reachableLocked(link)) return completed(Status::unreachable);
-    if (const auto fault = faults_.pass(faultPoint(FaultPoint::Call::subscribe, kind))) {
+    if (const auto fault = passLocked(faultPoint(FaultPoint::Call::subscribe, kind))) {
         lock.unlock();
         return faultyOperation<Status>(*this, *fault);
     }
@@ -206,13 +210,13 @@ void TioPeripheral::setPaired() {
     paired_ = true;
 }
 
-void sufferFault(TioPeripheral& peripheral, const Fault& fault) {
+void applyFault(TioPeripheral& peripheral, const Fault& fault) {
     switch (fault.action) {
         case FaultAction::error:
         case FaultAction::throwError:
             throw platform::PlatformError(fault.code);
         case FaultAction::hang:
-            return peripheral.backstage().waitForEnd();
+            return peripheral.runtime().waitForEnd();
         case FaultAction::disconnect:
             return peripheral.dropLink();
         case FaultAction::null:

@@ -13,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "backstage.h"
 #include "fault.h"
 #include "link.h"
 #include "pacer.h"
@@ -21,6 +20,7 @@
 #include "platform/gatt.h"
 #include "record_ring.h"
 #include "scenario.h"
+#include "world_runtime.h"
 
 namespace sim {
 
@@ -43,11 +43,11 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     using Status = platform::GattCommunicationStatus;
     using Application = std::function<void(std::span<const std::uint8_t>)>;
 
-    TioPeripheral(PeripheralScenario scenario, std::shared_ptr<Backstage> backstage);
+    TioPeripheral(PeripheralScenario scenario, std::shared_ptr<WorldRuntime> runtime);
 
     const PeripheralScenario& scenario() const { return scenario_; }
-    Backstage& backstage() const { return *backstage_; }
-    const std::shared_ptr<Backstage>& sharedBackstage() const { return backstage_; }
+    WorldRuntime& runtime() const { return *runtime_; }
+    const std::shared_ptr<WorldRuntime>& sharedRuntime() const { return runtime_; }
 
     // --- what a test or a demo does with it
     PeripheralCounters counters() const;
@@ -59,16 +59,17 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     // arguments. The peripheral's books follow: data uses up a credit if there is one, credits and MTU count
     // as granted and announced.
     void sendNotification(CharacteristicKind kind, Value value);
-    void indicateCredits(std::uint8_t credits);
-    void indicateMtu(std::uint16_t mtu);
     void dropLink();
+    // How many calls the host has made to it, and how many of the scenario's faults have happened.
+    std::uint64_t hostCalls() const;
+    std::uint64_t faultsHappened() const;
     // The scenario's faults happen no more; what hangs goes on hanging.
     void repair();
 
     // --- what the back end does with it
     bool connect(Link& link);  // false: out of reach
     void forget(Link& link);   // called by the link's end
-    std::optional<Fault> pass(const FaultPoint& point);
+    std::optional<Fault> pass(const FaultPoint& point);  // the host makes a call
     platform::AsyncOperationPtr<Status> write(Link& link, CharacteristicKind kind,
                                               std::span<const std::uint8_t> value);
     platform::AsyncOperationPtr<Status> subscribe(
@@ -111,6 +112,7 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     bool reachableLocked(Link& link);
     void dropLocked();
     void resetSerial();
+    std::optional<Fault> passLocked(const FaultPoint& point);
 
     Status accept(CharacteristicKind kind, std::span<const std::uint8_t> value);
     Status acceptData(std::span<const std::uint8_t> value);
@@ -133,10 +135,11 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     void tick(std::uint64_t connection);
 
     const PeripheralScenario scenario_;
-    const std::shared_ptr<Backstage> backstage_;
+    const std::shared_ptr<WorldRuntime> runtime_;
     mutable std::mutex mutex_;  // guards everything below
     FaultTable faults_;
     PeripheralCounters counters_;
+    std::uint64_t hostCalls_ = 0;
     Link* current_ = nullptr;  // the link that has the connection
     Connection connection_;
     std::vector<std::uint8_t> packet_;  // the notification that is being made

@@ -175,7 +175,7 @@ void TioPeripheral::deliver(CharacteristicKind kind, Value value) {
 
 platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::waitForInterval(
     std::span<const std::uint8_t> value) {
-    auto operation = backstage_->pendingOperation<Status>();
+    auto operation = runtime_->pendingOperation<Status>();
     connection_.waiting.push_back({{value.begin(), value.end()}, operation});
     scheduleTick(connection_.in.nextInterval());
     return operation;
@@ -183,7 +183,7 @@ platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::waitForInterva
 
 void TioPeripheral::scheduleTick(Pacer::Clock::time_point time) {
     if (std::exchange(connection_.tickAhead, true)) return;
-    backstage_->at(time, [self = weak_from_this(), connection = counters_.connections] {
+    runtime_->at(time, [self = weak_from_this(), connection = counters_.connections] {
         if (const auto peripheral = self.lock()) peripheral->tick(connection);
     });
 }

@@ -23,8 +23,10 @@ class SimRadio final : public platform::Radio, public std::enable_shared_from_th
     RadioState state() const override { return state_.load(); }
 
     platform::AsyncOperationPtr<RadioAccessStatus> setStateAsync(RadioState state) override {
-        const auto world = world_.lock();
-        if (world && !scenario_.stuck) request(*world, state);
+        if (const auto world = world_.lock()) {
+            world->noteRadioRequest(state);
+            if (!scenario_.stuck) request(*world, state);
+        }
         return completed(RadioAccessStatus::allowed);
     }
 
@@ -35,8 +37,8 @@ class SimRadio final : public platform::Radio, public std::enable_shared_from_th
         const std::chrono::duration<double, std::milli> delay(
             static_cast<double>(scenario_.switchDelay.count()) / scale);
         const auto due =
-            Backstage::Clock::now() + std::chrono::duration_cast<Backstage::Clock::duration>(delay);
-        world.backstage()->at(due, [self = weak_from_this(), weakWorld = world_, state] {
+            WorldRuntime::Clock::now() + std::chrono::duration_cast<WorldRuntime::Clock::duration>(delay);
+        world.runtime()->at(due, [self = weak_from_this(), weakWorld = world_, state] {
             const auto radio = self.lock();
             const auto stillWorld = weakWorld.lock();
             if (radio && stillWorld) radio->reach(*stillWorld, state);

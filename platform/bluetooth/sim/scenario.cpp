@@ -1,12 +1,14 @@
 #include "scenario.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <fstream>
 #include <sstream>
 #include <system_error>
 
 #include "fields.h"
+#include "platform/address.h"
 #include "platform/runtime.h"
 #include "platform/text.h"
 
@@ -59,18 +61,13 @@ Guid readUuid(const json& value, const std::string& path) {
 }
 
 std::uint64_t readAddress(const json& value, const std::string& path) {
-    constexpr auto kExpected = "a Bluetooth address like 00:1A:7D:DA:71:13";
-    if (!value.is_string()) failAt(path, kExpected, value);
-    const std::string text = readText(value, path);
-    const auto parts = split(text, ':');
-    if (parts.size() != 6) failAt(path, kExpected, value);
-    std::uint64_t address = 0;
-    for (const auto part : parts) {
-        const auto byte = parseNumber<std::uint8_t>(part, 16, 2, 2);
-        if (!byte) failAt(path, kExpected, value);
-        address = address << 8 | *byte;
-    }
-    return address;
+    std::string text = value.is_string() ? readText(value, path) : std::string();
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::toupper(c); });
+    const auto address = platform::parseAddress(text);
+    // Only the usual form, with two digits in each field.
+    if (!address || text != platform::formatAddress(*address, platform::LetterCase::upper))
+        failAt(path, "a Bluetooth address like 00:1A:7D:DA:71:13", value);
+    return *address;
 }
 
 // "2016-05-01T00:00:00Z"
@@ -222,7 +219,7 @@ FaultRule readFault(const json& value, const std::string& path) {
         const auto fault = parseFault(readText(item, at));
         if (!fault) failAt(at, "a fault action such as unreachable or error:0x80000013", item);
         if (!isPossible(rule.point, fault->action)) {
-            failAt(at, "null, no-operation, disconnect or hang, the only faults of a notification", item);
+            failAt(at, "one of the actions that can happen there, " + possibleActions(rule.point), item);
         }
         rule.fault = *fault;
         hasAction = true;
@@ -304,7 +301,7 @@ std::vector<PeripheralScenario> readPeripherals(const json& value, const std::st
         for (std::size_t earlier = 0; earlier < i; ++earlier) {
             if (peripherals[earlier].address != peripherals[i].address) continue;
             failAt(path + "[" + std::to_string(i) + "].address", "an address that no other peripheral has",
-                   addressText(peripherals[i].address));
+                   platform::formatAddress(peripherals[i].address, platform::LetterCase::upper));
         }
     }
     return peripherals;
@@ -383,16 +380,6 @@ Scenario readScenario(const std::filesystem::path& file) {
     } catch (const platform::BluetoothConfigError& error) {
         throw platform::BluetoothConfigError(name + ": " + error.what());
     }
-}
-
-std::string addressText(std::uint64_t address) {
-    constexpr std::string_view kDigits = "0123456789ABCDEF";
-    std::string text;
-    for (int shift = 44; shift >= 0; shift -= 4) {
-        text += kDigits[address >> shift & 0xF];
-        if (shift % 8 == 0 && shift != 0) text += ':';
-    }
-    return text;
 }
 
 }  // namespace sim

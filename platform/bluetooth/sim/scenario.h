@@ -92,7 +92,4 @@ Scenario parseScenario(std::string_view json, const std::filesystem::path& folde
 // Of a file. Throws likewise, with the file's name in front.
 Scenario readScenario(const std::filesystem::path& file);
 
-// "00:1A:7D:DA:71:13", the most significant byte first.
-std::string addressText(std::uint64_t address);
-
 }  // namespace sim

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/address.h"
 #include "platform/clock.h"
 #include "platform/text.h"
 #include "radio.h"
@@ -18,21 +19,13 @@ std::shared_ptr<World> exchangeCurrent(std::shared_ptr<World> world) {
     return std::exchange(current, std::move(world));
 }
 
-// Names hold any characters; a line stays one line.
-std::string printable(std::string text) {
-    for (auto& character : text) {
-        if (static_cast<unsigned char>(character) < 0x20 || character == 0x7F) character = '?';
-    }
-    return text;
-}
-
 std::string summaryLine(const TioPeripheral& peripheral) {
     const auto counters = peripheral.counters();
     const auto pair = [](const char* first, std::uint64_t one, const char* second, std::uint64_t two) {
         return first + std::to_string(one) + second + std::to_string(two);
     };
-    return "sim: " + printable(platform::toUtf8(peripheral.scenario().name)) + " (" +
-           addressText(peripheral.scenario().address) +
+    return "sim: " + platform::printable(peripheral.scenario().name) + " (" +
+           platform::formatAddress(peripheral.scenario().address, platform::LetterCase::upper) +
            "): " + pair("in ", counters.bytesIn, " bytes, out ", counters.bytesOut) + " bytes, " +
            pair("credits granted ", counters.creditsGranted, " used ", counters.creditsUsed) + ", " +
            pair("host credits granted ", counters.hostCreditsGranted, " used ", counters.hostCreditsUsed) +
@@ -48,13 +41,13 @@ std::shared_ptr<World> World::create(Scenario scenario) {
         for (const auto& radio : *world->scenario_.radios)
             world->radios_->push_back(makeRadio(radio, world));
     }
-    world->backstage_->setBluetoothOn(world->anyBluetoothRadioOn());
+    world->runtime_->setBluetoothOn(world->anyBluetoothRadioOn());
     return world;
 }
 
 World::World(Scenario scenario) : scenario_(std::move(scenario)) {
     for (const auto& peripheral : scenario_.peripherals) {
-        peripherals_.push_back(std::make_shared<TioPeripheral>(peripheral, backstage_));
+        peripherals_.push_back(std::make_shared<TioPeripheral>(peripheral, runtime_));
     }
 }
 
@@ -77,7 +70,7 @@ bool World::anyBluetoothRadioOn() const {
 }
 
 void World::radioChanged(platform::RadioState before, platform::RadioState now) {
-    backstage_->setBluetoothOn(anyBluetoothRadioOn());
+    runtime_->setBluetoothOn(anyBluetoothRadioOn());
     if (before == platform::RadioState::on && now != platform::RadioState::on) dropLinks();
 }
 
@@ -86,19 +79,29 @@ void World::dropLinks() {
         peripheral->dropLink();
 }
 
+void World::noteRadioRequest(platform::RadioState state) {
+    const std::lock_guard lock(requestsMutex_);
+    radioRequests_.push_back(state);
+}
+
+std::vector<platform::RadioState> World::radioRequests() const {
+    const std::lock_guard lock(requestsMutex_);
+    return radioRequests_;
+}
+
 void World::noteScanCommand(std::span<const std::uint8_t> command) {
-    const std::lock_guard lock(scanCommandsMutex_);
+    const std::lock_guard lock(requestsMutex_);
     scanCommands_.emplace_back(command.begin(), command.end());
 }
 
 std::vector<std::vector<std::uint8_t>> World::scanCommands() const {
-    const std::lock_guard lock(scanCommandsMutex_);
+    const std::lock_guard lock(requestsMutex_);
     return scanCommands_;
 }
 
 void World::end() {
-    backstage_->end();
-    backstage_->setBluetoothOn(false);
+    runtime_->end();
+    runtime_->setBluetoothOn(false);
     dropLinks();
 }
 

@@ -11,10 +11,10 @@
 #include <string_view>
 #include <vector>
 
-#include "backstage.h"
 #include "peripheral.h"
 #include "platform/radio.h"
 #include "scenario.h"
+#include "world_runtime.h"
 
 namespace sim {
 
@@ -23,7 +23,7 @@ class World {
     static std::shared_ptr<World> create(Scenario scenario);
 
     const Scenario& scenario() const { return scenario_; }
-    const std::shared_ptr<Backstage>& backstage() const { return backstage_; }
+    const std::shared_ptr<WorldRuntime>& runtime() const { return runtime_; }
 
     // In the order of the scenario.
     TioPeripheral& peripheral(std::size_t index) const { return *peripherals_.at(index); }
@@ -34,6 +34,10 @@ class World {
     const platform::RadioList& radios() const { return radios_; }
     // Called by a radio whose state has changed: a Bluetooth radio that goes off takes all links with it.
     void radioChanged(platform::RadioState before, platform::RadioState now);
+
+    // The states that radios were asked for, in order.
+    void noteRadioRequest(platform::RadioState state);
+    std::vector<platform::RadioState> radioRequests() const;
 
     // The scan commands that the adapters were sent, in order, refused ones too.
     void noteScanCommand(std::span<const std::uint8_t> command);
@@ -52,10 +56,11 @@ class World {
     void dropLinks();
 
     const Scenario scenario_;
-    const std::shared_ptr<Backstage> backstage_ = std::make_shared<Backstage>();
+    const std::shared_ptr<WorldRuntime> runtime_ = std::make_shared<WorldRuntime>();
     std::vector<std::shared_ptr<TioPeripheral>> peripherals_;
     platform::RadioList radios_;
-    mutable std::mutex scanCommandsMutex_;
+    mutable std::mutex requestsMutex_;
+    std::vector<platform::RadioState> radioRequests_;
     std::vector<std::vector<std::uint8_t>> scanCommands_;
 };
 

@@ -3,10 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
-#include <thread>
 
-#include "event_impl.h"
-#include "platform/runtime.h"
 #include "platform/text.h"
 
 namespace platform {
@@ -17,33 +14,11 @@ constexpr std::int64_t kTicksPerSecond = 10'000'000;
 // From 1601-01-01 to 1970-01-01.
 constexpr std::int64_t kEpochOffsetSeconds = 11'644'473'600;
 
-double timeScale = 1;
-std::function<void(std::chrono::milliseconds)> sleepObserver;
-
 std::time_t toUnixTime(FileTime time) {
     return static_cast<std::time_t>(time.ticks / kTicksPerSecond) - kEpochOffsetSeconds;
 }
 
 }  // namespace
-
-void sleepFor(std::chrono::milliseconds duration) {
-    if (duration <= std::chrono::milliseconds::zero()) {
-        std::this_thread::yield();
-        return;
-    }
-    if (sleepObserver) sleepObserver(duration);
-    const auto scaled = std::chrono::duration<double, std::milli>(duration) / timeScale;
-    const std::array<Event*, 1> events{&stopRequested()};
-    waitFor(events, std::chrono::duration_cast<std::chrono::nanoseconds>(scaled));
-}
-
-void setTimeScale(double factor) {
-    timeScale = std::max(1.0, factor);
-}
-
-void setSleepObserver(std::function<void(std::chrono::milliseconds)> observer) {
-    sleepObserver = std::move(observer);
-}
 
 FileTime toLocalFileTime(FileTime utc) {
     const std::time_t instant = toUnixTime(utc);

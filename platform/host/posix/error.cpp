@@ -1,7 +1,6 @@
 #include "platform/error.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "system_error.h"
@@ -37,17 +36,7 @@ constexpr Message kMessages[] = {
     {0x800710DF, "The device is not ready for use."},
 };
 
-std::string messageOrNumber(HResult code) {
-    std::string message = systemMessage(code);
-    if (!message.empty()) return message;
-    char text[sizeof "HRESULT 0x00000000"];
-    std::snprintf(text, sizeof text, "HRESULT 0x%08X", static_cast<unsigned>(code));
-    return text;
-}
-
 }  // namespace
-
-PlatformError::PlatformError(HResult code) : PlatformError(code, messageOrNumber(code)) {}
 
 std::string systemMessage(HResult code) {
     const auto bits = static_cast<std::uint32_t>(code);

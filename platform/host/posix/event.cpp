@@ -44,19 +44,20 @@ class WaiterScope {
     Events events_;
 };
 
-bool carryOn(Event& event) {
+Operation* pendingOperation(const Event& event) {
     Operation* const operation = event.impl().operation;
-    return operation && operation->pending() && operation->carryOn();
+    return operation && operation->pending() ? operation : nullptr;
 }
 
+// Tries the pending operations on the way, so that an event that is always set cannot starve one in front of
+// it.
 std::optional<std::size_t> firstSignalled(Events events) {
-    const auto found =
-        std::find_if(events.begin(), events.end(), [](Event* event) { return event->isSet(); });
+    const auto found = std::find_if(events.begin(), events.end(), [](const Event* event) {
+        Operation* const operation = pendingOperation(*event);
+        return event->isSet() || (operation && operation->carryOn());
+    });
     if (found == events.end()) return std::nullopt;
-    // An operation further ahead whose bytes are there comes first: events that are always signalled cannot
-    // starve it.
-    const auto ahead = std::find_if(events.begin(), found, [](Event* event) { return carryOn(*event); });
-    return static_cast<std::size_t>(ahead - events.begin());
+    return static_cast<std::size_t>(found - events.begin());
 }
 
 void drain(const Descriptor& wake) {
@@ -64,34 +65,22 @@ void drain(const Descriptor& wake) {
     [[maybe_unused]] const ssize_t ignored = ::read(wake.get(), &count, sizeof count);
 }
 
-// Two entries for each event: its eventfd and the socket of its operation (none: -1, which poll passes over).
-using PollSet = std::array<pollfd, 2 * kMaxEvents>;
-
-// False: interrupted, or an event was signalled before the wait.
-bool pollOnce(Events events, PollSet& polled, std::chrono::nanoseconds timeout) {
+// Returns when a setter or the other end of a socket has woken it, at the time-out, or early.
+void sleepUntilWoken(Events events, std::chrono::nanoseconds timeout) {
+    std::array<pollfd, kMaxEvents> polled;
     for (std::size_t i = 0; i < events.size(); ++i) {
-        const Event::Impl& event = events[i]->impl();
-        const bool pending = event.operation && event.operation->pending();
-        polled[2 * i] = {event.wake.get(), POLLIN, 0};
-        polled[2 * i + 1] = pending ? event.operation->pollTarget() : pollfd{-1, 0, 0};
+        const Operation* const operation = pendingOperation(*events[i]);
+        polled[i] = operation ? operation->pollTarget() : pollfd{events[i]->impl().wake.get(), POLLIN, 0};
     }
     const auto seconds = std::chrono::floor<std::chrono::seconds>(timeout);
     const timespec limit{seconds.count(), (timeout - seconds).count()};
-
-    const WaiterScope waiter(events);
-    if (std::any_of(events.begin(), events.end(), [](Event* event) { return event->isSet(); })) return false;
-    if (::ppoll(polled.data(), 2 * events.size(), &limit, nullptr) >= 0) return true;
-    if (errno == EINTR) return false;
-    throw std::system_error(errno, std::generic_category(), "ppoll");
-}
-
-void handleReady(Events events, const PollSet& polled) {
+    if (::ppoll(polled.data(), events.size(), &limit, nullptr) < 0) {
+        if (errno == EINTR) return;
+        throw std::system_error(errno, std::generic_category(), "ppoll");
+    }
     for (std::size_t i = 0; i < events.size(); ++i) {
-        // Readable but not set: left over from a signal that has been reset since. An event that is never
-        // reset is never drained, so every one of its waiters wakes. A signal that comes in between is seen
-        // in the flag.
-        if (polled[2 * i].revents && !events[i]->isSet()) drain(events[i]->impl().wake);
-        if (polled[2 * i + 1].revents) carryOn(*events[i]);
+        const Descriptor& wake = events[i]->impl().wake;
+        if (polled[i].revents && polled[i].fd == wake.get() && !events[i]->isSet()) drain(wake);
     }
 }
 
@@ -118,23 +107,16 @@ bool Event::isSet() const {
     return impl_->set.load();
 }
 
-std::optional<std::size_t> waitFor(Events events, std::chrono::nanoseconds timeout) {
+std::optional<std::size_t> waitAny(Events events, std::chrono::nanoseconds timeout) {
     if (events.size() > kMaxEvents) throw std::invalid_argument("too many events in one wait");
-    if (const auto signalled = firstSignalled(events)) return signalled;
-
-    PollSet polled;
-    const Clock::time_point deadline = Clock::now() + timeout;
-    for (auto left = timeout;; left = deadline - Clock::now()) {
-        if (pollOnce(events, polled, std::max(left, std::chrono::nanoseconds::zero()))) {
-            handleReady(events, polled);
-        }
+    const auto deadline = Clock::now() + std::min<std::chrono::nanoseconds>(timeout, kLongestWait);
+    const WaiterScope waiter(events);
+    for (;;) {
         if (const auto signalled = firstSignalled(events)) return signalled;
-        if (Clock::now() >= deadline) return std::nullopt;
+        const auto left = deadline - Clock::now();
+        if (left <= Clock::duration::zero()) return std::nullopt;
+        sleepUntilWoken(events, left);
     }
-}
-
-std::optional<std::size_t> waitAny(Events events, std::chrono::milliseconds timeout) {
-    return waitFor(events, std::min<std::chrono::milliseconds>(timeout, kLongestWait));
 }
 
 }  // namespace platform

@@ -1,10 +1,23 @@
-// The inside of an event.
+// The inside of an event, and how threads wait for one.
+//
+//     setting thread: set()                    waiting thread: waitAny()
+//
+//     1. set = true                            1. waiters + 1 in each event
+//     2. waiters > 0? then write the           2. Is an event set? Can a pending operation finish now?
+//        eventfd, which wakes the poll            Then the wait is over.
+//                                              3. Poll. When it returns, go to 2.
+//
+// - No wake-up is missed. The waiter counts itself before it looks, the setter stores before it looks for
+//   waiters (all sequentially consistent). So the waiter sees `set`, or the setter sees the waiter.
+// - An event that nobody waits for costs no system call. Setting takes no lock: it is safe in signal
+// handlers.
+// - A pending operation (operation.h) has no thread of its own. The waiting thread tries it in step 2, and
+//   polls its socket instead of the event's eventfd. Nobody else sets the event of a pending operation.
+// - An event that was reset leaves its eventfd readable. The next waiter that this wakes empties it. The
+//   eventfd of an event that is set is never emptied, so that all of its waiters wake.
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <optional>
-#include <span>
 
 #include "platform/event.h"
 #include "posix/descriptor.h"
@@ -13,22 +26,13 @@ namespace platform {
 
 class Operation;
 
-// The state is in `set`; the eventfd only wakes threads that poll, so an event that nobody waits for costs no
-// system call. Setting takes no lock, which makes it safe in a signal handler.
-//
-// No wake-up is missed: a waiter registers before it looks at `set` for the last time, and a setter stores
-// `set` before it looks for waiters (both sequentially consistent).
 struct Event::Impl {
     Impl();
 
     std::atomic<bool> set{false};
     std::atomic<int> waiters{0};
-    Descriptor wake;
-    // Of an IoRequest's event: the operation that the waiting thread carries on. Fixed before the first wait.
-    Operation* operation = nullptr;
+    Descriptor wake;                 // the eventfd
+    Operation* operation = nullptr;  // of an IoRequest's event; fixed before the first wait
 };
-
-// waitAny with the resolution that shortened sleeps need.
-std::optional<std::size_t> waitFor(std::span<Event* const> events, std::chrono::nanoseconds timeout);
 
 }  // namespace platform

@@ -14,8 +14,9 @@
 
 namespace platform {
 
-// An operation is tried at once and, while it is pending, again by the thread that waits on its event. No
-// thread of its own, no allocation. Threads: one at a time.
+// An operation is tried when it is started and, while it is pending, again by the thread that waits for its
+// event (event_impl.h) or asks for its result. It has no thread of its own and allocates nothing. Used by one
+// thread at a time.
 class Operation {
   public:
     explicit Operation(Event& event) : event_(event) {}

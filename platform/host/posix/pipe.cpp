@@ -2,6 +2,7 @@
 
 #include "platform/pipe.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -37,7 +38,8 @@ class UnixPipe : public Pipe {
     IoResult result(IoRequest& request) override { return request.impl().operation.result(); }
     IoResult cancel(IoRequest& request) override { return request.impl().operation.cancel(); }
     // What was written is in the client's receive queue and outlives our end of the connection.
-    void flush() override {}
+    bool flush(std::chrono::milliseconds) override { return true; }
+    bool clientLeft() const override;
     void disconnect() override { endpoint_->disconnect(); }
     void close() override { endpoint_->close(); }
     bool isOpen() const override { return endpoint_->listener() != nullptr; }
@@ -86,6 +88,14 @@ IoResult UnixPipe::startWrite(IoRequest& request, std::span<const std::uint8_t> 
     auto client = endpoint_->client();
     if (!client) return operation.fail(noClient());
     return operation.startWrite(std::move(client), buffer);
+}
+
+// Without being asked for anything, poll tells only that the client's end is closed.
+bool UnixPipe::clientLeft() const {
+    const auto client = endpoint_->client();
+    if (!client) return true;
+    pollfd end{client->fd(), 0, 0};
+    return ::poll(&end, 1, 0) > 0;
 }
 
 ClientIdentity UnixPipe::client() const {

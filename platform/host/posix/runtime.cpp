@@ -70,16 +70,6 @@ HostRuntime::~HostRuntime() {
     }
 }
 
-Event& stopRequested() {
-    // Never destroyed: detached threads may still wait on it while the process ends.
-    static Event& event = *new Event;
-    return event;
-}
-
-void requestStop() {
-    stopRequested().set();
-}
-
 std::vector<std::string> programArguments(int argc, char** argv) {
     return argc > 1 ? std::vector<std::string>(argv + 1, argv + argc) : std::vector<std::string>();
 }

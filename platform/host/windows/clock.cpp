@@ -2,44 +2,17 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <array>
-#include <utility>
-
-#include "platform/event.h"
-#include "platform/runtime.h"
 
 namespace platform {
 
 namespace {
-
-double timeScale = 1;
-std::function<void(std::chrono::milliseconds)> sleepObserver;
 
 FILETIME toFileTime(FileTime time) {
     return {static_cast<DWORD>(time.ticks & 0xFFFFFFFF), static_cast<DWORD>(time.ticks >> 32)};
 }
 
 }  // namespace
-
-void sleepFor(std::chrono::milliseconds duration) {
-    if (duration <= std::chrono::milliseconds::zero()) {
-        ::Sleep(0);
-        return;
-    }
-    if (sleepObserver) sleepObserver(duration);
-    const auto scaled = std::chrono::duration<double, std::milli>(duration) / timeScale;
-    const std::array<Event*, 1> events{&stopRequested()};
-    waitAny(events, std::chrono::ceil<std::chrono::milliseconds>(scaled));
-}
-
-void setTimeScale(double factor) {
-    timeScale = std::max(1.0, factor);
-}
-
-void setSleepObserver(std::function<void(std::chrono::milliseconds)> observer) {
-    sleepObserver = std::move(observer);
-}
 
 FileTime toLocalFileTime(FileTime utc) {
     const FILETIME time = toFileTime(utc);

@@ -1,7 +1,5 @@
 #include "platform/error.h"
 
-#include <array>
-#include <cstdio>
 #include <string_view>
 
 #include "platform/text.h"
@@ -13,17 +11,7 @@ namespace {
 
 constexpr std::size_t kLongestMessage = 256;
 
-std::string messageOrNumber(HResult code) {
-    std::string message = systemMessage(code);
-    if (!message.empty()) return message;
-    std::array<char, sizeof "HRESULT 0x00000000"> text;
-    std::snprintf(text.data(), text.size(), "HRESULT 0x%08X", static_cast<unsigned>(code));
-    return text.data();
-}
-
 }  // namespace
-
-PlatformError::PlatformError(HResult code) : PlatformError(code, messageOrNumber(code)) {}
 
 std::string systemMessage(HResult code) {
     wchar_t* found = nullptr;

@@ -36,12 +36,13 @@ bool Event::isSet() const {
     return ::WaitForSingleObject(impl_->handle.get(), 0) == WAIT_OBJECT_0;
 }
 
-std::optional<std::size_t> waitAny(std::span<Event* const> events, std::chrono::milliseconds timeout) {
+std::optional<std::size_t> waitAny(std::span<Event* const> events, std::chrono::nanoseconds timeout) {
     std::array<HANDLE, MAXIMUM_WAIT_OBJECTS> handles;
     if (events.size() > handles.size()) throw std::invalid_argument("too many events in one wait");
     std::transform(events.begin(), events.end(), handles.begin(),
                    [](Event* event) { return event->impl().handle.get(); });
-    const auto limit = std::clamp(timeout, std::chrono::milliseconds::zero(), kLongestWait);
+    const auto limit = std::clamp(std::chrono::ceil<std::chrono::milliseconds>(timeout),
+                                  std::chrono::milliseconds::zero(), kLongestWait);
     const DWORD count = static_cast<DWORD>(events.size());
     const DWORD signalled =
         ::WaitForMultipleObjects(count, handles.data(), FALSE, static_cast<DWORD>(limit.count()));

@@ -75,16 +75,6 @@ HostRuntime::~HostRuntime() {
     if (initialized_) uninitializeWindowsRuntime();
 }
 
-Event& stopRequested() {
-    // Never destroyed: detached threads may still wait on it while the process ends.
-    static Event& event = *new Event;
-    return event;
-}
-
-void requestStop() {
-    stopRequested().set();
-}
-
 // Not from main's arguments: those are in the user's code page, which does not know every character.
 std::vector<std::string> programArguments(int, char**) {
     int count = 0;

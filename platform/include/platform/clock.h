@@ -6,14 +6,20 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <string>
+
+#include "platform/event.h"
 
 namespace platform {
 
-// Blocks the caller. A zero duration only yields the processor. Every fixed sleep and poll of the program
-// goes through here. Returns early when the program was asked to stop (runtime.h, stopRequested): what
-// follows a sleep has to hold at any time anyway, and nobody waits for a scan to end after Ctrl-C.
-void sleepFor(std::chrono::milliseconds duration);
+// Blocks the caller for the duration; zero only yields the processor. Every fixed sleep and poll of the
+// program goes through here. Ends early once the program was asked to stop (runtime.h, stopRequested) or one
+// of the events is signalled. Resets none of them.
+void sleepFor(std::chrono::milliseconds duration, std::initializer_list<Event*> wakers = {});
+
+// The same, but ends early when `goOn` says no. It is asked on this thread, ten times a second.
+void sleepWhile(const std::function<bool()>& goOn, std::chrono::milliseconds duration);
 
 // Fixed sleeps run this many times faster (1 or more). Time-outs of waits are not scaled: they guard against
 // peers, whose speed does not change. Set at start-up, before other threads exist.

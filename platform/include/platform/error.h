@@ -18,9 +18,7 @@ constexpr HResult hresult(std::uint32_t bits) {
 
 // The object has been closed; a GATT write that fails with it means that the link is gone.
 inline constexpr HResult kRoEClosed = hresult(0x80000013);
-inline constexpr HResult kEAbort = hresult(0x80004004);
 inline constexpr HResult kEFail = hresult(0x80004005);
-inline constexpr HResult kENoInterface = hresult(0x80004002);
 inline constexpr HResult kECancelled = hresult(0x800704C7);
 
 // A failed platform call. what() is the message alone, code() the result code.

@@ -24,15 +24,16 @@ class Event {
     bool isSet() const;
 
     struct Impl;  // the host's
-    Impl& impl() { return *impl_; }
+    Impl& impl() const { return *impl_; }
 
   private:
     std::unique_ptr<Impl> impl_;
 };
 
 // Waits until one of the events is signalled and returns its position, the lowest where several are; nothing
-// when the time-out passed first. A zero time-out looks without waiting. Does not reset anything. I/O that
-// was started on a request (pipe.h) may be carried on by the thread that waits on the request's event.
-std::optional<std::size_t> waitAny(std::span<Event* const> events, std::chrono::milliseconds timeout);
+// when the time-out passed first. A zero time-out looks without waiting. A host with a coarser clock rounds
+// the time-out up. Resets nothing. I/O that was started on a request (pipe.h) may be carried on by the thread
+// that waits for the request's event.
+std::optional<std::size_t> waitAny(std::span<Event* const> events, std::chrono::nanoseconds timeout);
 
 }  // namespace platform

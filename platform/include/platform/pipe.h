@@ -1,6 +1,7 @@
 // Local pipes: the server end of a byte stream with one instance and one client at a time.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -84,8 +85,13 @@ class Pipe {
     // Ends the pending operation, if there is one, and returns its outcome: what it had moved by then.
     virtual IoResult cancel(IoRequest& request) = 0;
 
-    // Makes sure that what was written can be read by the client after disconnect().
-    virtual void flush() = 0;
+    // Waits until the client has left or can read everything that was written even after disconnect(). Not
+    // longer than the bound, nor than 1 s once the program was asked to stop. False: the client did not read
+    // it in time, and was dropped.
+    virtual bool flush(std::chrono::milliseconds bound) = 0;
+    // Nobody holds the client's end any more, or there never was a client. Looks without waiting, and takes
+    // nothing out of the pipe. A client that has only ended its sending still reads: it has not left.
+    virtual bool clientLeft() const = 0;
     // Drops the client; another can connect after the next connect() or startConnect().
     virtual void disconnect() = 0;
     // Drops the client and removes the pipe. Further operations fail with operationAborted.

@@ -48,6 +48,9 @@ class BluetoothRuntime {
 // Signalled once the user asked the program to stop; never reset. Any thread.
 Event& stopRequested();
 
+// The same as a plain look: costs no system call. Any thread.
+bool isStopRequested() noexcept;
+
 // Signals stopRequested(). Any thread.
 void requestStop();
 

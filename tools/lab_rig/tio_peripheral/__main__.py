@@ -158,7 +158,7 @@ class Peripheral:
             return
         for one in self.writable():
             one.drain()
-        self.advertiser.set_connected(bool(properties["Connected"]))
+        self.advertiser.connection_changed(bool(properties["Connected"]))
         if properties["Connected"]:
             self.tio.begin_connection()
 

@@ -45,7 +45,7 @@ class Advertiser:
         self.visible = False
         self.update()
 
-    def set_connected(self, connected):
+    def connection_changed(self, connected):
         self.connected = connected
         GLib.timeout_add(0 if connected else PAUSE_MS, self.update)
 

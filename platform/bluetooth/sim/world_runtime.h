@@ -1,7 +1,6 @@
-// What everything in the simulated world stands on: threads, time, operations that wait, and the end of it
-// all.
+// The threads of a simulated world, its timed tasks and its pending operations, and how all of them end.
 //
-// Outlives the world as long as the program holds one of its objects. Threads: any.
+// Lives as long as the program holds one of the world's objects, even after the world itself. Threads: any.
 #pragma once
 
 #include <atomic>
@@ -23,14 +22,14 @@ using bluetooth::Operation;
 
 class Timeline;
 
-class Backstage {
+class WorldRuntime {
   public:
     using Clock = std::chrono::steady_clock;
 
-    Backstage();
-    ~Backstage();
-    Backstage(const Backstage&) = delete;
-    Backstage& operator=(const Backstage&) = delete;
+    WorldRuntime();
+    ~WorldRuntime();
+    WorldRuntime(const WorldRuntime&) = delete;
+    WorldRuntime& operator=(const WorldRuntime&) = delete;
 
     // An operation that runs until somebody ends it, at the latest the world's end, which cancels it.
     template <class Result>
@@ -44,7 +43,8 @@ class Backstage {
     // runs after the world's end.
     void at(Clock::time_point time, std::function<void()> task);
 
-    // Starts the thread, which the world's end ends; does nothing after that.
+    // Starts the thread, which runs until it is finished or the world ends. Does nothing after the world's
+    // end.
     void launch(const std::shared_ptr<ServiceThread>& thread);
 
     // Blocks until the world ends.

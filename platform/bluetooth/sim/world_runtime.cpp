@@ -1,4 +1,4 @@
-#include "backstage.h"
+#include "world_runtime.h"
 
 #include <map>
 #include <utility>
@@ -54,38 +54,38 @@ class Timeline : public ServiceThread {
     std::multimap<Clock::time_point, std::function<void()>> tasks_;
 };
 
-Backstage::Backstage() : timeline_(std::make_shared<Timeline>()) {
+WorldRuntime::WorldRuntime() : timeline_(std::make_shared<Timeline>()) {
     launch(timeline_);
 }
 
-Backstage::~Backstage() {
+WorldRuntime::~WorldRuntime() {
     end();
 }
 
-void Backstage::at(Clock::time_point time, std::function<void()> task) {
+void WorldRuntime::at(Clock::time_point time, std::function<void()> task) {
     timeline_->at(time, std::move(task));
 }
 
-void Backstage::launch(const std::shared_ptr<ServiceThread>& thread) {
+void WorldRuntime::launch(const std::shared_ptr<ServiceThread>& thread) {
     const std::lock_guard lock(mutex_);
     if (ended_) return;
     thread->start();
     addPruned<ServiceThread>(threads_, thread);
 }
 
-void Backstage::cancelAtEnd(std::weak_ptr<Cancelable> operation) {
+void WorldRuntime::cancelAtEnd(std::weak_ptr<Cancelable> operation) {
     std::unique_lock lock(mutex_);
     if (!ended_) return addPruned(operations_, std::move(operation));
     lock.unlock();
     if (const auto pending = operation.lock()) pending->cancel();
 }
 
-void Backstage::waitForEnd() {
+void WorldRuntime::waitForEnd() {
     std::unique_lock lock(mutex_);
     endSignal_.wait(lock, [this] { return ended_; });
 }
 
-void Backstage::end() {
+void WorldRuntime::end() {
     std::unique_lock lock(mutex_);
     if (std::exchange(ended_, true)) return;
     const auto operations = std::move(operations_);

@@ -1,0 +1,63 @@
+#include "operations.h"
+
+#include <array>
+#include <chrono>
+#include <loguru.hpp>
+
+#include "lecomm.h"
+#include "platform/clock.h"
+#include "stop.h"
+
+namespace blescanner {
+
+using platform::AsyncStatus;
+using platform::GattCommunicationStatus;
+
+void awaitOperation(const platform::AsyncInfo& operation, const StopSignal& stop) {
+    while (operation.status() == AsyncStatus::started) {
+        stop.check();
+        platform::sleepFor(std::chrono::milliseconds(0));
+    }
+    stop.check();
+    switch (operation.status()) {
+        case AsyncStatus::error: {
+            const platform::HResult code = operation.errorCode();
+            LOG_S(ERROR) << "Error on op: " << operation.typeName() << " ( " << code << ":"
+                         << platform::systemMessage(code) << " )";
+            break;
+        }
+        case AsyncStatus::canceled:
+            LOG_S(ERROR) << "Cancel on op: " << operation.typeName();
+            break;
+        case AsyncStatus::started:
+        case AsyncStatus::completed:
+            break;
+    }
+}
+
+std::optional<GattCommunicationStatus> recoverOnError(TioContext& context, GattWriteOperation& operation) {
+    if (operation.status() != AsyncStatus::error) {
+        const GattCommunicationStatus status = operation.getResults();
+        if (status == GattCommunicationStatus::unreachable) {
+            LOG_S(ERROR) << "Unreachable endpoint! Signalling connection drop!";
+            dropLink(context);
+        }
+        return status;
+    }
+    const platform::HResult code = operation.errorCode();
+    if (code == platform::kRoEClosed) {
+        LOG_S(ERROR) << "The object has been closed (RO_E_CLOSED)! Signalling connection drop!";
+        dropLink(context);
+    } else {
+        LOG_S(ERROR) << "Recover on error: " << code << ":" << platform::systemMessage(code);
+    }
+    return std::nullopt;
+}
+
+std::string statusText(GattCommunicationStatus status) {
+    static constexpr std::array kNames = {"success", "unreachable", "protocol error", "access denied"};
+    const auto number = static_cast<std::size_t>(status);
+    return std::to_string(number) + (number < kNames.size() ? " (" + std::string(kNames[number]) + ")" : "");
+}
+
+}  // namespace blescanner
