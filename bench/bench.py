@@ -12,19 +12,19 @@ from pathlib import Path
 
 from relays import ADDRESS, Bridge, Linux, Socat, Wine, stop
 
-# At zero credits the sender sleeps 20 ms, and it uses up a few hundred faster than the thread that brings new ones wakes
-# up. So the bridge itself is measured with plenty; what fewer credits cost is shown beside it.
+# A few hundred credits are used up before the thread that brings new ones has woken up. So the bridge itself is measured with
+# plenty of credits; the figures for fewer credits are shown beside it.
 PLENTY = {"initial_credits": 32000, "regrant_at": 16000}
 FEWER = {"255, again at 200": {"initial_credits": 255, "regrant_at": 200}, "32, again at 8 (default)": {}}
 # A block of 2048 bytes makes eight packets of 244 bytes and one of 96: 769 packets a second carry 175 kB/s each way.
 LINK_2M = {"interval_us": 13003, "packets_per_interval": 10}
 PACE = 2048 / 9 * 10 / 13003e-6
-SOCAT_PACE = (round(10 * 244 / PACE * 1e6), 10)  # its stand-in has full packets only
+SOCAT_PACE = (round(10 * 244 / PACE * 1e6), 10)  # the stand-in behind socat sends full packets only
 SOURCE = "source:1000000000000"
 
 
 def run_load(relay, mode, seconds):
-    """Plays a client; the result gets the CPU seconds that the relay used meanwhile and its peak memory."""
+    """Runs the client. Returns its result, with the relay's CPU seconds meanwhile and its peak memory added."""
     cpu = relay.cpu_seconds()
     load = subprocess.Popen([*relay.load, mode, relay.near, str(seconds)], stdin=subprocess.PIPE,
                             stdout=subprocess.PIPE, text=True)
@@ -33,10 +33,11 @@ def run_load(relay, mode, seconds):
         line = load.stdout.readline()
         if not line:
             raise RuntimeError(f"pipe_load {mode} against {relay.name} failed")
-        told = time.monotonic()
+        received_at = time.monotonic()
         result = json.loads(line)
         if mode == "send" and isinstance(relay, Bridge):
-            result["end"] += relay.all_arrived(result["sent"]) - told  # Wine's clock is not this one
+            # The client's times are those of Wine's clock, so only the difference is added.
+            result["end"] += relay.all_arrived(result["sent"]) - received_at
         result["cpu"] = relay.cpu_seconds() - cpu
         result["memory"] = relay.peak_megabytes()
         load.stdin.close()
@@ -83,7 +84,7 @@ class Bench:
         return result
 
     def socat(self, what, measure, part, pace=()):
-        """Nothing where there is no socat to compare with."""
+        """None under Wine, where there is no socat to compare with."""
         if self.host is not Linux:
             return None
         print(f"{what}: socat ...", file=sys.stderr, flush=True)
@@ -91,7 +92,7 @@ class Bench:
             return measure(relay)
 
     def row(self, what, figure, ours, theirs=None, form="{:.1f}"):
-        """`figure` takes the figure out of a result."""
+        """Adds a row. `figure` is a function that takes the figure out of a result."""
         cells = [what, form.format(figure(ours)), "-", "-"]
         if theirs:
             cells[2] = form.format(figure(theirs))
@@ -150,19 +151,19 @@ def rate_title(what, mode):
 
 
 def paced_echo(relay, seconds):
-    """As throughput(), with the rates of both directions taken between two looks at the bridge's own counters."""
-    looks = []
+    """As throughput(), with the rates of both directions taken from two samples of the bridge's own counters."""
+    samples = []
 
-    def look():
-        looks.append((time.monotonic(), *relay.counters()))
+    def take_sample():
+        samples.append((time.monotonic(), *relay.counters()))
 
-    timers = [threading.Timer(delay, look) for delay in (0.5, seconds - 0.1)]
+    timers = [threading.Timer(delay, take_sample) for delay in (0.5, seconds - 0.1)]
     for timer in timers:
         timer.start()
     result = throughput(relay, "echo", seconds)
     for timer in timers:
         timer.join()
-    (begin, in0, out0), (end, in1, out1) = looks
+    (begin, in0, out0), (end, in1, out1) = samples
     return result | {"in": (in1 - in0) / (end - begin), "out": (out1 - out0) / (end - begin)}
 
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""A bare bleak loop that speaks just enough TIO: bench/lab_bleak.py echo|out|in ADDRESS BYTES
-Prints bytes, seconds and its own CPU seconds as JSON. Runs in the lab, against tests/lab/peripheral."""
+"""A bare loop over the library bleak that speaks as much TIO as a measurement needs: bench/lab_bleak.py echo|out|in ADDRESS BYTES
+Prints bytes, seconds and its own CPU seconds as JSON. Runs in the lab, against tools/lab_rig/tio_peripheral."""
 import asyncio
 import json
 import os
@@ -64,7 +64,7 @@ class Loop:
 
 
 async def connect(address):
-    """A link that drops at once is tried again as often as the bridge does."""
+    """Connects; tries again as often as the bridge does when the link drops at once."""
     for left in range(ATTEMPTS - 1, -1, -1):
         device = await BleakScanner.find_device_by_address(address, 20, adapter="hci0")
         if not device:

@@ -1,4 +1,4 @@
-// A client of a local pipe. One header, one implementation per host.
+// A client of a local pipe. Each host has its own implementation.
 #pragma once
 
 #include <cstddef>
@@ -7,21 +7,21 @@
 #include <span>
 #include <string>
 
-// Of two threads one may read while the other one writes. Throws std::runtime_error.
+// Threads: one may read while another one writes. Errors are thrown as std::runtime_error.
 class Pipe {
   public:
-    // Nothing moved for so long: the measurement has failed.
+    // When no byte moves for this long, the measurement has failed.
     static constexpr int kStallSeconds = 10;
 
-    // Waits for the pipe to be there.
+    // Waits until the pipe exists.
     explicit Pipe(const std::string& name);
     ~Pipe();
     Pipe(const Pipe&) = delete;
     Pipe& operator=(const Pipe&) = delete;
 
-    // 0: the other side has closed the pipe. Throws when nothing comes.
+    // Returns the number of bytes read; 0 when the other side has closed the pipe. Throws when nothing comes.
     std::size_t readSome(std::span<std::uint8_t> buffer);
-    // False: the other side has closed the pipe, or takes nothing.
+    // False when the other side has closed the pipe or takes nothing.
     bool writeAll(std::span<const std::uint8_t> bytes);
 
   private:

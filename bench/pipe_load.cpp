@@ -1,12 +1,13 @@
-// Load for a local pipe, and the peripheral's part at the far end of a plain relay:
+// The client of a measurement, and the stand-in for the peripheral at the far end of a plain relay:
 //   pipe_load send|recv|echo|rtt PATH SECONDS
 //   pipe_load sink|source|far-echo PATH [INTERVAL_US PACKETS]
 //   pipe_load shell PATH
-// The first kind is the client under measurement: blocks of 2048 bytes, or 20 bytes to and fro. The second
-// one moves packets of at most 244 bytes, at most PACKETS of them within an interval when one is given. A
-// line of JSON tells the result; times are seconds of the monotonic clock. "send" then keeps its pipe open
-// until standard input ends, so that what it sent can arrive. "shell" is a client of the command pipe: it
-// sends the lines of standard input and prints one line of the other side for each, an empty one included.
+// The modes of the first line are the client: it moves blocks of 2048 bytes, or 20 bytes to and fro (rtt).
+// Those of the second line are the stand-in: it moves packets of at most 244 bytes, and at most PACKETS of
+// them in an interval when one is given. The result is printed as a line of JSON; times are seconds of the
+// monotonic clock. After that the client keeps its pipe open until standard input ends, so that everything it
+// sent can arrive. "shell" is a client of the command pipe: it sends each line of standard input, unless it
+// is empty, and prints one line that it receives.
 
 #include <algorithm>
 #include <array>
@@ -49,8 +50,8 @@ bool readAll(Pipe& pipe, Bytes buffer) {
     return true;
 }
 
-// The same pseudo-random bytes for the sender and for whoever compares. They repeat, after a prime number of
-// bytes: nothing that a relay could lose or swap fits that length.
+// Pseudo-random bytes, the same for the sender and for the one that compares. They repeat after a prime
+// number of bytes, so that a lost block never has just that length.
 class Stream {
   public:
     void fill(Bytes bytes) {
@@ -77,7 +78,7 @@ class Stream {
     std::size_t at_ = 0;
 };
 
-// Lets `packets` packets pass per interval; 0: any number.
+// Lets `packets` packets pass in each interval; 0: any number.
 class Pacer {
   public:
     Pacer(std::chrono::microseconds interval, int packets) : interval_(interval), packets_(packets) {}
@@ -120,7 +121,7 @@ void recv(Pipe& pipe, double seconds) {
                 now());
 }
 
-// Sends for that long while comparing what comes back; ends when all of it has come back.
+// Sends for so many seconds and compares what comes back; ends when everything has come back.
 void echo(Pipe& pipe, double seconds) {
     std::atomic<std::uint64_t> sent = 0;
     std::atomic<bool> sending = true;
@@ -202,7 +203,7 @@ void farEcho(Pipe& pipe, Pacer pacer) {
     }
 }
 
-// One line without its end; false: the other side has closed the pipe.
+// Reads one line without its end; false when the other side has closed the pipe.
 bool readLine(Pipe& pipe, std::string& line) {
     line.clear();
     for (std::uint8_t next = 0; readAll(pipe, Bytes(&next, 1));) {

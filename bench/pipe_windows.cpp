@@ -15,7 +15,7 @@ std::runtime_error failure(const std::string& what) {
     return std::runtime_error(what + ": error " + std::to_string(::GetLastError()));
 }
 
-// One direction of the pipe: at most one transfer is under way.
+// One direction of the pipe. At most one transfer runs at a time.
 class Transfer {
   public:
     explicit Transfer(const HANDLE& pipe) : pipe_(pipe) {
@@ -25,8 +25,8 @@ class Transfer {
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
 
-    // `start` begins it with the given record. How many bytes moved, 0: the other side has closed the pipe;
-    // nothing when none moved for too long.
+    // Runs a transfer, which `start` begins with the given record. Returns how many bytes moved; 0 when the
+    // other side has closed the pipe; nothing when no byte moved for too long.
     template <class Start>
     std::optional<std::size_t> run(Start start) {
         OVERLAPPED record{};

@@ -1,4 +1,4 @@
-"""The two relays that are compared: the program with its simulated peripheral, and socat with a stand-in for one."""
+"""The two relays that are compared: the program with its simulated peripheral, and socat with a stand-in for the peripheral."""
 import json
 import os
 import re
@@ -23,7 +23,8 @@ class Linux:
 
 
 class Wine:
-    """The program for Windows and its client. Wine runs a program in the process that starts it."""
+    """The program for Windows and its client, under Wine. Wine turns the process that is started into the program, so its
+    process number can be used for measuring."""
     RUN = ROOT / "tests/wine_run.sh"
     PROGRAM = [RUN, ROOT / "build/windows/ZIQBLEConnect-sim.exe"]
     LOAD = [RUN, ROOT / "build/windows/bench/pipe_load.exe"]
@@ -112,12 +113,12 @@ class Bridge(Relay):
         return tuple(map(int, re.match(r"RX (\d+) bytes\. TX (\d+) bytes", self.ask("stats")).groups()))
 
     def all_arrived(self, count):
-        """When the far side had all of it."""
+        """Waits until the far side has all of it; returns the time of the monotonic clock."""
         wait_until(lambda: self.counters()[1] >= count, 30, "the peripheral's receiving everything")
         return time.monotonic()
 
     def close(self):
-        """Ends the program; its account of the peripheral has to be free of violations."""
+        """Ends the program. What it prints about the peripheral must have no violations."""
         try:
             self.ask("exit")
             self.process.wait(20)
@@ -135,7 +136,7 @@ class Socat(Relay):
 
     def __init__(self, folder, part, pace=()):
         self.near, far = folder / "near", folder / "far"
-        # Its only complaint is that the client has left while the far side still streamed.
+        # Its only message is that the client has left while the far side was still sending.
         self.process = subprocess.Popen(["socat", "-b", "2048", f"UNIX-LISTEN:{self.near}", f"UNIX-LISTEN:{far}"],
                                         stderr=subprocess.DEVNULL)
         try:
@@ -147,13 +148,13 @@ class Socat(Relay):
         self.far = None
 
     def client_connected(self):
-        # socat makes its second end only when the first one has its client.
+        # socat makes its second socket only when the first one has a client.
         wait_until(self.far_path.exists, 10, "socat's far end")
         self.far = subprocess.Popen([*self.load, self.part, self.far_path, *map(str, self.pace)],
                                     stdout=subprocess.PIPE, text=True)
 
     def all_arrived(self, count):
-        """As above; after the client's end, which ends the relay and the far side."""
+        """As above. To be called after the client's end, which ends the relay and the far side."""
         result = json.loads(self.far.stdout.readline())
         if result["received"] != count:
             raise RuntimeError(f"socat lost bytes: {result['received']} of {count}")

@@ -1,5 +1,5 @@
-# Makes nlohmann_json::nlohmann_json. A cross build finds no package of its own; the library is headers only, so the build
-# machine's serve. Only they may be found there: beside them are headers of the build machine's system.
+# Defines the target nlohmann_json::nlohmann_json. A cross build finds no package for its target; the library has headers only, so
+# those of the build machine can be used. A link to their folder keeps all other headers of the build machine out.
 find_package(nlohmann_json QUIET)
 if(TARGET nlohmann_json::nlohmann_json)
   return()

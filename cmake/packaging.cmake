@@ -1,10 +1,10 @@
-# What goes into a package, for tools/package: a .zip for Windows, a .deb for Linux. Packages hold the simulated program, and
-# the program itself where it is built.
+# Defines the package that tools/package makes: a .zip for Windows, a .deb for Linux. It has the simulated program, and the
+# program itself if that is built.
 set(programs ZIQBLEConnect-sim)
 if(TARGET ZIQBLEConnect)
   list(APPEND programs ZIQBLEConnect)
 endif()
-add_custom_target(packaged DEPENDS ${programs}) # what has to be built before packing
+add_custom_target(packaged DEPENDS ${programs}) # everything that has to be built before packing
 
 set(CPACK_PACKAGE_NAME ${PROJECT_NAME})
 set(CPACK_PACKAGE_VENDOR "${PROJECT_NAME} maintainers")
@@ -13,12 +13,12 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR})
 set(CPACK_OUTPUT_FILE_PREFIX ${PROJECT_SOURCE_DIR}/build/packages)
 set(CPACK_STRIP_FILES ON)
-# Whatever umask the packing user has.
+# The same permissions whatever umask the packing user has.
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
 set(packaging ${PROJECT_SOURCE_DIR}/packaging)
-set(package_files ${PROJECT_BINARY_DIR}/packaging) # made here
+set(package_files ${PROJECT_BINARY_DIR}/packaging) # files that the build makes for the package
 if(WIN32)
   include(${packaging}/windows/package.cmake)
 else()

@@ -1,6 +1,6 @@
-# The Windows Runtime's ABI headers as the target winrt_abi. The Windows SDK and recent MinGW-w64 bring them; where the
-# tool chain lacks them they are made from the interface definitions in platform/bluetooth/windows/abi and from Wine's base definitions
-# (Debian: wine64-tools, libwine-dev).
+# Defines the target winrt_abi: the ABI headers of the Windows Runtime. The Windows SDK has them. If the tool chain lacks them
+# they are made from the interface definitions in platform/bluetooth/windows/abi and from Wine's base definitions (Debian:
+# wine64-tools, libwine-dev).
 include_guard(GLOBAL)
 include(CheckIncludeFileCXX)
 

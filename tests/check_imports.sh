@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks that a program imports DLLs of Windows only, so that it runs where nothing was installed:
+# Checks that a program imports DLLs of Windows only, so that it runs on a machine without any other software:
 # check_imports.sh OBJDUMP PROGRAM | --self-test
 set -euo pipefail
 
@@ -10,11 +10,11 @@ check() {
     imported=$("$1" -p "$2" | sed -n 's/.*DLL Name: *\([^[:space:]]*\).*/\1/p')
     [[ -n $imported ]] || { echo "no imports found in $2"; return 1; }
     foreign=$(grep -Eivx "($windows)(\.dll)?" <<<"$imported") || return 0
-    printf '%s imports, but Windows does not have:\n%s\n' "$2" "$foreign"
+    printf '%s imports DLLs that are not part of Windows:\n%s\n' "$2" "$foreign"
     return 1
 }
 
-# Stands in for objdump: prints the file.
+# Checks made-up lists of imports; fake_objdump prints a file as it is.
 self_test() {
     local file result=0 foreign
     file=$(mktemp)

@@ -12,13 +12,13 @@ fail() {
     exit 1
 }
 
-# No radio, so that the program ends by itself; a driver that drivers.db knows, so that it shows whether the file is found.
+# Without a radio the program ends by itself. The driver stands in drivers.db, so its warning shows that the file is found.
 cat >scenario.json <<'END'
 { "radios": [], "drivers": [ { "compatible": [
   { "manufacturer": "Example Semiconductor", "date": "2020-05-01T00:00:00Z", "version": "2.0.7.1" } ] } ] }
 END
 
-# starts PROGRAM...: it tells its version and its options, and ends.
+# starts PROGRAM...: checks that it shows its version and its options, and ends.
 starts() {
     local expected
     output=$(ZIQBLE_SCENARIO=scenario.json timeout 60 "$@" --help --cmdPipe "\\\\.\\pipe\\package-$$" 2>&1) ||
@@ -28,7 +28,7 @@ starts() {
     done
 }
 
-# simulates PROGRAM...: and in its simulated world it finds drivers.db.
+# simulates PROGRAM...: the same for the simulated program, which also has to find drivers.db.
 simulates() {
     starts "$@"
     [[ $output == *"Get 2.1.0.4 or later."* ]] || fail "drivers.db is not found by $*" "$output"
@@ -38,15 +38,15 @@ check_windows() {
     local program
     python3 -m zipfile -e "$packages/ZIQBLEConnect-$version-win64.zip" .
     cd "ZIQBLEConnect-$version-win64"
-    ! grep -qv $'\r$' README.txt COPYRIGHT.txt || fail "line ends that not every Windows editor knows"
+    ! grep -qv $'\r$' README.txt COPYRIGHT.txt || fail "text files need the line ends of Windows"
     for program in *.exe; do
         strings -el "$program" | grep -A 1 -x ProductVersion | grep -qxF "$version" || fail "$program: no version"
-        # Its signature, the structure's version, then 1.0.4.0 as numbers.
+        # The version record: its signature, the structure's version, then 1.0.4.0 as numbers.
         LC_ALL=C grep -qaP '\xbd\x04\xef\xfe\0\0\x01\0\0\0\x01\0\0\0\x04\0' "$program" || fail "$program: other numbers"
     done
     cd ..
     simulates "$root/tests/wine_run.sh" "ZIQBLEConnect-$version-win64/ZIQBLEConnect-sim.exe"
-    # Wine's own ends the program when it is asked for adapters.
+    # Wine's own library ends the program when the program looks for adapters.
     cp "$root/build/windows/tests/under_wine/bluetoothapis.dll" "ZIQBLEConnect-$version-win64"
     starts "$root/tests/wine_run.sh" "ZIQBLEConnect-$version-win64/ZIQBLEConnect.exe"
 }
@@ -70,7 +70,7 @@ check_unit() {
     local complaints
     command -v systemd-analyze >/dev/null || return 0
     sed "s|/usr/bin|$folder/usr/bin|" usr/lib/systemd/user/ziqbleconnect.service >ziqbleconnect.service
-    # It complains about what else it finds on the machine, too.
+    # It also complains about other units of the machine.
     complaints=$(XDG_RUNTIME_DIR=$folder systemd-analyze --user --man=no verify "$folder/ziqbleconnect.service" 2>&1 |
         grep ziqbleconnect) || return 0
     fail "$complaints"

@@ -1,4 +1,4 @@
-// Waiting for what another thread or program is about to do.
+// Waits until another thread or another program has done something.
 #pragma once
 
 #include <chrono>

@@ -1,21 +1,21 @@
 #!/usr/bin/env bash
 # Runs a Windows program under Wine: wine_run.sh PROGRAM [ARGUMENT...]
-# In a prefix of the build's own, made at the first call, which says that it is Windows 10; another one of that name with
-# ZIQBLE_WINE_PREFIX. No display is needed.
+# It runs in a Wine prefix in the folder build, which is made at the first call and set to Windows 10. ZIQBLE_WINE_PREFIX gives
+# another name for the prefix than "wine". No display is needed.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 export WINEPREFIX=$root/build/${ZIQBLE_WINE_PREFIX:-wine} WINEDEBUG=-all
-# No offers to install what is not used here, no menu entries on the machine.
+# Keeps Wine from offering to install other software, and from making menu entries on the machine.
 export WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d"
 unset DISPLAY WAYLAND_DISPLAY
 
-# Once in two thousand times a program would not start: its heap lies where Wine has to have a page of its own. Not so where
-# addresses are the same every time, if the machine allows that.
+# With random addresses one program in two thousand does not start, because its heap lies where Wine needs a page of its own.
+# setarch -R gives the same addresses every time, if the machine allows it.
 wine=(wine)
 ! setarch -R true 2>/dev/null || wine=(setarch -R wine)
 
-# What the prefix's registry has to hold: it is Windows 10, but an older one for a program of that name, and the classes of
-# the Windows Runtime come from the simulated one, whether or not it has been built yet.
+# Prints what the prefix's registry has to contain: the version is Windows 10, but Windows 8.1 for ZIQBLEConnect-older.exe; and the
+# classes of the Windows Runtime come from the simulated runtime, which need not be built yet.
 settings() {
     local class library=${root//\//\\\\}'\\build\\windows\\tests\\winrt_provider.dll'
     printf 'REGEDIT4\n\n[HKEY_CURRENT_USER\\Software\\Wine]\n"Version"="win10"\n\n'
@@ -27,20 +27,21 @@ settings() {
     done
 }
 
-# The server that made it goes: there its drivers wait for one another for most of a minute, and no service starts meanwhile.
+# Ends Wine's server afterwards: the drivers in the server that made the prefix wait for one another for most of a minute, and no
+# service starts meanwhile.
 make_prefix() {
     "${wine[@]}" wineboot --init && settings >"$WINEPREFIX/new.reg" &&
         "${wine[@]}" regedit /S "Z:$WINEPREFIX/new.reg" && wineserver -k && mv "$WINEPREFIX/new.reg" "$WINEPREFIX/settings.reg"
 }
 
-# Wine's server stays for a while: a program that starts just as the server of the one before it leaves finds none. It and
-# the services are started by themselves, or they would hold the first program's output open for as long.
+# Starts Wine's server and its services, if they do not run, and lets them stay for 60 s: a program that starts just when the
+# server ends would find none. They are not left to the first program, because they would keep its output open.
 start_wine() {
     cmp -s "$WINEPREFIX/settings.reg" <(settings) || make_prefix
     ! wineserver -p60 || "${wine[@]}" wineboot
 }
 
-# Of several programs that start at once, one does it.
+# When several programs start at once, one of them does this and the others wait.
 mkdir -p "$WINEPREFIX"
 exec 9>"$WINEPREFIX/.lock"
 flock 9

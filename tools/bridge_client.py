@@ -1,4 +1,4 @@
-"""What scripts that drive the program share: the program as a child, its pipes, and waiting with a deadline."""
+"""For all scripts that run the program: the program as a child process, its pipes, and waiting with a deadline."""
 import os
 import socket
 import subprocess

@@ -73,7 +73,7 @@ def play(shell, data_path):
     shell.expect("OK")
     shell.expect("CONNECT TIO")
     data = echo(data_path)
-    # The last chunk is counted just after it was delivered, so the count may be a moment late.
+    # A chunk may be counted a moment after it was delivered.
     wait_until(lambda: shell.stats() == (ECHO_BYTES, ECHO_BYTES, "TIOCONNECTED"), 5, "counting every byte")
     shell.send("disconnect")
     shell.expect("OK")

@@ -1,7 +1,7 @@
-# Sourced by the scripts beside it. Needs bash and coreutils only: a bare machine has no more at first.
+# For the scripts beside it, which source it. It needs only bash and coreutils: a bare machine has nothing else at first.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-PATH=$PATH:/usr/sbin:/sbin # where Debian has mke2fs, for users too
+PATH=$PATH:/usr/sbin:/sbin # mke2fs is there, and users do not have it in their path
 
 die() {
     printf 'error: %s\n' "$*" >&2
@@ -15,7 +15,7 @@ missing_packages() {
     done
 }
 
-# needs PACKAGE...: installs those that are missing.
+# needs PACKAGE...: installs the packages that are missing.
 needs() {
     if ! command -v apt-get >/dev/null; then
         echo "note: no apt-get here; these Debian packages or their like are needed: $*" >&2
@@ -34,7 +34,7 @@ needs() {
     local log
     log=$(mktemp)
     if ! "${apt[@]}" install -y --no-install-recommends "${packages[@]}" >"$log" 2>&1 </dev/null; then
-        # The usual reason: package lists that are missing or out of date.
+        # The usual reason for a failure is that the package lists are missing or out of date.
         { "${apt[@]}" update && "${apt[@]}" install -y --no-install-recommends "${packages[@]}"; } >"$log" 2>&1 </dev/null ||
             { cat "$log" >&2; rm -f "$log"; die "apt-get could not install ${packages[*]}"; }
     fi

@@ -13,7 +13,7 @@ from bridge_client import Deviation
 from soak_round import Round, Tally
 from soak_sessions import KINDS, talk
 
-QUIET_EVERY = 5  # sessions
+IDLE_CHECK_EVERY = 5  # sessions
 
 
 def arguments():
@@ -23,7 +23,7 @@ def arguments():
     parser.add_argument("--seed", type=int, default=random.SystemRandom().getrandbits(32))
     parser.add_argument("--sessions", type=int, help="ends after that many sessions instead")
     parser.add_argument("--scale", type=float, default=50, help="the simulated world's time scale")
-    parser.add_argument("--sanitized", action="store_true", help="memory is not looked at")
+    parser.add_argument("--sanitized", action="store_true", help="memory is not checked")
     return parser.parse_args()
 
 
@@ -66,22 +66,22 @@ class Soak:
                 break
             self.play_session(number, count)
         self.doing = "end"
-        self.round.quiet()
+        self.round.check_idle()
         if rng.random() < 0.5:
             talk(self.round, rng)
         self.round.end(by_signal=rng.random() < 0.5)
 
     def play_session(self, number, count):
         rng = random.Random(f"{self.options.seed}/{number}/{count}")
-        # The first session settles what a fresh program still has to set up.
+        # The first session is a plain one, in which the program sets up what it keeps for good.
         kind = rng.choices(list(KINDS), KINDS.values())[0] if count else talk
         self.doing = f"session {count} ({kind.__name__})"
         kind(self.round, rng)
         self.round.check_running()
         self.session += 1
         self.tally.sessions[kind.__name__] += 1
-        if count % QUIET_EVERY == 0:
-            self.round.quiet()
+        if count % IDLE_CHECK_EVERY == 0:
+            self.round.check_idle()
 
     def explain(self, problem):
         for line in self.round.program.log_lines(40):

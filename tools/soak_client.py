@@ -1,4 +1,4 @@
-"""The soak test's client: the two pipes, and what the program told about a link."""
+"""The soak test's client: the two pipes, and what the client was told about a link."""
 import os
 import re
 import select
@@ -7,8 +7,8 @@ import time
 from bridge_client import check, open_pipe
 from soak_scenario import OVER, UP
 
-DEADLINE = 40  # seconds; long enough for a radio that is switched off and on without a time scale
-WINDOW = 16  # random bytes that do not come twice
+DEADLINE = 40  # seconds; long enough for a radio reset without a time scale
+WINDOW = 16  # so many random bytes in a row are at one place only
 LOSSES = {
     "not sent": re.compile(rb"Link: (\d+) bytes of the client not sent"),
     "write failed": re.compile(rb"Link: a write of (\d+) bytes failed, they may be lost"),
@@ -18,7 +18,7 @@ NO_CREDITS = b"Link: the peripheral grants no credits"
 
 
 class LogWatch:
-    """What the log has told so far."""
+    """Reads the log and sums up the losses that it tells of."""
 
     def __init__(self, path):
         self.file = path.open("rb")
@@ -46,14 +46,14 @@ class LogWatch:
 
 
 class Link:
-    """What a client was told about one link, checked against what the peripheral can cause."""
+    """The lines that a client got about one link. Checks that the peripheral's faults can cause them."""
 
     def __init__(self, peripheral):
-        self.name, self.may, self.lines = peripheral.kind, set(peripheral.may), []
+        self.name, self.allowed, self.lines = peripheral.kind, set(peripheral.allowed), []
 
     def saw(self, line):
         known = f"link to {self.name}: {line!r} after {self.lines}"
-        check(line in self.may, f"{known}, only {sorted(self.may)} can come")
+        check(line in self.allowed, f"{known}, only {sorted(self.allowed)} can come")
         check(line not in self.lines, f"{known} came twice")
         check(line != UP or not self.lines, f"{known}, too late")
         self.lines.append(line)
@@ -66,14 +66,14 @@ class Link:
 
 
 class Client:
-    """A client of a pipe, which never waits unless it says so."""
+    """A client of a pipe. Its calls do not wait, unless their description says so."""
 
     def __init__(self, path, pipe_name):
         self.socket, self.pipe_name, self.ended = open_pipe(path), pipe_name, False
         self.socket.setblocking(False)
 
     def receive(self, most):
-        """What has come; None when there is nothing yet. The other side's end sets `ended`."""
+        """Returns what has come, or None when there is nothing yet. Sets `ended` when the other side has closed the pipe."""
         try:
             piece = self.socket.recv(most)
         except BlockingIOError:
@@ -84,6 +84,7 @@ class Client:
         return piece
 
     def expect_end(self):
+        """Waits until the program has closed the pipe."""
         end = time.monotonic() + DEADLINE
         while not self.ended:
             check(time.monotonic() < end, f"the program did not close the {self.pipe_name} within {DEADLINE} s")
@@ -110,7 +111,7 @@ class Shell(Client):
         self.socket.setblocking(False)
 
     def pull(self):
-        """Takes what has come, without waiting."""
+        """Handles the lines that have come."""
         while not self.ended:
             piece = self.receive(65536)
             if piece is None:
@@ -125,7 +126,7 @@ class Shell(Client):
                     self.replies.append(line)
 
     def wait(self, condition, what):
-        """Until the condition holds; keeps taking lines."""
+        """Waits until the condition holds, and handles the lines that come meanwhile."""
         end = time.monotonic() + DEADLINE
         while True:
             self.pull()
@@ -164,7 +165,7 @@ class DataPipe(Client):
             self.received += piece
 
     def push(self, data):
-        """How much of it the pipe took."""
+        """Writes as much as the pipe takes; returns how much that was."""
         try:
             count = self.socket.send(data)
             self.sent += data[:count]
@@ -172,13 +173,13 @@ class DataPipe(Client):
         except BlockingIOError:
             return 0
         except (BrokenPipeError, ConnectionResetError):
-            self.pull()  # what came before the end
+            self.pull()  # reads what came before the end
             self.ended = True
             return 0
 
 
 def same_length(one, other):
-    """Number of equal bytes at the start."""
+    """Returns how many bytes at the start are equal."""
     limit = min(len(one), len(other))
     if one[:limit] == other[:limit]:
         return limit
@@ -186,7 +187,7 @@ def same_length(one, other):
 
 
 def missing_bytes(sent, received):
-    """How many sent bytes are missing between the received ones; those behind the last one do not count."""
+    """Returns how many sent bytes are missing between the received ones. Those behind the last one do not count."""
     missing, rest = 0, bytes(received)
     sent = memoryview(bytes(sent))
     while True:
@@ -206,12 +207,12 @@ def source_bytes(first, count):
 
 
 SOURCE_PERIOD = 251 * 256
-SOURCE_WINDOW = 300  # longer than 251, or it would stand in many places
+SOURCE_WINDOW = 300  # longer than 251: shorter pieces are at many places of the pattern
 SOURCE = source_bytes(0, SOURCE_PERIOD + SOURCE_WINDOW)
 
 
 def check_source(received):
-    """What a source sent before the data pipe was open is missing; from then on it is without a gap."""
+    """Checks the bytes of a source. Those sent before the data pipe was open are missing; from then on there is no gap."""
     if len(received) < SOURCE_WINDOW:
         return
     first = SOURCE.find(received[:SOURCE_WINDOW])

@@ -15,13 +15,13 @@ from soak_scenario import World
 STATS = re.compile(r"RX (\d+) bytes\. TX (\d+) bytes\. LC -?\d+\. RC -?\d+\. V10\.0\.\d+;BLE ON;LE=Sim Adapter\+9\|;"
                    r"(TIOCONNECTED|TIODISCONNECTED)")
 MOST_MEMORY = 20e6
-MOST_GROWTH = 1.5e6  # after the heap has found its size: a round's peripherals each keep their buffers
-WARM_UP = 5  # quiet moments
+MOST_GROWTH = 1.5e6  # after the warm-up; each peripheral of a round keeps its buffers
+WARM_UP = 5  # checks of the memory before growth counts
 PAGE = os.sysconf("SC_PAGE_SIZE")
 
 
 class Tally:
-    """What the whole run did."""
+    """Counts what happened in the whole run."""
 
     def __init__(self):
         self.sessions, self.lines, self.lost, self.losses = Counter(), Counter(), Counter(), Counter()
@@ -41,8 +41,8 @@ class Round:
         self.client, self.data, self.link = None, None, None
         self.starting = []  # links whose "connect" has not been answered yet
         self.lost_before = 0
-        self.idle = None  # threads, descriptors
-        self.quiet_moments, self.first_memory = 0, None
+        self.idle = None  # number of threads and descriptors without a link
+        self.memory_checks, self.first_memory = 0, None
 
     # The command pipe
 
@@ -65,7 +65,7 @@ class Round:
             self.link = self.starting.pop(0)
 
     def stats(self):
-        """Received, sent, whether a link is there."""
+        """Returns bytes received, bytes sent, and whether a link is running."""
         line = self.shell().ask("stats")
         found = STATS.fullmatch(line)
         check(found, f"unexpected statistics: {line!r}")
@@ -74,7 +74,7 @@ class Round:
     # The link
 
     def connect(self, *peripherals):
-        """Starts links, one after the other without a pause."""
+        """Sends a "connect" for each peripheral, without a pause between them."""
         self.starting = [Link(one) for one in peripherals]
         shell = self.shell()
         shell.send("".join(f"connect {one.address}\n" for one in peripherals).encode())
@@ -85,7 +85,7 @@ class Round:
         self.peripheral = peripherals[-1]
 
     def outcome(self):
-        """Whether the link came up."""
+        """Waits until the client is told of the link; returns whether it came up."""
         self.shell().wait(self.link.told, f"the outcome of the link to {self.link.name}")
         return not self.link.over()
 
@@ -94,12 +94,12 @@ class Round:
             self.data = DataPipe(self.program.data)
             return True
         except (ConnectionRefusedError, FileNotFoundError):
-            # Gone already with a link that was lost: then that is told.
-            self.shell().wait(self.link.over, "the news of the link whose data pipe is gone")
+            # The pipe is gone only if the link was lost meanwhile, which has to be told.
+            self.shell().wait(self.link.over, "a line about the link whose data pipe is gone")
             return False
 
     def open_early(self):
-        """Whether the data pipe could be opened while the link is being set up."""
+        """Tries to open the data pipe while the link is being set up; returns whether that went well."""
         try:
             self.data = DataPipe(self.program.data)
         except (ConnectionRefusedError, FileNotFoundError):
@@ -107,7 +107,7 @@ class Round:
         return True
 
     def bring_up(self, peripheral):
-        """Whether there is a link with an open data pipe now."""
+        """Connects and opens the data pipe; returns whether both went well."""
         self.connect(peripheral)
         return self.outcome() and self.open_data()
 
@@ -127,7 +127,7 @@ class Round:
         self.end_data()
 
     def end_data(self):
-        """The program has to have closed the data pipe."""
+        """Waits until the program has closed the data pipe, and checks what was received."""
         if not self.data:
             return
         if not self.data.ended:
@@ -135,7 +135,7 @@ class Round:
         self.check_data()
 
     def drop_data(self):
-        """The client closes the data pipe."""
+        """Closes the data pipe on the client's side."""
         self.data.close()
         self.check_data()
 
@@ -157,11 +157,11 @@ class Round:
     # Traffic
 
     def push(self, payload, piece):
-        """Writes all of it, as long as the link lasts; takes what comes meanwhile."""
+        """Writes all of it, as long as the link lasts, and reads what comes meanwhile."""
         self.converse(payload, piece, lambda rest: not rest)
 
     def echo(self, payload, piece):
-        """Writes and waits until everything came back or its loss was told."""
+        """Writes all of it and waits until each byte has come back or its loss was told."""
         data = self.data
         self.converse(payload, piece, lambda rest: not rest and len(data.received) >= len(data.sent) - self.lost())
 
@@ -181,12 +181,12 @@ class Round:
             if count or len(data.received) > before:
                 end = time.monotonic() + DEADLINE
         if data.ended:
-            shell.wait(self.link.over, "the news of the link whose data pipe was closed")
+            shell.wait(self.link.over, "a line about the link whose data pipe was closed")
 
     # Checks from outside
 
     def figures(self):
-        """Threads, descriptors, resident bytes."""
+        """Returns the program's threads, descriptors and resident bytes."""
         process = Path(f"/proc/{self.program.process.pid}")
         pages = int((process / "statm").read_text().split()[1])
         found = len(os.listdir(process / "task")), len(os.listdir(process / "fd")), pages * PAGE
@@ -199,15 +199,16 @@ class Round:
         check(self.program.running(), f"the program ended with exit code {self.program.process.poll()}")
         self.figures()
 
-    def quiet(self):
-        """After "disconnect" nothing of any link is left."""
+    def check_idle(self):
+        """Checks that after "disconnect" nothing of any link is left."""
         self.disconnect()
         if self.idle is None:
-            self.idle = self.settled()
+            self.idle = self.steady_figures()
         wait_until(self.at_rest, DEADLINE, f"returning to {self.idle} threads and descriptors")
         self.check_memory()
 
-    def settled(self):
+    def steady_figures(self):
+        """Returns threads and descriptors once they have not changed for a while."""
         same, last = 0, None
         while same < 20:
             time.sleep(0.01)
@@ -224,13 +225,13 @@ class Round:
             return
         memory = self.figures()[2]
         check(memory < MOST_MEMORY, f"{memory} bytes of memory are in use")
-        self.quiet_moments += 1
-        if self.quiet_moments <= WARM_UP:
+        self.memory_checks += 1
+        if self.memory_checks <= WARM_UP:
             self.first_memory = memory
         check(memory - self.first_memory < MOST_GROWTH, f"memory grew from {self.first_memory} to {memory} bytes")
 
     def end(self, by_signal):
-        """Ends the program, whatever it is doing, and checks what it leaves."""
+        """Ends the program, whatever it is doing, and checks what it leaves behind."""
         if by_signal:
             self.program.process.send_signal(signal.SIGTERM)
         else:

@@ -9,9 +9,9 @@ ALL = ["TX", "RX", "CRTX", "CRRX", "TXMTU", "RXMTU"]
 CLOSED, FAIL = "0x80000013", "0x80004005"
 STATUSES = ["unreachable", "protocol-error", "access-denied", f"error:{FAIL}", f"error:{CLOSED}"]
 CALL_FAULTS = [*STATUSES, f"throw:{FAIL}", "cancel", "no-operation"]
-# A link needs these calls; faults there show before any byte moves, or leave every byte comparable.
+# Faults of these calls either end the link before any byte moves, or lose no byte untold.
 SAFE_POINTS = ["device", "write:RXMTU", "subscribe:TXMTU"]
-# These may leave a link that is up and yet carries nothing.
+# Faults of these calls may leave a link that is up but moves no bytes.
 CRIPPLING_POINTS = ["characteristics", "subscribe:CRTX", "subscribe:TX", "write:CRRX"]
 
 
@@ -20,8 +20,8 @@ class Peripheral:
     kind: str
     traffic: str  # echo, source, sink (takes everything), stalled (takes nothing), unsure
     keys: dict
-    may: set = field(default_factory=lambda: {UP})  # the lines that a client may see
-    flushes: bool = False  # its failures may switch the radio off and on, which would end other links
+    allowed: set = field(default_factory=lambda: {UP})  # the lines that a client may get
+    resets_radio: bool = False  # its failures may cause a radio reset, which would end other links
 
     @property
     def address(self):
@@ -29,11 +29,11 @@ class Peripheral:
 
     @property
     def steady(self):
-        return self.may == {UP}
+        return self.allowed == {UP}
 
 
 class FailureTable:
-    """docs/failures.md: the lines for each generation, call and action."""
+    """The tables of docs/failures.md: the lines for each generation, call and action."""
 
     def __init__(self):
         self.cells = {}
@@ -47,7 +47,7 @@ class FailureTable:
                     lines = {line.strip() for line in cell.split(",")} - {"", "none", "waits"}
                     self.cells.setdefault((fields[0], fields[1], action), set()).update(lines)
 
-    def may_see(self, older, faults):
+    def allowed_lines(self, older, faults):
         generation = "older" if older else "newer"
         lines = {UP}
         for fault in faults:
@@ -60,8 +60,8 @@ class FailureTable:
         return lines
 
 
-def staged(rng, point, actions, step):
-    """Faults at one point that go on happening, each some passes after the one before."""
+def repeated_faults(rng, point, actions, step):
+    """Many faults at one point, each some calls after the one before."""
     after, faults = 0, []
     for _ in range(60):
         after += rng.randint(*step)
@@ -74,16 +74,16 @@ def link_pace(rng):
 
 
 def dropping(rng, older):
-    # In the older generation nothing tells of a link that drops while the peripheral sends.
+    # In the older generation nobody is told of a link that drops while the peripheral sends.
     points = ["write:RX", "subscribe:TX"] if older else ["write:RX", "notify:TX", "subscribe:CRTX"]
     point = rng.choice(points)
-    return staged(rng, point, ["disconnect"], (1, 4) if "subscribe" in point else (20, 200))
+    return repeated_faults(rng, point, ["disconnect"], (1, 4) if "subscribe" in point else (20, 200))
 
 
 def refusing_writes(rng):
-    # Each refused write costs the host a credit that the peripheral goes on counting on, so they are rare enough
-    # to leave some.
-    return staged(rng, "write:RX", CALL_FAULTS, (40, 200))
+    # Each refused write costs the host a credit, but the peripheral does not know that it was used. So refused writes
+    # are rare, or the host would have no credits left.
+    return repeated_faults(rng, "write:RX", CALL_FAULTS, (40, 200))
 
 
 def pairing(rng, older):
@@ -109,23 +109,23 @@ def good_peripherals(rng):
 
 
 def faulty_peripherals(rng, older):
-    """Kind, traffic, keys, faults."""
+    """Each has a kind, its traffic, its keys and its faults."""
     yield "dropping", "echo", {"tx_mtu": 50}, dropping(rng, older)
     yield "refusing writes", "echo", {"tx_mtu": 50}, refusing_writes(rng)
     point = rng.choice(SAFE_POINTS)
-    # The newer generation looks a device up a second time, so faults come one after the other at times.
-    yield f"refusing {point}", "echo", {}, staged(rng, point, CALL_FAULTS, (0, 2))
+    # The newer generation looks a device up a second time, so that some faults come directly one after the other.
+    yield f"refusing {point}", "echo", {}, repeated_faults(rng, point, CALL_FAULTS, (0, 2))
     point = rng.choice(CRIPPLING_POINTS)
-    yield f"refusing {point}", "unsure", {}, staged(rng, point, CALL_FAULTS + ["null"], (0, 8))
+    yield f"refusing {point}", "unsure", {}, repeated_faults(rng, point, CALL_FAULTS + ["null"], (0, 8))
     yield "refusing services", "unsure", {}, [
-        *staged(rng, "services", CALL_FAULTS + ["disconnect"], (0, 2)),
-        *staged(rng, "services:all", CALL_FAULTS + ["disconnect"], (0, 2))]
+        *repeated_faults(rng, "services", CALL_FAULTS + ["disconnect"], (0, 2)),
+        *repeated_faults(rng, "services:all", CALL_FAULTS + ["disconnect"], (0, 2))]
     if older:
-        yield "refusing pairing", "echo", {"pairing": {"result": 4}}, staged(rng, "pair", CALL_FAULTS, (0, 2))
+        yield "refusing pairing", "echo", {"pairing": {"result": 4}}, repeated_faults(rng, "pair", CALL_FAULTS, (0, 2))
 
 
 class World:
-    """About a dozen peripherals of all kinds, made from `rng`."""
+    """About twenty random peripherals of all kinds."""
 
     def __init__(self, rng, time_scale):
         self.older = rng.random() < 0.25
@@ -138,8 +138,8 @@ class World:
                                  {"ERROR TIO"}))
         self.add(rng, Peripheral("no service", "none", {"services": rng.choice([[], ["180A"]])}, {"ERROR TIO"}, True))
         for kind, traffic, keys, faults in faulty_peripherals(rng, self.older):
-            may = table.may_see(self.older, faults)
-            self.add(rng, Peripheral(kind, traffic, keys | {"faults": faults}, may, "services" in kind))
+            allowed = table.allowed_lines(self.older, faults)
+            self.add(rng, Peripheral(kind, traffic, keys | {"faults": faults}, allowed, "services" in kind))
 
     def add(self, rng, peripheral):
         number = len(self.peripherals)
@@ -152,9 +152,10 @@ class World:
                 "peripherals": [peripheral.keys for peripheral in self.peripherals]}
 
     def choose(self, rng, *traffic, steady=False, abandoned=False):
-        """A peripheral with one of the kinds of traffic; `abandoned`: its set-up will not be waited for."""
+        """A random peripheral with one of the kinds of traffic. `steady`: one without faults. `abandoned`: nobody will wait
+        for the end of its set-up, so it must not be one that resets the radio."""
         fit = [one for one in self.peripherals
                if (not traffic or one.traffic in traffic) and (one.steady or not steady)
-               and not (one.flushes and abandoned)]
-        # A radio that is switched off and on takes as long as ten other sessions.
-        return rng.choices(fit, [0.4 if one.flushes else 1 if one.steady else 2 for one in fit])[0]
+               and not (one.resets_radio and abandoned)]
+        # A radio reset takes as long as ten other sessions, so it is rare.
+        return rng.choices(fit, [0.4 if one.resets_radio else 1 if one.steady else 2 for one in fit])[0]

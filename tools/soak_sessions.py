@@ -2,7 +2,7 @@
 import time
 
 from bridge_client import check, wait_until
-from soak_client import DEADLINE, DataPipe
+from soak_client import DEADLINE
 from soak_scenario import OVER, Peripheral
 
 LONGEST_LINE = 64 * 1024  # that the program takes for a command
@@ -48,18 +48,18 @@ def fill(round_, payload, piece):
 
 
 def stall(round_, payload):
-    """What the program took without being able to send it is told when the link ends."""
+    """Without credits the program cannot send what it has read, and logs that when the link ends."""
     stalls = round_.log.stalls()
     round_.data.push(payload)
-    wait_until(lambda: round_.log.stalls() > stalls, DEADLINE, "the news of missing credits")
+    wait_until(lambda: round_.log.stalls() > stalls, DEADLINE, "the log line about missing credits")
     lost = round_.log.lost["not sent"]
     round_.disconnect()
     wait_until(lambda: round_.log.lost_bytes() and round_.log.lost["not sent"] == lost + len(payload), DEADLINE,
-               f"the news that {len(payload)} bytes were not sent")
+               f"the log line about {len(payload)} bytes that were not sent")
 
 
 def leave(round_, rng):
-    """The session's end; "stay" leaves the link to the next session."""
+    """Ends the session. With "stay" the link stays for the next session."""
     match rng.choice(["disconnect", "disconnect", "quit", "vanish", "stay"]):
         case "disconnect":
             round_.disconnect()
@@ -81,7 +81,7 @@ def talk(round_, rng):
 
 
 def vanish(round_, rng):
-    """Without a word: while bytes move, or while the link is set up."""
+    """The client leaves without "quit", while bytes move or while the link is set up."""
     peripheral = round_.world.choose(rng, abandoned=True)
     if rng.random() < 0.3:
         round_.connect(peripheral)
@@ -94,7 +94,7 @@ def vanish(round_, rng):
 
 
 def slow_reader(round_, rng):
-    """Does not read until the program is held up, then leaves."""
+    """The client does not read until the program is held up, then leaves."""
     if round_.bring_up(round_.world.choose(rng, "source")):
         last = -1
         while (now := round_.stats()[0]) != last and now < 400_000:
@@ -106,7 +106,7 @@ def slow_reader(round_, rng):
 
 
 def data_gone(round_, rng):
-    """The data client disappears in the middle; the next "connect" goes on."""
+    """The data client leaves in the middle; the next "connect" works."""
     if round_.bring_up(round_.world.choose(rng, "echo", "source", "sink", "stalled")):
         round_.data.push(payload_of(round_, rng))
         round_.drop_data()
@@ -154,7 +154,7 @@ def interrupted_setup(round_, rng):
 
 
 def handed_over(round_, rng):
-    """Quits while the link runs on; the next client goes on with it."""
+    """The client quits; the next one goes on with the link."""
     if round_.bring_up(round_.world.choose(rng, "echo", "sink", steady=True)):
         use(round_, rng)
         round_.quit()
@@ -223,11 +223,11 @@ def lescan(round_, rng):
 
 def resetbt(round_, rng):
     up = rng.random() < 0.5 and round_.bring_up(round_.world.choose(rng, steady=True))
-    if round_.link:  # perhaps one that the session before has left running, or being set up
-        round_.link.may |= OVER
+    if round_.link:  # the session before may have left it
+        round_.link.allowed |= OVER
     round_.shell().expect("resetbt", "OK")
     if up and not round_.world.older:
-        round_.shell().wait(round_.link.over, "the news of the link that the radio dropped")
+        round_.shell().wait(round_.link.over, "a line about the link that the radio reset dropped")
     leave(round_, rng)
 
 

@@ -1,5 +1,5 @@
-# The program looks for drivers.db beside itself, so both are in a folder of their own, with links to the programs in
-# /usr/bin.
+# The program looks for drivers.db beside its executable, so both are in a folder of their own, and /usr/bin has links to the
+# executables.
 set(package ziqbleconnect)
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -7,7 +7,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_NAME ${package})
 set(CPACK_DEBIAN_PACKAGE_SECTION comm)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "bluez, dbus") # what ZIQBLEConnect-sim does without
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "bluez, dbus") # ZIQBLEConnect-sim does not need them
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "bridge between a Bluetooth LE serial peripheral and local programs")
 set(CPACK_PACKAGE_DESCRIPTION
@@ -30,7 +30,7 @@ function(link target path)
   install(FILES ${package_files}/${path} DESTINATION ${into})
 endfunction()
 
-# compressed(SOURCE NAME DIRECTORY): installs the file as NAME.gz, always the same bytes.
+# compressed(SOURCE NAME DIRECTORY): installs the file as NAME.gz; the same file gives the same bytes each time.
 function(compressed source name into)
   set(text ${package_files}/${name})
   configure_file(${source} ${text} @ONLY)
@@ -56,5 +56,5 @@ compressed(${packaging}/linux/changelog changelog ${documents})
 configure_file(${packaging}/copyright ${package_files}/copyright @ONLY)
 install(FILES ${package_files}/copyright DESTINATION ${documents})
 set(docs ${PROJECT_SOURCE_DIR}/docs)
-install(FILES ${docs}/linux.md ${docs}/protocol.md ${docs}/failures.md ${docs}/scenario.md ${docs}/drivers-db.md DESTINATION ${documents})
+install(FILES ${docs}/linux.md ${docs}/protocol.md ${docs}/ends.md ${docs}/failures.md ${docs}/scenario.md ${docs}/drivers-db.md DESTINATION ${documents})
 install(FILES ${docs}/example_client.py DESTINATION ${documents}/examples)

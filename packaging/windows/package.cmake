@@ -1,4 +1,4 @@
-# One folder, to be copied anywhere: the program looks for drivers.db beside itself.
+# All in one folder that can be copied anywhere: the program looks for drivers.db beside its executable.
 set(CPACK_GENERATOR ZIP)
 set(CPACK_PACKAGE_FILE_NAME ${PROJECT_NAME}-${PROJECT_VERSION}-win64)
 

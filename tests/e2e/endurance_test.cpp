@@ -1,4 +1,4 @@
-// Much data, many clients that die, calls that fail: through the whole program.
+// The whole program with much data, with many clients that vanish, and with Bluetooth calls that fail.
 #include <future>
 #include <iostream>
 #include <thread>
@@ -16,7 +16,7 @@ TEST_F(Endurance, EchoesAMegabyteWithoutLosingAByte) {
     const std::string sent = randomBytes(1 << 20);
     for (const char* mtu : {"20", "244"}) {
         SCOPED_TRACE(mtu);
-        // Credits enough, so that the pace is not that of the program's waits for more.
+        // So many credits that the program need not wait for new ones all the time.
         const std::string peripheral = R"("initial_credits": 1000, "regrant_at": 500, "tx_mtu": )";
         start(R"({"time_scale": 50, "peripherals": [{)" + peripheral + mtu + "}]}");
         connect();
@@ -34,30 +34,30 @@ TEST_F(Endurance, EchoesAMegabyteWithoutLosingAByte) {
     }
 }
 
-// A program of its own, and clients that are gone in the middle of whatever they do: nothing but the system
-// closes their pipes.
-class Victims {
+// Runs a program of its own with clients that vanish at a random moment, one after the other. They say
+// nothing before they close their pipes.
+class VanishingClients {
   public:
-    explicit Victims(unsigned seed) : random_(seed) {
+    explicit VanishingClients(unsigned seed) : random_(seed) {
         program_ = std::make_unique<Program>(folder_.path(), kFast);
     }
 
-    // What went wrong; empty when nothing did.
+    // Returns what went wrong; empty when nothing did.
     std::string run(int clients) {
         for (int number = 0; number < clients; ++number) {
             const std::chrono::milliseconds life(random_() % kLongestLife.count());
             const bool dataGoesFirst = random_() % 2 == 0;
-            if (!liveAndDie(Clock::now() + life, dataGoesFirst))
+            if (!runClient(Clock::now() + life, dataGoesFirst))
                 return "client " + std::to_string(number) + " found no command pipe\n" + program_->output();
         }
         return lastClient();
     }
 
   private:
-    // The set-up of a link, and as long again.
+    // Twice as long as the set-up of a link takes.
     const std::chrono::milliseconds kLongestLife = hasRealBluetoothSide() ? 3000ms : 100ms;
 
-    bool liveAndDie(Clock::time_point end, bool dataGoesFirst) {
+    bool runClient(Clock::time_point end, bool dataGoesFirst) {
         PipeClient shell;
         PipeClient data;
         if (!shell.open(commandPipe(folder_.path()))) return false;
@@ -95,15 +95,15 @@ class Victims {
     std::unique_ptr<Program> program_;
 };
 
-TEST(Clients, MayDieAtAnyMoment) {
+TEST(Clients, MayVanishAtAnyMoment) {
     constexpr int kPrograms = 8;
     constexpr int kClients = 200;
     const unsigned seed = std::random_device()();
     std::cout << "seed " << seed << std::endl;
     std::vector<std::future<std::string>> runs;
     for (unsigned i = 0; i < kPrograms; ++i) {
-        runs.push_back(
-            std::async(std::launch::async, [=] { return Victims(seed + i).run(kClients / kPrograms); }));
+        runs.push_back(std::async(std::launch::async,
+                                  [=] { return VanishingClients(seed + i).run(kClients / kPrograms); }));
     }
     for (auto& run : runs)
         EXPECT_EQ(run.get(), "");
@@ -114,7 +114,7 @@ TEST_F(Session, TellsOfACallThatFails) {
     using enum Where;
     struct Case {
         const char* peripheral;
-        const char* line;  // of the reply, maybe behind others
+        const char* line;  // the last one of the reply
         const char* logged;
         Where where = anywhere;
     };
@@ -132,7 +132,7 @@ TEST_F(Session, TellsOfACallThatFails) {
         {R"("faults": [{"on": "services", "do": "error:0x8007048F"}])", "ERROR EXP\r\n",
          "GattDeviceServicesResult> ( -2147023729:", newer},
         {R"("faults": [{"on": "session", "do": "throw:0x80070490"}])", "ERROR EXP\r\n", "-2147023728", newer},
-        // The call that would help is one that an older system lacks.
+        // The listing that would find the services is a call that an older system does not have.
         {R"("cached_services": [])", "ERROR EXP\r\n", "-2147467262", older},
         {R"("faults": [{"on": "pair", "do": "throw:0x80070490"}])", "ERROR EXP\r\n", "-2147023728", older},
         {R"("faults": [{"on": "pair", "do": "null"}])", "CONNECT TIO\r\n", "returned NULL status", older},

@@ -14,7 +14,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// As text: what the program's streams made of a line end is undone.
+// Opened as text, so that the line ends that Windows writes are read as '\n'.
 std::string readText(const fs::path& path) {
     std::ifstream file(path);
     std::ostringstream text;

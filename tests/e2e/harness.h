@@ -1,4 +1,4 @@
-// Drives the real executable through its real pipes. harness.cpp has what is the same on every host.
+// Runs the real executable and its real pipes. harness.cpp has what is the same on every host.
 #pragma once
 
 #include <chrono>
@@ -36,10 +36,10 @@ struct Resources {
     std::size_t residentKiB = 0;
 };
 
-// Of this process.
+// What this process uses.
 Resources ownResources();
 std::uint32_t ownProcessId();
-// How many threads and handles the host's libraries make for themselves, at their own time.
+// How many threads and handles the host's libraries may add by themselves at any time.
 extern const std::size_t kResourceNoise;
 std::chrono::nanoseconds ownProcessorTime();
 
@@ -55,7 +55,7 @@ class Program {
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
 
-    // True once the text has shown up on standard output (`times` times).
+    // True once standard output has the text (`times` times); false at the deadline.
     bool waitForOutput(std::string_view text, int times = 1) const;
     std::string output() const;
     std::string errors() const;
@@ -63,8 +63,8 @@ class Program {
     std::optional<int> waitForExit();
 
     void interrupt();  // Ctrl-C
-    void terminate();  // the host's polite request (where there is none: Ctrl-C)
-    void kill();       // without a chance to clean up
+    void terminate();  // SIGTERM; on Windows, which has none, Ctrl-C
+    void kill();       // at once; the program cannot clean up
     Resources resources() const;
 
   private:
@@ -89,9 +89,9 @@ class PipeClient {
     bool tryOpen(const std::filesystem::path& pipe);
     // Blocks until everything is taken; false when the other end is gone.
     bool send(std::string_view bytes);
-    // Until the text is there; returns everything up to and including it, or what came by the deadline.
+    // Reads until the text comes. Returns everything up to its end, or what came by the deadline.
     std::string readUntil(std::string_view end, std::chrono::milliseconds deadline = kDeadline);
-    // Exactly that many bytes, or what came by the deadline.
+    // Reads exactly that many bytes, or returns what came by the deadline.
     std::string readBytes(std::size_t count, std::chrono::milliseconds deadline = kDeadline);
     // True when the other end closes before the deadline.
     bool waitForClose();

@@ -23,7 +23,7 @@ void require(bool succeeded, const char* call) {
     if (!succeeded) throw std::runtime_error(call + (" failed: " + std::to_string(::GetLastError())));
 }
 
-// One of the system's lists. Wine counts a process's threads and handles correctly nowhere else.
+// Reads one of the system's lists. Only these have the right counts of threads and handles under Wine.
 std::vector<std::byte> systemList(int which) {
     static const auto query = reinterpret_cast<decltype(&::NtQuerySystemInformation)>(reinterpret_cast<void*>(
         ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
@@ -50,7 +50,7 @@ std::vector<HandleEntry> allHandles() {
     return {first, first + *reinterpret_cast<const ULONG*>(list.data())};
 }
 
-// How the system numbers the type of registry keys.
+// The system's number for the type of registry keys.
 BYTE keyType() {
     HKEY key = nullptr;
     ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"Software", 0, KEY_READ, &key);
@@ -63,8 +63,8 @@ BYTE keyType() {
     return type;
 }
 
-// Wine leaves a registry key open each time that a class of the Windows Runtime is looked up: keys do not
-// count.
+// Registry keys are not counted: Wine leaves one open each time that a class of the Windows Runtime is looked
+// up.
 bool counts(const HandleEntry& handle) {
     static const BYTE keys = keyType();
     return handle.type != keys;
@@ -99,7 +99,7 @@ HANDLE inheritableFile(const fs::path& path, DWORD access, DWORD disposition) {
     return file;
 }
 
-// The texts hold neither quotation marks nor a backslash at the end.
+// Puts each argument in quotation marks. The arguments must not contain any, nor end in a backslash.
 std::wstring commandLine(const std::vector<std::string>& arguments) {
     std::wstring line;
     for (const std::string& argument : arguments)
@@ -107,7 +107,7 @@ std::wstring commandLine(const std::vector<std::string>& arguments) {
     return line;
 }
 
-// A console without a window, of the program's own, so that keys can be pressed in it.
+// A console without a window for one program, so that the test can press keys in it.
 class Console {
   public:
     Console() {
@@ -133,7 +133,8 @@ class Console {
     HPCON console_ = nullptr;
 };
 
-// As an event: Wine's console reads keys from a terminal only, and passes on no other event than this one.
+// Sends the event and no key: Wine's console reads keys from a terminal only. Ctrl-C is the only event that
+// it passes on.
 void pressCtrlC(DWORD process) {
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
@@ -316,7 +317,7 @@ void PipeClient::close() {
     pending_.clear();
 }
 
-// Pipes are not in the folder, but named after it.
+// Named pipes have no folder, so their names begin with the folder's name.
 fs::path commandPipe(const fs::path& folder) {
     return L"\\\\.\\pipe\\" + folder.filename().wstring() + L"-shell";
 }

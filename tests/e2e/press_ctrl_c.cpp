@@ -1,5 +1,5 @@
 // Presses Ctrl-C in the console of another process: press_ctrl_c PROCESS
-// A program of its own, as a process has one console at a time, and gets the event too.
+// This needs a process of its own: it has to join the other console, and it gets the event, too.
 #include <windows.h>
 
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// One running program and its client.
+// A fixture with one running program and its client.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,7 +11,7 @@
 namespace e2e {
 
 inline constexpr std::string_view kConnect = "connect 00:1A:7D:DA:71:13\n";
-// Without effect on a program whose Bluetooth side is a real one.
+// Only the simulated program sleeps faster with it.
 inline constexpr std::string_view kFast = R"({"time_scale": 50})";
 
 inline std::string randomBytes(std::size_t count) {

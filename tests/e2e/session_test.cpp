@@ -1,4 +1,4 @@
-// The program as a client sees it.
+// The real program, seen by its client.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -10,8 +10,8 @@ namespace {
 
 using namespace e2e;
 
-// What "stats" tells of the system, where it does not come from the scenario: Wine's version, and no
-// adapters.
+// Checks what "stats" says about the system. The simulated program takes it from the scenario; otherwise it
+// is Wine's version, and there are no adapters.
 void expectSystemText(const std::string& stats) {
     if (!hasRealBluetoothSide()) {
         EXPECT_NE(stats.find(" V10.0.19041;BLE ON;LE=Sim Adapter+9|;"), std::string::npos) << stats;
@@ -48,7 +48,8 @@ TEST_F(Session, ScansConnectsMovesBytesBothWaysAndEnds) {
 
 TEST_F(Session, AnswersOddLinesAsItShould) {
     start();
-    // Too short a scan, an unknown command and an endless line get no answer; what follows does.
+    // A scan that is too short, an unknown command and a line that is too long get no answer; the next
+    // command does.
     shell.send("lescan 999\nlescan -1\nquit now\n");
     shell.send(std::string(200'000, 'a') + "\n");
     EXPECT_TRUE(command("stats\n").starts_with("RX 0"));
@@ -66,7 +67,7 @@ TEST_F(Session, AnswersOddLinesAsItShould) {
 
 TEST_F(Session, ServesOneClientAfterAnother) {
     start();
-    // Whether the second client gets hold of the pipe at once or has to try again is up to the host.
+    // On Linux the second client can open the pipe at once, on Windows it has to try again.
     PipeClient second;
     auto answer = std::async(std::launch::async, [&] {
         const bool sent = second.open(commandPipe(folder.path())) && second.send("stats\n");
@@ -175,7 +176,7 @@ TEST_F(Session, SurvivesKillAndLeavesTheFirstInstanceAlone) {
 TEST_F(Session, TellsWhatItGivesUpForAStalledClient) {
     start(R"({"time_scale": 50, "peripherals": [{"serial": "source:0", "tx_mtu": 20}]})");
     connect();
-    // The client takes the first bytes and then nothing more: a write of 20 bytes is given up after 1050 ms.
+    // The client reads the first bytes and then nothing more. A write of 20 bytes is given up after 1050 ms.
     EXPECT_EQ(data.readBytes(20).size(), 20U);
     EXPECT_TRUE(program->waitForOutput("bytes for the client given up"));
     EXPECT_EQ(command("disconnect\n"), "OK\r\n");
@@ -191,9 +192,9 @@ TEST_F(Session, TellsTheClientThatTheLinkDropped) {
     data.send(std::string(4 * 244, 'x'));
     std::string lines = shell.readUntil("TIO DROP\r\n");
     EXPECT_TRUE(lines.ends_with("TIO DROP\r\n")) << lines;
-    data.waitForClose();
+    EXPECT_TRUE(data.waitForClose());
     data.close();
-    // Nothing of the old session is left; the next one works.
+    // Nothing of the old session is left, and the next one works.
     EXPECT_TRUE(program->waitForOutput("commThread is DONE!"));
     connect();
     data.send("again");

@@ -1,4 +1,4 @@
-// Start-up: what the program says and how it ends before a client is served.
+// What the program logs at its start, and how it ends when it cannot serve a client.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -90,7 +90,7 @@ TEST_F(Startup, ReadsTheCommandLine) {
           "unknown_options: --bogus\n", "Using log file: name.txt\n"}) {
         EXPECT_NE(output.find(text), std::string::npos) << text << "\n" << output;
     }
-    // Whatever the name, the log goes to this file.
+    // The log goes to this file, whatever name was given.
     std::ifstream file(folder.path() / "everything.log");
     std::stringstream log;
     log << file.rdbuf();

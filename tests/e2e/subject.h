@@ -8,11 +8,12 @@ namespace e2e {
 
 std::string programUnderTest();
 
-// Its Bluetooth side is not the simulated one: radios and peripherals come from the scenario all the same,
-// but the version and the adapters are the system's, and what the program sleeps lasts as long as it does.
+// True for ZIQBLEConnect, false for ZIQBLEConnect-sim. Radios and peripherals come from the scenario in both
+// cases. With ZIQBLEConnect the version and the adapters are those of the system, and the program's sleeps
+// keep their length.
 bool hasRealBluetoothSide();
 
-// The system is one with the older GATT calls only.
+// True when the program runs on a system that has only the older GATT calls.
 bool runsOnOlderSystem();
 
 }  // namespace e2e

@@ -10,7 +10,8 @@
 #include <stdexcept>
 #include <thread>
 
-// The library is not instrumented: its half of a reference count that it shares with its header is not seen.
+// The library is built without the sanitizer, so the sanitizer does not see that this reference count is
+// synchronized.
 extern "C" const char* __tsan_default_suppressions() {
     return "race:sdbus::PendingAsyncCall::~PendingAsyncCall";
 }
@@ -27,8 +28,9 @@ std::string uuid(const char* shortForm) {
     return "0000" + std::string(shortForm) + "-0000-1000-8000-00805f9b34fb";
 }
 
-// Hands one end out and keeps the other, small enough to be full soon.
-std::tuple<sdbus::UnixFd, std::uint16_t> handOut(std::atomic<int>& kept) {
+// Returns one end of a new pair of sockets and keeps the other one. Their buffers are small, so that they are
+// soon full.
+std::tuple<sdbus::UnixFd, std::uint16_t> openSocketPair(std::atomic<int>& kept) {
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
         throw std::runtime_error("socketpair");
@@ -43,7 +45,7 @@ void closeSocket(std::atomic<int>& socket) {
     if (const int fd = socket.exchange(-1); fd >= 0) ::close(fd);
 }
 
-// The library wants to see the type.
+// The library writes a value only by its C++ type.
 void serialize(sdbus::Message& message, const sdbus::Variant& value) {
     const std::string type = value.peekValueType();
     if (type == "b") message << value.get<bool>();
@@ -66,7 +68,7 @@ Daemon::Daemon() {
     int ready[2];
     if (::pipe(ready) != 0) throw std::runtime_error("pipe");
     const std::string option = "--config-file=" + config.string();
-    // It ends with the test, however that ends.
+    // With setpriv the daemon ends when the test does, even when the test crashes.
     const char* const arguments[] = {"setpriv",     "--pdeathsig",       "KILL",
                                      "dbus-daemon", option.c_str(),      "--nofork",
                                      "--nopidfile", "--print-address=3", nullptr};
@@ -98,8 +100,8 @@ void Daemon::kill() {
     process_ = -1;
 }
 
-Thing::Thing(sdbus::IConnection& connection, const std::string& path, std::string interface,
-             Properties properties, const Methods& methods)
+BusObject::BusObject(sdbus::IConnection& connection, const std::string& path, std::string interface,
+                     Properties properties, const Methods& methods)
     : interface_(std::move(interface)),
       properties_(std::move(properties)),
       object_(sdbus::createObject(connection, path)) {
@@ -108,7 +110,7 @@ Thing::Thing(sdbus::IConnection& connection, const std::string& path, std::strin
             const std::lock_guard lock(mutex_);
             serialize(reply, value);
         };
-        // The program sets nothing but switches.
+        // The program sets only properties of type bool.
         const auto assign = [this, &value = properties_.at(name)](sdbus::PropertySetCall& call) {
             bool on = false;
             call >> on;
@@ -122,7 +124,7 @@ Thing::Thing(sdbus::IConnection& connection, const std::string& path, std::strin
     object_->emitInterfacesAddedSignal();
 }
 
-void Thing::set(const std::string& property, const sdbus::Variant& value) {
+void BusObject::set(const std::string& property, const sdbus::Variant& value) {
     {
         const std::lock_guard lock(mutex_);
         properties_.at(property) = value;
@@ -130,7 +132,7 @@ void Thing::set(const std::string& property, const sdbus::Variant& value) {
     object_->emitPropertiesChangedSignal(interface_, {property});
 }
 
-bool Thing::isTrue(const std::string& property) const {
+bool BusObject::isTrue(const std::string& property) const {
     const std::lock_guard lock(mutex_);
     return properties_.at(property).get<bool>();
 }
@@ -139,9 +141,9 @@ Bluetoothd::Bluetoothd(Script& script)
     : script_(script), connection_(sdbus::createSystemBusConnection("org.bluez")) {
     connection_->addObjectManager("/", sdbus::floating_slot);
     connection_->enterEventLoopAsync();
-    adapter_ = std::make_unique<Thing>(
+    adapter_ = std::make_unique<BusObject>(
         *connection_, kAdapterPath, "org.bluez.Adapter1",
-        Thing::Properties{{"Alias", std::string("Pult \u00fc")}, {"Powered", true}},
+        BusObject::Properties{{"Alias", std::string("Pult \u00fc")}, {"Powered", true}},
         [this](sdbus::IObject& object, const std::string& interface) {
             object.registerMethod("SetDiscoveryFilter")
                 .onInterface(interface)
@@ -164,15 +166,15 @@ Bluetoothd::~Bluetoothd() {
 }
 
 void Bluetoothd::addDevice() {
-    device_ = std::make_unique<Thing>(
+    device_ = std::make_unique<BusObject>(
         *connection_, kDevicePath, "org.bluez.Device1",
-        Thing::Properties{{"Address", std::string("00:1A:7D:DA:71:13")},
-                          {"Adapter", sdbus::ObjectPath(kAdapterPath)},
-                          {"Name", std::string("T\u00efO;\r\n\U0001F50C")},
-                          {"UUIDs", std::vector<std::string>{uuid("fefb")}},
-                          {"RSSI", std::int16_t{-60}},
-                          {"Connected", false},
-                          {"ServicesResolved", false}},
+        BusObject::Properties{{"Address", std::string("00:1A:7D:DA:71:13")},
+                              {"Adapter", sdbus::ObjectPath(kAdapterPath)},
+                              {"Name", std::string("T\u00efO;\r\n\U0001F50C")},
+                              {"UUIDs", std::vector<std::string>{uuid("fefb")}},
+                              {"RSSI", std::int16_t{-60}},
+                              {"Connected", false},
+                              {"ServicesResolved", false}},
         [this](sdbus::IObject& object, const std::string& interface) {
             object.registerMethod("Connect").onInterface(interface).implementedAs([this] {
                 ++script_.connects;
@@ -194,14 +196,14 @@ void Bluetoothd::connected(bool is) {
 }
 
 void Bluetoothd::addGatt() {
-    gatt_["service"] = std::make_unique<Thing>(
+    gatt_["service"] = std::make_unique<BusObject>(
         *connection_, kServicePath, "org.bluez.GattService1",
-        Thing::Properties{{"UUID", uuid("fefb")}, {"Device", sdbus::ObjectPath(kDevicePath)}});
-    const auto add = [this](const std::string& name, Thing::Properties properties) {
+        BusObject::Properties{{"UUID", uuid("fefb")}, {"Device", sdbus::ObjectPath(kDevicePath)}});
+    const auto add = [this](const std::string& name, BusObject::Properties properties) {
         properties["UUID"] = uuid(name.c_str());
         properties["Service"] = sdbus::ObjectPath(kServicePath);
         properties["Value"] = std::vector<std::uint8_t>();
-        gatt_[name] = std::make_unique<Thing>(
+        gatt_[name] = std::make_unique<BusObject>(
             *connection_, kServicePath + "/char" + name, kCharacteristic, std::move(properties),
             [this, name](sdbus::IObject& object, const std::string& interface) {
                 addMethods(name, object, interface);
@@ -217,11 +219,11 @@ void Bluetoothd::addMethods(const std::string& name, sdbus::IObject& object, con
         ++script_.calls;
         const std::lock_guard lock(script_.mutex);
         if (!script_.notifyError.empty()) throw sdbus::Error(script_.notifyError, "no descriptor");
-        return handOut(script_.notifySocket);
+        return openSocketPair(script_.notifySocket);
     });
     object.registerMethod("AcquireWrite").onInterface(interface).implementedAs([this](const Options&) {
         ++script_.calls;
-        return handOut(script_.writeSocket);
+        return openSocketPair(script_.writeSocket);
     });
     object.registerMethod("StartNotify").onInterface(interface).implementedAs([this] { ++script_.calls; });
     object.registerMethod("StopNotify").onInterface(interface).implementedAs([this] { ++script_.calls; });

@@ -1,4 +1,4 @@
-// A system bus of the test's own, and on it a bluetoothd with one adapter and one peripheral.
+// A system bus for one test, and on it a stand-in for bluetoothd with one adapter and one peripheral.
 #pragma once
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -16,7 +16,7 @@
 
 namespace fake {
 
-// Ends with the object; DBUS_SYSTEM_BUS_ADDRESS leads to it.
+// The system bus: a dbus-daemon that runs as long as the object lives. Sets DBUS_SYSTEM_BUS_ADDRESS to it.
 class Daemon {
   public:
     Daemon();
@@ -35,17 +35,17 @@ inline const std::string kAdapterPath = "/org/bluez/hci0";
 inline const std::string kDevicePath = kAdapterPath + "/dev_00_1A_7D_DA_71_13";
 inline constexpr std::uint64_t kAddress = 0x001A7DDA7113;
 
-// One object with properties of one interface, which signal their changes.
-class Thing {
+// An object on the bus with one interface. It sends a signal when one of its properties changes.
+class BusObject {
   public:
     using Properties = std::map<std::string, sdbus::Variant>;
     using Methods = std::function<void(sdbus::IObject&, const std::string& interface)>;
 
-    Thing(sdbus::IConnection& connection, const std::string& path, std::string interface,
-          Properties properties, const Methods& methods = {});
-    ~Thing() { object_->emitInterfacesRemovedSignal(); }
-    Thing(const Thing&) = delete;
-    Thing& operator=(const Thing&) = delete;
+    BusObject(sdbus::IConnection& connection, const std::string& path, std::string interface,
+              Properties properties, const Methods& methods = {});
+    ~BusObject() { object_->emitInterfacesRemovedSignal(); }
+    BusObject(const BusObject&) = delete;
+    BusObject& operator=(const BusObject&) = delete;
 
     void set(const std::string& property, const sdbus::Variant& value);
     bool isTrue(const std::string& property) const;
@@ -57,21 +57,22 @@ class Thing {
     std::unique_ptr<sdbus::IObject> object_;
 };
 
-// What a test sets before, and looks at afterwards. The sockets are bluetoothd's ends.
+// What a test tells the stand-in to do, and what the stand-in has counted.
 struct Script {
-    std::atomic<bool> appears = false;  // with the next search
-    std::atomic<bool> resolves = true;  // the services of a connection
+    std::atomic<bool> appears = false;  // the device, at the next search
+    std::atomic<bool> resolves = true;  // the services of a new connection
     std::atomic<int> connects = 0;
     std::atomic<int> disconnects = 0;
-    std::atomic<int> searches = 0;
-    std::atomic<int> calls = 0;  // of a characteristic
+    std::atomic<int> searches = 0;  // that run now
+    std::atomic<int> calls = 0;     // of methods of characteristics
+    // The stand-in's ends of the sockets that it gave to the program; -1: none.
     std::atomic<int> notifySocket = -1;
     std::atomic<int> writeSocket = -1;
 
-    std::mutex mutex;
-    std::string refusal;              // guarded by mutex, like all: the message that connections fail with
-    std::string notifyError;          // the name of the error of AcquireNotify
-    std::vector<std::string> writes;  // "CHARACTERISTIC:TYPE:LENGTH"
+    std::mutex mutex;                 // guards the members below
+    std::string refusal;              // the message that Connect fails with; empty: it succeeds
+    std::string notifyError;          // the error that AcquireNotify fails with; empty: it succeeds
+    std::vector<std::string> writes;  // each "CHARACTERISTIC:TYPE:LENGTH"
 };
 
 class Bluetoothd {
@@ -81,15 +82,14 @@ class Bluetoothd {
     Bluetoothd(const Bluetoothd&) = delete;
     Bluetoothd& operator=(const Bluetoothd&) = delete;
 
-    Thing& adapter() { return *adapter_; }
-    Thing& device() { return *device_; }
-    Thing& characteristic(const std::string& name) { return *gatt_.at(name); }
+    BusObject& adapter() { return *adapter_; }
+    BusObject& device() { return *device_; }
+    BusObject& characteristic(const std::string& name) { return *gatt_.at(name); }
     void addDevice();
     void removeAdapter() { adapter_.reset(); }
-    // The link, with or without the object behind it.
-    void connected(bool is);
-    void drop();
-    void forget();
+    void connected(bool is);  // changes the properties of the device
+    void drop();              // ends the link
+    void forget();            // removes the device and its characteristics
 
   private:
     void addGatt();
@@ -97,9 +97,9 @@ class Bluetoothd {
 
     Script& script_;
     std::unique_ptr<sdbus::IConnection> connection_;
-    std::unique_ptr<Thing> adapter_;
-    std::unique_ptr<Thing> device_;
-    std::map<std::string, std::unique_ptr<Thing>> gatt_;
+    std::unique_ptr<BusObject> adapter_;
+    std::unique_ptr<BusObject> device_;
+    std::map<std::string, std::unique_ptr<BusObject>> gatt_;
 };
 
 }  // namespace fake

@@ -4,7 +4,7 @@
 
 #include "blescanner/lecomm.h"
 
-// What is taken must be an address of 48 bits.
+// An accepted text must give an address of 48 bits.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::wstring text;
     for (std::size_t i = 0; i + 1 < size; i += 2)

@@ -10,17 +10,17 @@
 
 namespace {
 
-// No radio and nobody in range: every command runs and ends at once.
+// Without radio and peripherals every command ends at once.
 constexpr const char* kEmptyWorld =
     R"({"time_scale": 1000000, "radios": [], "adapters": [], "peripherals": []})";
 
 }  // namespace
 
-// Bytes as a client may send them, in two reads.
+// The bytes of a client, in two reads.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const QuietLog quiet;
     static sim::WorldScope world(kEmptyWorld);
-    // The endpoints are never created: replies go nowhere, the data pipe's name is refused.
+    // No pipe exists: replies are dropped, and the data pipe cannot be created under this name.
     blescanner::settings().datPipeName = L"/nonexistent/pipe";
     blescanner::CNamedPipe shell;
     blescanner::CommandSet commands(shell);

@@ -43,7 +43,8 @@ struct Characteristic : GattCharacteristic {
 
 }  // namespace
 
-// A stream of value changes: each record is kind, behaviour of the writes, length, bytes.
+// A series of value changes. Each has a byte for its kind, one for how writes end, one for its length, and
+// its bytes.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const QuietLog quiet;
     auto context = std::make_shared<blescanner::TioContext>();

@@ -1,4 +1,4 @@
-// The program logs what it is fed; a fuzzer feeds too much of it.
+// Switches the log off: with all inputs of a fuzzer it would be too long.
 #pragma once
 
 #include <loguru.hpp>

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The program on a real Bluetooth stack: tests/lab/lab_test.py PROGRAM [TEST...]. Runs in the lab."""
+"""Tests the program on a real Bluetooth stack: tests/lab/lab_test.py PROGRAM [TEST...]. Runs in the lab (docs/lab.md)."""
 import contextlib
 import signal
 import sys
@@ -8,11 +8,14 @@ import time
 import traceback
 from pathlib import Path
 
-import lab
-from lab import ADDRESS, DEADLINE, HOST, PERIPHERAL, Bridge, Deviation, Peripheral, Transfer, check, echo, wait_until
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
+from bridge_client import Deviation, check, wait_until  # noqa: E402
+from lab_rig import machine  # noqa: E402
+from lab_rig.bridge import Bridge, Transfer, check_source, echo, start_program  # noqa: E402
+from lab_rig.machine import DEADLINE, HOST_ADAPTER, PERIPHERAL_ADAPTER, PERIPHERAL_ADDRESS  # noqa: E402
+from lab_rig.peripheral import Peripheral  # noqa: E402
 
 ECHO_BYTES = 200_000
-FOUND = ADDRESS.lower()
 
 
 class Tests:
@@ -25,7 +28,7 @@ class Tests:
 
     @contextlib.contextmanager
     def bridge(self):
-        """A program of the test's own; at the end of a test that went well it has to leave in peace."""
+        """A program of the test's own. When the test went well the program has to end cleanly upon "exit"."""
         bridge = Bridge(self.executable, self.fresh_folder())
         try:
             yield bridge
@@ -35,7 +38,7 @@ class Tests:
             raise
         finally:
             bridge.program.stop()
-        # Where a sanitizer reports.
+        # A sanitizer reports there, and nothing else writes to it.
         check(not bridge.program.errors.read_text(), bridge.program.errors.read_text())
 
     def fresh_peripheral(self, **settings):
@@ -47,7 +50,7 @@ class Tests:
     def start_anew(self):
         if self.peripheral:
             self.kill_peripheral()
-        lab.restart()
+        machine.restart()
 
     def no_violation(self):
         count = self.peripheral.counters()["violations"] - self.violations
@@ -63,11 +66,11 @@ class Tests:
         with self.bridge() as bridge:
             for name in ("", "TIO-LAB", "Zähler, 3. Stock"):
                 self.peripheral.do("vanish")
-                lab.forget_devices()
+                machine.forget_devices()
                 bridge.ask("lescan 1000", "N/A")
                 self.peripheral.do(f"appear {name}")
                 bridge.send("lescan 4000")
-                expected = FOUND + (f";{name}" if name else "")
+                expected = PERIPHERAL_ADDRESS.lower() + (f";{name}" if name else "")
                 answer = bridge.receive()
                 check(answer == expected, f"the scan found {answer!r}, not {expected!r}")
 
@@ -97,11 +100,11 @@ class Tests:
             self.fresh_peripheral(serial="sink")
             data = bridge.connect()
             before = self.peripheral.counters()["bytes_in"]
-            data.sendall(b"here")  # what comes before the data pipe is served is dropped
+            data.sendall(b"here")  # bytes from the peripheral are dropped until the program serves the data pipe
             wait_until(lambda: self.peripheral.counters()["bytes_in"] == before + 4, DEADLINE, "the first bytes' arrival")
             self.peripheral.do(f"set serial source:{ECHO_BYTES}")
             received = Transfer(data, b"", ECHO_BYTES).wait(DEADLINE)
-            check(received == bytes((i + i // 251) & 0xFF for i in range(ECHO_BYTES)), "the source's bytes differ")
+            check_source(received)
             bridge.disconnect(data)
 
     def test_reconnect(self):
@@ -117,13 +120,14 @@ class Tests:
             data = bridge.connect()
             echo(data, 1000)
             self.peripheral.do("vanish")
-            bridge.lost(data)
-            bridge.ask(f"connect {ADDRESS}", "OK", "ERROR TIO")
+            bridge.expect_loss(data)
+            bridge.ask(f"connect {PERIPHERAL_ADDRESS}", "OK", "ERROR TIO")
             self.peripheral.do("appear")
             self.session(bridge)
 
-    def trouble(self, cause, cure=lambda: None, says=""):
-        """In the middle of a transfer; the same program connects again afterwards."""
+    def break_link(self, cause, cure=lambda: None, logged=""):
+        """Breaks the link by `cause` in the middle of a transfer. The client is told, the log has the line `logged`, and
+        after `cure` the same program connects again."""
         self.fresh_peripheral()
         with self.bridge() as bridge:
             data = bridge.connect()
@@ -131,37 +135,37 @@ class Tests:
             wait_until(lambda: len(transfer.received) > 20_000, DEADLINE, "the transfer")
             cause()
             start = time.monotonic()
-            bridge.lost(data)
+            bridge.expect_loss(data)
             print(f"  told after {time.monotonic() - start:.1f} s", flush=True)
             transfer.wait(DEADLINE)
-            wait_until(lambda: says in bridge.program.log.read_text(), DEADLINE, f"{says!r} in the log")
+            wait_until(lambda: logged in bridge.program.log.read_text(), DEADLINE, f"{logged!r} in the log")
             cure()
             self.fresh_peripheral()
             self.session(bridge)
 
     def test_link_dropped(self):
-        self.trouble(lambda: self.peripheral.do("drop"))
+        self.break_link(lambda: self.peripheral.do("drop"))
 
     def test_peripheral_killed(self):
-        self.trouble(self.kill_peripheral)
+        self.break_link(self.kill_peripheral)
 
     def kill_peripheral(self):
         self.peripheral.kill()
         self.peripheral = None
 
     def test_adapter_switched_off(self):
-        self.trouble(lambda: lab.power(False, HOST), lambda: lab.power(True, HOST), "adapter hci0 was switched off")
+        self.break_link(lambda: machine.power(False, HOST_ADAPTER), lambda: machine.power(True, HOST_ADAPTER), "adapter hci0 was switched off")
 
     def test_adapter_unplugged(self):
         def unplug():
-            lab.end(lab.BTVIRT)
+            machine.end_daemon(machine.TWO_CONTROLLERS)
             self.kill_peripheral()
 
         def plug_in():
-            lab.start(lab.BTVIRT)
-            lab.wait_for_adapters()
+            machine.start_daemon(machine.TWO_CONTROLLERS)
+            machine.wait_for_adapters()
 
-        self.trouble(unplug, plug_in, "adapter hci0 is gone")
+        self.break_link(unplug, plug_in, "adapter hci0 is gone")
 
     def test_bluetoothd_restarted(self):
         self.restart_bluetoothd(signal.SIGTERM)
@@ -171,23 +175,23 @@ class Tests:
 
     def restart_bluetoothd(self, how):
         def end():
-            lab.end(lab.BLUETOOTHD, how)
+            machine.end_daemon(machine.BLUETOOTHD, how)
             self.kill_peripheral()
-            lab.start(lab.BLUETOOTHD)
+            machine.start_daemon(machine.BLUETOOTHD)
 
-        self.trouble(end, lab.wait_for_adapters, "bluetoothd has ended")
+        self.break_link(end, machine.wait_for_adapters, "bluetoothd has ended")
 
     def test_peripheral_without_service(self):
         self.stop_peripheral()
         empty = Peripheral("--no-service")
         with contextlib.closing(empty), self.bridge() as bridge:
-            bridge.ask(f"connect {ADDRESS}", "OK", "ERROR TIO")
+            bridge.ask(f"connect {PERIPHERAL_ADDRESS}", "OK", "ERROR TIO")
 
     def stop_peripheral(self):
         if self.peripheral:
             self.peripheral.close()
             self.peripheral = None
-        lab.forget_devices()
+        machine.forget_devices()
 
     def test_no_credits(self):
         self.fresh_peripheral(credits=0)
@@ -205,14 +209,14 @@ class Tests:
         self.fresh_peripheral()
         with self.bridge() as bridge:
             bridge.ask("resetbt", "OK")
-            lab.wait_for_adapters()
+            machine.wait_for_adapters()
             self.stop_peripheral()
             self.fresh_peripheral()
             self.session(bridge)
 
-    def unusable(self, *texts):
-        """The program says why and ends."""
-        program = lab.start_program(self.executable, self.fresh_folder())
+    def expect_refusal_to_start(self, *texts):
+        """Starts the program and checks that it tells these texts in its log and ends."""
+        program = start_program(self.executable, self.fresh_folder())
         try:
             code = program.process.wait(DEADLINE)
             log = program.log.read_text()
@@ -221,52 +225,52 @@ class Tests:
             program.stop()
 
     @contextlib.contextmanager
-    def only(self, *controllers):
-        """A machine with other adapters than usual, for a while."""
+    def other_controllers(self, *command):
+        """Replaces the two virtual controllers by those that the command starts, or by none."""
         self.stop_peripheral()
-        lab.end(lab.BTVIRT)
-        wait_until(lambda: HOST not in lab.objects(), DEADLINE, "the adapter's end")
+        machine.end_daemon(machine.TWO_CONTROLLERS)
+        wait_until(lambda: HOST_ADAPTER not in machine.objects(), DEADLINE, "the adapter's end")
         try:
-            if controllers:
-                lab.start(controllers)
-                wait_until(lambda: lab.powered(HOST), DEADLINE, "the adapter")
+            if command:
+                machine.start_daemon(command)
+                wait_until(lambda: machine.powered(HOST_ADAPTER), DEADLINE, "the adapter")
             yield
         finally:
-            lab.end(lab.BTVIRT)
-            wait_until(lambda: HOST not in lab.objects(), DEADLINE, "the adapter's end")
-            lab.start(lab.BTVIRT)
-            lab.wait_for_adapters()
+            machine.end_daemon(machine.TWO_CONTROLLERS)
+            wait_until(lambda: HOST_ADAPTER not in machine.objects(), DEADLINE, "the adapter's end")
+            machine.start_daemon(machine.TWO_CONTROLLERS)
+            machine.wait_for_adapters()
 
     def test_start_with_all_adapters_off(self):
-        lab.power(False, HOST, PERIPHERAL)
+        machine.power(False, HOST_ADAPTER, PERIPHERAL_ADAPTER)
         try:
-            self.unusable("BLE DISABLED!")
+            self.expect_refusal_to_start("BLE DISABLED!")
         finally:
-            lab.power(True, HOST, PERIPHERAL)
+            machine.power(True, HOST_ADAPTER, PERIPHERAL_ADAPTER)
 
     def test_start_with_the_only_adapter_off(self):
-        with self.only(*lab.ONE_ADAPTER):
-            lab.power(False, HOST)
+        with self.other_controllers(*machine.ONE_CONTROLLER):
+            machine.power(False, HOST_ADAPTER)
             with self.bridge() as bridge:
-                check(lab.powered(HOST), "the program did not switch the adapter on")
-                check("BLE ON" in bridge.stats(), "the client is not told that it is on")
+                check(machine.powered(HOST_ADAPTER), "the program did not switch the adapter on")
+                check("BLE ON" in bridge.stats(), "stats do not show the adapter as on")
 
     def test_start_without_adapter(self):
-        with self.only():
-            self.unusable("BLE NOT FOUND", "there is no adapter that is switched on")
+        with self.other_controllers():
+            self.expect_refusal_to_start("BLE NOT FOUND", "there is no adapter that is switched on")
 
     def test_start_without_bluetoothd(self):
         self.stop_peripheral()
-        lab.end(lab.BLUETOOTHD)
+        machine.end_daemon(machine.BLUETOOTHD)
         try:
-            self.unusable("BLE NOT FOUND", "bluetoothd does not run")
+            self.expect_refusal_to_start("BLE NOT FOUND", "bluetoothd does not run")
         finally:
-            lab.start(lab.BLUETOOTHD)
-            lab.wait_for_adapters()
+            machine.start_daemon(machine.BLUETOOTHD)
+            machine.wait_for_adapters()
 
 
 def main(program, *names):
-    lab.wait_for_adapters()
+    machine.wait_for_adapters()
     failed = 0
     with tempfile.TemporaryDirectory(prefix="ziqble-lab-") as temporary:
         folder = Path(temporary)

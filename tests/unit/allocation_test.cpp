@@ -1,5 +1,5 @@
-// The way of a received packet needs no memory of its own.
-#ifndef ZIQBLE_SANITIZED  // a sanitizer counts for itself
+// Receiving a packet allocates no memory.
+#ifndef ZIQBLE_SANITIZED  // a sanitizer has its own operator new
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-// The BlueZ back end against a bluetoothd of the test's own.
+// The BlueZ back end against a stand-in for bluetoothd on a bus of its own.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -50,8 +50,9 @@ class Bluez : public testing::Test {
         script_.*field = value;
     }
 
-    // Signals keep their order: the program knows all that was signalled before.
-    void settle() {
+    // Waits until the program has received all signals that were sent so far. Signals keep their order, so it
+    // is enough to wait for the last one.
+    void awaitSignals() {
         bluetoothd_->adapter().set("Alias", "settled " + std::to_string(++settled_));
         const auto known = [this] { return platform::getRadiosAsync()->getResults().value().at(0)->name(); };
         ASSERT_TRUE(eventually([&] { return known() == L"settled " + std::to_wstring(settled_); }));
@@ -82,7 +83,7 @@ class Bluez : public testing::Test {
         return *known;
     }
 
-    // Stays valid for a while: what is received is shared.
+    // Collects the values in received_ as long as the subscription lives.
     platform::Subscription collect(std::uint16_t uuid) {
         return characteristic(uuid).onValueChanged([this](auto* sender, const auto* args) {
             EXPECT_NE(sender, nullptr);
@@ -115,7 +116,7 @@ class Bluez : public testing::Test {
     std::vector<Bytes> received_;  // guarded by mutex_
 };
 
-TEST_F(Bluez, SwitchesRadiosAndSeesThemGo) {
+TEST_F(Bluez, SwitchesRadiosAndNoticesTheirRemoval) {
     const auto radios = platform::getRadiosAsync()->getResults();
     ASSERT_EQ(radios.value().size(), 1U);
     const auto& radio = *radios->front();
@@ -133,7 +134,7 @@ TEST_F(Bluez, SwitchesRadiosAndSeesThemGo) {
     EXPECT_TRUE(eventually([] { return lookUp()->errorCode() == platform::kRoEClosed; }));
 }
 
-TEST_F(Bluez, GoesOnWithoutABusAndWithANewOne) {
+TEST_F(Bluez, SurvivesTheLossOfTheBusAndUsesANewOne) {
     EXPECT_EQ(platform::getRadiosAsync()->getResults().value().size(), 1U);
     bluetoothd_.reset();
     daemon_.kill();
@@ -147,7 +148,7 @@ TEST_F(Bluez, GoesOnWithoutABusAndWithANewOne) {
     bluetoothd_.reset();
 }
 
-TEST(BluezAdapter, ReadsSwitchesAndTheKernelsReply) {
+TEST(BluezAdapter, ReadsRfkillSwitchesAndTheKernelsVersionReply) {
     const auto folder =
         std::filesystem::temp_directory_path() / ("ziqble-rfkill-" + std::to_string(::getpid()));
     std::filesystem::create_directories(folder / "hci0" / "rfkill7");
@@ -201,7 +202,7 @@ TEST_F(Bluez, HearsAdvertisements) {
     received.reset();
     bluetoothd_->device().set("RSSI", std::int16_t{-40});
     {
-        // A search of the look-up's own, within the watcher's.
+        // The look-up starts a search of its own while the watcher's runs.
         findDevice();
     }
     EXPECT_EQ(script_.searches, 1);
@@ -210,7 +211,7 @@ TEST_F(Bluez, HearsAdvertisements) {
     EXPECT_EQ(count(), 2U);
 }
 
-TEST_F(Bluez, FindsADeviceThatAppearsAndIsCancelledWhereNoneDoes) {
+TEST_F(Bluez, SearchesForADeviceUntilItAppearsOrTheProgramEnds) {
     {
         std::shared_ptr<platform::AsyncInfo> pending;
         std::atomic<bool> searching = false;
@@ -221,13 +222,13 @@ TEST_F(Bluez, FindsADeviceThatAppearsAndIsCancelledWhereNoneDoes) {
         EXPECT_EQ(pending->status(), AsyncStatus::canceled);
     }
     runtime_ = std::make_unique<platform::BluetoothRuntime>();
-    script_.searches = 0;  // bluetoothd ends those of a client that has gone
+    script_.searches = 0;  // bluetoothd ends the searches of a client that has left the bus
     script_.appears = true;
     EXPECT_NE(lookUp()->getResults(), nullptr);
     EXPECT_EQ(script_.searches, 0);
 }
 
-TEST_F(Bluez, ConnectsForTheServicesAndEndsWhatItMade) {
+TEST_F(Bluez, ConnectsToFindServicesAndEndsItsOwnConnection) {
     script(&fake::Script::refusal, "le-connection-abort-by-local");
     findDevice();
     EXPECT_EQ(device_->getGattServicesForUuidAsync(kService)->getResults().status,
@@ -249,7 +250,7 @@ TEST_F(Bluez, ConnectsForTheServicesAndEndsWhatItMade) {
         device_->getGattServicesForUuidAsync(platform::bluetoothUuid(1))->getResults().services->empty());
     EXPECT_EQ(device_->gattServices().size(), 1U);
 
-    // Another user of the same link keeps it.
+    // The link stays as long as one object uses it.
     const auto other = lookUp()->getResults();
     service_.reset();
     device_.reset();
@@ -257,15 +258,15 @@ TEST_F(Bluez, ConnectsForTheServicesAndEndsWhatItMade) {
     EXPECT_EQ(script_.disconnects, 0);
 }
 
-TEST_F(Bluez, LeavesALinkAloneThatWasThereBefore) {
+TEST_F(Bluez, DoesNotEndALinkThatWasThereBefore) {
     findService();
     service_.reset();
     device_.reset();
     EXPECT_TRUE(eventually([this] { return script_.disconnects == 1; }));
-    settle();
+    awaitSignals();
     bluetoothd_->device().set("Connected", true);
     bluetoothd_->device().set("ServicesResolved", true);
-    settle();
+    awaitSignals();
     findService();
     service_.reset();
     device_.reset();
@@ -274,8 +275,8 @@ TEST_F(Bluez, LeavesALinkAloneThatWasThereBefore) {
     EXPECT_EQ(script_.disconnects, 1);
 }
 
-// An attempt that somebody else has under way is waited for; the link is theirs.
-TEST_F(Bluez, TakesPartInALinkThatAnotherMakes) {
+// When another program is just connecting, this one waits for the link, and does not end it afterwards.
+TEST_F(Bluez, WaitsForALinkThatAnotherProgramMakes) {
     script(&fake::Script::refusal, "Operation already in progress");
     findDevice();
     std::thread other([this] {
@@ -294,13 +295,13 @@ TEST_F(Bluez, SearchesAgainWhereBluetoothdHasEndedTheSearch) {
     const auto watcher = platform::createAdvertisementWatcher();
     watcher->start();
     EXPECT_EQ(script_.searches, 1);
-    script_.searches = 0;  // as with the adapter's power
+    script_.searches = 0;  // as when the adapter is switched off
     script_.appears = true;
     EXPECT_NE(lookUp()->getResults(), nullptr);
-    EXPECT_EQ(script_.searches, 1) << "the watcher's goes on";
+    EXPECT_EQ(script_.searches, 1) << "the watcher's search goes on";
 }
 
-TEST_F(Bluez, SaysWhatToDo) {
+TEST_F(Bluez, LogsWhatIsMissing) {
     const test::LogCapture log;
     const auto says = [&](const std::string& text) { return eventually([&] { return log.find(text); }); };
     EXPECT_EQ(platform::getRadiosAsync()->getResults().value().size(), 1U);
@@ -318,7 +319,7 @@ TEST_F(Bluez, SaysWhatToDo) {
     EXPECT_TRUE(says("the system bus cannot be reached"));
 }
 
-TEST(BluezError, TellsTheLinksFailuresFromOthers) {
+TEST(BluezError, DistinguishesFailuresOfTheLinkFromOthers) {
     const struct {
         const char* name;
         const char* message;
@@ -367,7 +368,7 @@ TEST_F(Bluez, NotifiesInOrderThroughTheDescriptor) {
     EXPECT_EQ(::send(script_.notifySocket, &late, 1, MSG_NOSIGNAL), -1) << "given back";
 }
 
-// Where the descriptor is not offered, or somebody else has it.
+// Without a descriptor: bluetoothd does not offer it, or another program has it.
 TEST_F(Bluez, NotifiesInOrderThroughSignals) {
     findService();
     const struct {
@@ -414,7 +415,7 @@ TEST_F(Bluez, WritesInOrderAndWaitsForTheLink) {
     EXPECT_EQ(script_.calls, 1) << "one call, however many packets";
 }
 
-TEST_F(Bluez, WritesByCallsWhatTheDescriptorCannotCarry) {
+TEST_F(Bluez, WritesWithCallsWhenTheDescriptorCannotBeUsed) {
     findService();
     for (const std::size_t size : {97, 98, 3, 98}) {
         EXPECT_EQ(write(Bytes(size))->getResults(), GattCommunicationStatus::success);
@@ -428,7 +429,7 @@ TEST_F(Bluez, WritesByCallsWhatTheDescriptorCannotCarry) {
     EXPECT_EQ(::recv(script_.writeSocket, packet.data(), packet.size(), 0), 0) << "given back";
 }
 
-TEST_F(Bluez, TellsOfALostLink) {
+TEST_F(Bluez, ReportsALostLink) {
     findService();
     std::atomic<int> closed = 0;
     const auto session = service_->session();
@@ -451,7 +452,7 @@ TEST_F(Bluez, TellsOfALostLink) {
     EXPECT_EQ(closed, 1);
 }
 
-TEST_F(Bluez, OutlivesBluetoothd) {
+TEST_F(Bluez, WorksAgainAfterARestartOfBluetoothd) {
     findService();
     std::atomic<int> closed = 0;
     const auto session = service_->session();
@@ -469,7 +470,7 @@ TEST_F(Bluez, OutlivesBluetoothd) {
     EXPECT_EQ(write(Bytes(1))->getResults(), GattCommunicationStatus::success);
     EXPECT_EQ(old->writeValueAsync(Bytes(1), GattWriteOption::writeWithResponse)->errorCode(),
               platform::kRoEClosed)
-        << "its object is gone, though there is one of the same name";
+        << "this object is gone, although a new one has the same path";
 }
 
 }  // namespace

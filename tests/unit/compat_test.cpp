@@ -1,4 +1,4 @@
-// What the program relies on in its two libraries, installed or not.
+// What the program needs from its two libraries, whether they are installed or come from compat/.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -158,7 +158,7 @@ std::string errorOf(Call call) {
     return "none";
 }
 
-// What comes of one command line: number of switches|values|non-options|unknown options, or the error.
+// Parses a command line. Returns "SWITCHES|VALUES|NON-OPTIONS|UNKNOWN OPTIONS", or the error's text.
 std::string parsed(std::vector<const char*> arguments) {
     popl::OptionParser parser("Title");
     const auto flag = parser.add<popl::Switch>("s", "switch", "A switch");

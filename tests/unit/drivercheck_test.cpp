@@ -30,7 +30,7 @@ std::string repeated(const std::string& item, int count) {
     return count == 1 ? item : item + "," + repeated(item, count - 1);
 }
 
-// The log of a check of these devices.
+// Checks these devices and returns the log.
 std::unique_ptr<test::LogCapture> check(const std::string& devices) {
     sim::WorldScope world(R"({"drivers": [)" + devices + "]}");
     auto log = std::make_unique<test::LogCapture>();
@@ -92,7 +92,7 @@ TEST(DriverCheck, RulesByDateAndManufacturer) {
     }
 }
 
-// Shows the double shift wherever the local time is not UTC.
+// Where the local time is not UTC, the date in the warning is shifted twice.
 TEST(DriverCheck, ListingAndWarnings) {
     const auto dateText = [](platform::FileTime time) {
         return platform::toUtf8(platform::formatLongDateAndTime(platform::toCalendarTime(time)));

@@ -1,4 +1,4 @@
-// Plays every cell of the tables in docs/failures.md: the document is the list of cases.
+// Plays every cell of the tables in docs/failures.md. The document is the list of cases.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -69,7 +69,7 @@ std::string scenario(const Case& item) {
     text << R"({"os_version": [10, 0, )" << (newer ? "15063" : "15062") << R"(], "peripherals": [{)";
     // The full listing is asked for only when the look-up by UUID has failed.
     if (newer && item.point == "services:all") text << R"("appears_after_listing": true, )";
-    // Without MTUs nothing else is under way when the fault comes.
+    // Without the MTU characteristics no other write is under way when the fault comes.
     if (item.duringTransfer || item.point == "session") {
         text << R"("characteristics": ["TX", "RX", "CRTX", "CRRX"], )";
     }
@@ -79,8 +79,8 @@ std::string scenario(const Case& item) {
     return text.str();
 }
 
-// What may come: the lines of the cell. With a dropped link the status may be missing, and where another
-// thread than the session's notices the drop, the session may have announced itself before.
+// Expects the lines of the cell. "STATUS CLOSED" may be missing before "TIO DROP". "CONNECT TIO" may come
+// before "TIO DROP" when another thread than the session's notices the drop.
 void expectLines(test::Link& link, const std::string& expected) {
     std::istringstream list(expected);
     for (std::string wanted; std::getline(list, wanted, ',');) {
@@ -91,8 +91,8 @@ void expectLines(test::Link& link, const std::string& expected) {
     }
 }
 
-// Where no line tells: the packet that was hit counts as sent, and the second grant comes with the thirtieth
-// of 20 bytes.
+// Waits for a fault that no line tells of. The packet that failed counts as sent; the second grant is made
+// after the thirtieth packet of 20 bytes.
 void waitForTheFault(test::Link& link, const Case& item) {
     if (item.point == "write:RX" && item.action == "hang") return;
     const auto& context = link.context();
@@ -103,7 +103,7 @@ void waitForTheFault(test::Link& link, const Case& item) {
     }
 }
 
-// Whether the session is over by itself, before anybody stops it.
+// Checks whether the session has ended by itself, before the test stops it.
 void expectStateBeforeStop(test::Link& link, const Case& item) {
     const auto tells = [&](const char* line) { return item.expected.find(line) != std::string::npos; };
     if (item.expected == "waits") {
@@ -132,7 +132,7 @@ void play(const Case& item) {
     } else if (item.expected != "waits") {
         expectLines(link, item.expected);
     }
-    // What hangs has to get there first.
+    // A call that hangs has to be made first; nothing tells when that is.
     EXPECT_EQ(link.line(item.action == "hang" ? 100ms : 5ms), "");
 
     expectStateBeforeStop(link, item);
@@ -169,7 +169,7 @@ TEST(FailureMatrix, TheClientGetsWhatTheDocumentSays) {
         return now.threads <= before.threads + e2e::kResourceNoise &&
                now.handles <= before.handles + e2e::kResourceNoise;
     };
-    // A thread that has been waited for may still be on its way out of the system.
+    // A thread that has ended for the program may still exist for the system for a moment.
     for (int attempt = 0; attempt < 1000 && !settled(); ++attempt)
         std::this_thread::sleep_for(2ms);
     EXPECT_TRUE(settled());

@@ -27,8 +27,7 @@ TEST(HostEvent, LowestSignalledEventIsReportedAndStaysSet) {
     EXPECT_EQ(waitAny(events, std::chrono::nanoseconds::max()), 2u);
 }
 
-// Each signal comes just as the wait begins (which takes longer for many events): a lost wake-up is a
-// time-out.
+// Each signal is set just when the wait begins. A lost wake-up shows as a time-out.
 TEST(HostEvent, NoWakeUpIsLost) {
     constexpr int kRounds = 20'000;
     Event event;
@@ -47,7 +46,7 @@ TEST(HostEvent, NoWakeUpIsLost) {
     }
     setter.join();
 
-    // A wake-up left over from an earlier round must not keep the processor busy.
+    // A wake-up that is left over from an earlier round must not make the wait spin.
     const auto begin = e2e::ownProcessorTime();
     EXPECT_EQ(waitAny(std::array{&event}, milliseconds(100)), std::nullopt);
     EXPECT_LT(e2e::ownProcessorTime() - begin, milliseconds(50));

@@ -1,4 +1,4 @@
-// A pipe of the host with a client.
+// A fixture with a pipe of the host and its client.
 #pragma once
 
 #include <gtest/gtest.h>

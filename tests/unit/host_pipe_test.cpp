@@ -12,7 +12,7 @@ namespace {
 using e2e::PipeClient;
 using enum SystemError;
 
-TEST_F(HostPipe, EarlyClientIsReportedAndOnlyOneWhoComesAfterwardsIsAnArrival) {
+TEST_F(HostPipe, ReportsAClientThatCameEarlyAndServesTheNextOne) {
     open();
     const SystemError tooEarly = pipe_->startRead(request_, buffer_).error;
     EXPECT_FALSE(tooEarly == none || tooEarly == ioPending);
@@ -41,8 +41,8 @@ TEST_F(HostPipe, PendingReadIsKeptAndACancelledOneLosesNothing) {
     EXPECT_EQ(pipe_->startRead(request_, buffer_).error, ioPending);
     client.send("abc");
     ASSERT_TRUE(wait());
-    EXPECT_EQ(pipe_->startRead(request_, unused).error, ioPending) << "nobody has looked at the bytes yet";
-    EXPECT_EQ(pipe_->cancel(request_).bytes, 3U) << "had finished before";
+    EXPECT_EQ(pipe_->startRead(request_, unused).error, ioPending) << "the result has not been taken yet";
+    EXPECT_EQ(pipe_->cancel(request_).bytes, 3U) << "the read had finished before";
     EXPECT_EQ(buffer_[2], 'c');
     EXPECT_EQ(unused, Bytes(512));
 

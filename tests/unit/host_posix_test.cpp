@@ -43,7 +43,7 @@ TEST_F(HostPipe, WriteToASlowClientReportsExactlyWhatItGets) {
     EXPECT_EQ(waitAny(std::array{&request_.event()}, 5ms), std::nullopt);
     const IoResult cancelled = pipe_->cancel(request_);
     EXPECT_EQ(cancelled.error, operationAborted);
-    EXPECT_LT(cancelled.bytes, 1U << 20) << "what nobody reads must not pile up";
+    EXPECT_LT(cancelled.bytes, 1U << 20) << "bytes that nobody reads must not pile up";
     ASSERT_EQ(client.readBytes(cancelled.bytes).size(), cancelled.bytes);
 
     std::string received;
@@ -76,7 +76,7 @@ TEST_F(HostPipe, AClientThatHasOnlyEndedItsSendingHasNotLeft) {
 
 TEST_F(HostPipe, SecondClientWaitsAndTheFirstOnesLastBytesAreRead) {
     PipeClient first = openWithClient(), second = newClient();
-    pipe_->startWrite(request_, buffer_);  // unread: its end will be reset, not just closed
+    pipe_->startWrite(request_, buffer_);  // not read, so that closing the client's end resets the connection
     second.send("2");
     first.send("1");
     first.close();

@@ -1,4 +1,4 @@
-// The link session: address, odd values from the peripheral, the way of the bytes.
+// The link session: the address, unusual values from the peripheral, moving bytes, stopping.
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 using blescanner::parseBleAddress;
 using test::eventually;
 
-TEST(BleAddress, TakesWhatTheScanFormatTakesAndNothingElse) {
+TEST(BleAddress, AcceptsTheScanFormatAndNothingElse) {
     EXPECT_EQ(parseBleAddress(L"00:1A:7d:DA:71:13"), 0x001A7DDA7113U);
     EXPECT_EQ(parseBleAddress(L" ff:ff:ff:ff:ff:ff"), 0xFFFFFFFFFFFFU);
     EXPECT_EQ(parseBleAddress(L"1:2:3:4:5:6"), 0x010203040506U);
@@ -40,7 +40,7 @@ TEST(Link, GoesThroughItsStepsInOrder) {
     ASSERT_EQ(link.line(), "CONNECT TIO");
     EXPECT_TRUE(eventually([&] { return log.find("Starting communication loop..."); }));
     EXPECT_EQ(sleeps.sleeps(), (std::vector<long long>{500, 100, 250, 150, 250, 100}));
-    // A session that runs is left alone.
+    // A second start leaves the running session alone.
     EXPECT_EQ(blescanner::lecommStart(nullptr, L"x"), 0);
     EXPECT_TRUE(log.find("LECOMM already started!"));
     link.stop();
@@ -76,7 +76,7 @@ TEST(Link, GoesThroughItsStepsInOrder) {
     }
 }
 
-TEST(Link, TakesOddValuesOfThePeripheral) {
+TEST(Link, HandlesUnusualValuesFromThePeripheral) {
     test::LogCapture log;
     test::Link link(R"({"peripherals": [{"serial": "sink", "initial_credits": 0, "regrant_at": 0}]})");
     link.connect();
@@ -105,7 +105,7 @@ TEST(Link, TakesOddValuesOfThePeripheral) {
         EXPECT_TRUE(eventually([&] { return context.txMtu == item.mtu; })) << item.mtu;
     }
 
-    // A value without bytes and a missing one cost a credit each; what is longer than 1024 bytes is cut.
+    // An empty value and a missing one cost a credit each; a value longer than 1024 bytes is cut.
     EXPECT_EQ(context.localCredits, 40);
     peripheral.sendNotification(sim::CharacteristicKind::tx, std::vector<std::uint8_t>{});
     peripheral.sendNotification(sim::CharacteristicKind::tx, std::nullopt);
@@ -114,7 +114,7 @@ TEST(Link, TakesOddValuesOfThePeripheral) {
     EXPECT_TRUE(eventually([&] { return context.localCredits == 37 && context.rxBytes == 1024; }));
     EXPECT_TRUE(log.find("__chValueChanged (TX_UUID) with NULL data!"));
 
-    // The thirtieth notification leaves ten credits and brings them back to forty.
+    // The thirtieth notification leaves ten credits, so that the program grants thirty new ones.
     for (int i = 0; i < 26; ++i)
         peripheral.sendNotification(sim::CharacteristicKind::tx, std::vector<std::uint8_t>{1});
     EXPECT_TRUE(eventually([&] { return context.localCredits == 11; }));
@@ -142,7 +142,7 @@ TEST(Link, WithoutCreditsNothingIsSentUntilTheLinkDrops) {
     EXPECT_NE(link.context().dataPipe.load(), nullptr);
 }
 
-TEST(Link, AClientThatIsTooEarlyHasToComeAgain) {
+TEST(Link, AClientThatOpensTheDataPipeTooEarlyHasToOpenItAgain) {
     test::LogCapture log;
     test::Link link("{}");
     link.connect();
@@ -153,13 +153,13 @@ TEST(Link, AClientThatIsTooEarlyHasToComeAgain) {
     auto data = link.openData();
     data.send("here");
     EXPECT_EQ(data.readBytes(4), "here");
-    // One that leaves ends the pump; the session then waits to be stopped.
+    // When the client leaves, the pump ends, and the session waits until it is stopped.
     data.close();
     EXPECT_TRUE(eventually([&] { return log.find("Data pipe broken (disconnected)!"); }));
     EXPECT_TRUE(eventually([&] { return log.find("Expecting disconnect..."); }));
 }
 
-TEST(LegacyLink, PairsWhatItCanAndWalksTheListing) {
+TEST(LegacyLink, PairsAndSearchesTheListing) {
     struct Case {
         const char* peripheral;
         const char* logged;

@@ -1,4 +1,5 @@
-// One link session in this process: the real session code between the simulated world and a real data pipe.
+// A link session in this process: the program's session code between the simulated world and a real data
+// pipe.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -28,15 +29,14 @@ class Link {
   public:
     explicit Link(const std::string& scenario) {
         world_.emplace(scenario);
-        loguru::g_stderr_verbosity =
-            loguru::Verbosity_OFF;  // thousands of lines, of which a test captures what it needs
+        loguru::g_stderr_verbosity = loguru::Verbosity_OFF;  // a test reads the log by LogCapture
         platform::setTimeScale(500);
         blescanner::settings().datPipeName = platform::widen(e2e::dataPipe(folder_.path()).string());
         blescanner::linkNotification().open();
     }
     ~Link() {
         stop();
-        world_.reset();  // a session may hang in a call of it
+        world_.reset();  // ends the calls of the world that a session may hang in
         EXPECT_TRUE(ended());
         blescanner::linkNotification().close();
         platform::setTimeScale(1);
@@ -48,7 +48,7 @@ class Link {
         pipe_ = blescanner::createDataPipe();
         EXPECT_EQ(blescanner::lecommStart(pipe_, address), 0);
     }
-    // As the shell does it.
+    // Does what the shell does for "disconnect".
     void stop() {
         blescanner::stopLink(context());
         if (pipe_) pipe_->close();

@@ -12,7 +12,7 @@
 
 namespace test {
 
-// Every call from any thread. Several may live at a time; each sees every line.
+// Threads: any. Several may exist at a time; each gets every line.
 class LogCapture {
   public:
     LogCapture() { loguru::add_callback(id_.c_str(), &LogCapture::collect, this, loguru::Verbosity_MAX); }
@@ -22,7 +22,7 @@ class LogCapture {
         const std::lock_guard guard(mutex_);
         return texts_;
     }
-    // How many lines hold this text.
+    // How many lines contain this text.
     std::ptrdiff_t count(std::string_view part) const {
         const auto all = texts();
         return std::count_if(all.begin(), all.end(),

@@ -22,7 +22,7 @@ const std::string kHelp =
     "  -d, --datPipe arg  Data pipe    [default \\\\.\\\\pipe\\ZIQBLECOM]\n"
     "  -f, --logfile arg  Log to file in addition to stdout [default is none]\n";
 
-// Runs in an empty directory of its own.
+// Runs each test in an empty directory.
 class OptionsTest : public testing::Test {
   protected:
     OptionsTest() {

@@ -17,7 +17,7 @@ std::string radio(const std::string& state, const std::string& more = "") {
     return R"({"state": ")" + state + R"(")" + more + "}";
 }
 
-// With one driver, for which no look-up is due: its listing shows that the driver check has run.
+// Has one driver, so that its line in the log shows that the driver check has run.
 std::string scenario(const std::string& radios) {
     return R"({"radios": )" + radios +
            R"(, "drivers": [{"compatible": [{"date": "2016-05-01T12:00:00Z"}]}]})";

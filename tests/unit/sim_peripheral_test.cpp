@@ -1,4 +1,4 @@
-// The simulated world through the seam that the program uses.
+// The simulated world, used through the interfaces of platform/ as the program does.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -33,7 +33,7 @@ auto await(const Operation& operation) {
     return operation->getResults();
 }
 
-// What one registration has received; an empty packet for a missing value.
+// Collects the values of one subscription. A missing value becomes an empty packet.
 class Inbox {
   public:
     void add(const platform::GattValueChangedEventArgs* args) {
@@ -54,14 +54,14 @@ class Inbox {
         return all;
     }
 
-    std::mutex gate;  // holds back the handler
+    std::mutex gate;  // while it is locked the handler waits
 
   private:
     mutable std::mutex mutex_;
     std::vector<Bytes> packets_;
 };
 
-// A host's session with the peripheral of a world.
+// A host that is connected to the peripheral of the world and has its characteristics.
 struct Host {
     std::shared_ptr<platform::BluetoothLEDevice> device =
         await(platform::bluetoothLEDeviceFromAddressAsync(0x001A7DDA7113));
@@ -198,7 +198,7 @@ TEST(SimPeripheral, PacingKeepsToPacketsPerIntervalInBothDirections) {
     EXPECT_EQ(writes.back()->status(), AsyncStatus::started);
     for (const auto& write : writes)
         EXPECT_EQ(await(write), kSuccess);
-    // The first two may use the rest of one interval, the last two the start of another.
+    // Twenty writes, two in an interval, take at least eight whole intervals and parts of two others.
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 80ms);
     ASSERT_TRUE(host.data.waitFor(writes.size()));
 

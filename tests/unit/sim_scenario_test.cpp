@@ -1,4 +1,4 @@
-// Scenario files: what is taken over, and how bad ones are refused.
+// Reading scenario files, and refusing bad ones.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -21,8 +21,8 @@ std::string refusal(Call call) {
     return "accepted";
 }
 
-// A text that is no whole scenario is a key of the only peripheral.
-TEST(SimScenario, BadScenariosNameTheKeyAndWhatStoodThere) {
+// A text that begins with a quotation mark is a key of the only peripheral; any other is a whole scenario.
+TEST(SimScenario, ErrorsNameTheKeyAndTheValue) {
     const std::tuple<std::string, std::string, std::string> cases[] = {
         {"", "line 1, column 1", "JSON"},
         {"{\n \"radios\": [}", "line 2", "column"},

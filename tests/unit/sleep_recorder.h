@@ -9,8 +9,8 @@
 
 namespace test {
 
-// Make it after the simulated world, which sets a time scale of its own, and while no other thread sleeps.
-// One at a time.
+// Create it after the simulated world, which sets a time scale of its own, and while no other thread sleeps.
+// Only one may exist at a time.
 class SleepRecorder {
   public:
     explicit SleepRecorder(double timeScale = 1000) {

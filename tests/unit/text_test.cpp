@@ -26,7 +26,7 @@ TEST(Text, Utf8BecomesUtf16UnitsAndBack) {
     }
 }
 
-TEST(Text, WhatIsBrokenIsReplacedAndTheRestKept) {
+TEST(Text, ReplacesInvalidBytesAndKeepsTheRest) {
     EXPECT_EQ(widen("\x80z\xC0\xAFz"), units({0xFFFD, 'z', 0xFFFD, 0xFFFD, 'z'}));  // no lead, overlong
     EXPECT_EQ(widen("\xE2\x82z\xF0\x9F\x98"), units({0xFFFD, 'z', 0xFFFD}));        // cut short
     EXPECT_EQ(widen("\xED\xA0\x80"), units({0xFFFD, 0xFFFD, 0xFFFD}));              // a surrogate
@@ -62,7 +62,7 @@ TEST(Guid, RegistryForm) {
 }
 
 TEST(Error, MessageOfAResultCode) {
-    // The host's words: "Access is denied." or nearly so.
+    // The wording is the host's: "Access is denied." or a similar one.
     EXPECT_TRUE(systemMessage(hresult(0x80070005)).starts_with("Access "));
     EXPECT_TRUE(systemMessage(hresult(0x80070005)).ends_with("denied."));
     EXPECT_STREQ(PlatformError(hresult(0x8123ABCD)).what(), "HRESULT 0x8123ABCD");

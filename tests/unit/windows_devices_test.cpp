@@ -1,4 +1,4 @@
-// The adapters and the drivers as Windows shows them, against devices that answer.
+// The Windows back end's adapters and drivers, with the devices that tests/wine_devices puts into Wine.
 #include "blescanner/blehelper.h"
 #include "blescanner/btdrivercheck.h"
 #include "log_capture.h"
@@ -9,7 +9,7 @@
 #include "tests/e2e/harness.h"
 #include "tests/wine_devices/test_devices.h"
 
-// After the system's headers.
+// Has to come after the system's headers.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -28,7 +28,8 @@ const DriverPackage kPackages[] = {
 
 }  // namespace
 
-// Wine 8 leaves a driver's date and version alone. They are put in here as Windows does: midnight, UTC.
+// Wine 8 does not fill in a driver's date and version. This does it as Windows would: the date as midnight in
+// UTC.
 extern "C" decltype(&::SetupDiEnumDriverInfoW) __real___imp_SetupDiEnumDriverInfoW;
 
 static BOOL WINAPI enumDriverInfo(HDEVINFO set, SP_DEVINFO_DATA* device, DWORD type, DWORD index,
@@ -114,7 +115,7 @@ TEST_F(WindowsRadios, ScanCommands) {
     }
 }
 
-TEST_F(WindowsRadios, NoneAtAll) {
+TEST_F(WindowsRadios, NoRadios) {
     driver_->setUp({});
     const test::LogCapture log;
     std::vector<RadioVersionInfo> list;
@@ -139,7 +140,7 @@ TEST_F(WindowsRadios, NoHandleStaysOpen) {
     EXPECT_LE(e2e::ownResources().handles, before + e2e::kResourceNoise);
 }
 
-// Two hours east of UTC: the listing shows a date shifted once, the warning one shifted twice.
+// The test runs two hours east of UTC. The date in the listing is shifted once, that in the warning twice.
 TEST(WindowsDrivers, ListingAndWarnings) {
     const auto text = [](const platform::CalendarTime& time) {
         return platform::toUtf8(platform::formatLongDateAndTime(time));

@@ -1,5 +1,5 @@
-// The identifiers of the generic interfaces. Whoever compiles against the same headers agrees with itself, so
-// the figures here are the platform's own, from its public metadata.
+// The identifiers of the generic interfaces. The program and the provider are compiled against the same
+// headers and would agree on a wrong identifier, so these are compared with the platform's public metadata.
 #include <gtest/gtest.h>
 #include <windows.devices.bluetooth.advertisement.h>
 #include <windows.devices.bluetooth.genericattributeprofile.h>

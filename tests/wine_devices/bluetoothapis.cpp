@@ -1,5 +1,5 @@
-// Stands in for the system's library of this name, whose radio calls end a program under Wine: finds the
-// radios of the radio driver for tests. As strict about the sizes that a caller gives as the system's.
+// A stand-in for the system's library of this name, because the radio calls of Wine's own end the program.
+// It finds the radios of the test's radio driver. Like the system's library it refuses wrong structure sizes.
 #include <windows.h>
 
 #include <bluetoothapis.h>
@@ -22,8 +22,8 @@ HANDLE openRadio(ULONG index) {
 
 }  // namespace
 
-// A search is a semaphore that counts the radios found, so that one left open is one of the program's
-// handles.
+// A search is a semaphore that counts the radios found. So a search that the program does not close shows as
+// an open handle.
 HBLUETOOTH_RADIO_FIND WINAPI BluetoothFindFirstRadio(BLUETOOTH_FIND_RADIO_PARAMS* parameters, HANDLE* radio) {
     if (!parameters || parameters->dwSize != sizeof *parameters) {
         ::SetLastError(ERROR_REVISION_MISMATCH);

@@ -1,8 +1,8 @@
-// A kernel driver that answers as local Bluetooth radios do, and keeps what it was sent: \\.\ZiqbleRadios.
-// Only ever loaded into Wine, which hands it one request at a time.
+// A kernel driver that answers as local Bluetooth radios do and keeps the commands that it got. Its device is
+// \\.\ZiqbleRadios. It is loaded into Wine only, which gives it one request at a time.
 #include <intrin.h>
 
-// MinGW-w64 10 has these two in both headers.
+// MinGW-w64 10 declares these two functions in both headers.
 #define InterlockedBitTestAndSet wdmInterlockedBitTestAndSet
 #define InterlockedBitTestAndReset wdmInterlockedBitTestAndReset
 #include <ddk/wdm.h>
@@ -23,7 +23,7 @@ Radio radios[kMaxRadios];
 
 struct Request {
     ULONG code;
-    void* buffer;  // input and output alike
+    void* buffer;  // for both input and output
     ULONG inputSize;
     ULONG outputSize;
 };
@@ -33,12 +33,12 @@ struct Answer {
     ULONG bytes;
 };
 
-// A status that every program sees as this Windows error.
+// The status that a program sees as this Windows error.
 NTSTATUS statusOf(ULONG error) {
     return error ? static_cast<NTSTATUS>(0xC0070000 | error) : STATUS_SUCCESS;
 }
 
-// Every byte but the two tells where it stands, so that one taken from the wrong place shows.
+// All bytes but the two versions depend on their place, so that a version read from a wrong place shows.
 Answer giveInfo(const Request& request, const Radio& radio) {
     constexpr ULONG kSize = 292;
     if (request.inputSize != 0 || request.outputSize != kSize) return {STATUS_INVALID_PARAMETER, 0};

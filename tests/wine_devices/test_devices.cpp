@@ -19,7 +19,7 @@ void require(bool succeeded, const char* call) {
     if (!succeeded) throw std::runtime_error(call + (" failed: " + std::to_string(::GetLastError())));
 }
 
-// The services that Wine starts by itself keep the list of services locked meanwhile.
+// Tries again while Wine starts its own services, because the list of services is locked meanwhile.
 bool start(SC_HANDLE service) {
     for (const auto end = std::chrono::steady_clock::now() + e2e::kDeadline;
          !::StartServiceW(service, 0, nullptr); ::Sleep(10)) {
@@ -54,7 +54,7 @@ std::string setupFileText(const DriverPackage& package) {
 
 RadioDriver::RadioDriver() : manager_(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)) {
     require(manager_, "OpenSCManager");
-    // Of a run that was killed.
+    // A run that was killed may have left the driver behind.
     if (const SC_HANDLE old = ::OpenServiceW(manager_, kService, SERVICE_ALL_ACCESS)) unloadAndClose(old);
     const auto file = platform::executableDirectory() / "radio_driver.sys";
     service_ = ::CreateServiceW(manager_, kService, nullptr, SERVICE_ALL_ACCESS, SERVICE_KERNEL_DRIVER,
@@ -98,7 +98,7 @@ BluetoothDevice::BluetoothDevice(std::span<const DriverPackage> packages)
         setupFiles_.push_back(std::filesystem::path(windows) / "inf" / name);
         std::ofstream(setupFiles_.back()) << setupFileText(package);
     }
-    // It is there already when a run was killed.
+    // A run that was killed may have left the device behind.
     constexpr wchar_t kId[] = L"ROOT\\ZIQBLE\\0000";
     require(::SetupDiOpenDeviceInfoW(set_, kId, nullptr, 0, &device_) ||
                 ::SetupDiCreateDeviceInfoW(set_, kId, &kBluetoothClass, nullptr, nullptr, 0, &device_),

@@ -1,5 +1,5 @@
-// Puts devices that a plain Wine does not have into the prefix, and takes them out again: radios behind a
-// kernel driver, and a device of the Bluetooth class with drivers to choose from.
+// Adds devices to the Wine prefix and removes them again: radios behind a kernel driver, and a device of the
+// Bluetooth class with several matching drivers.
 //
 // Threads: one. The constructors throw std::runtime_error when Wine refuses something.
 #pragma once
@@ -18,7 +18,7 @@
 
 namespace wine_devices {
 
-// The radio driver, loaded for as long as this lives. One at a time.
+// Loads the radio driver and unloads it at its end. Only one may exist at a time.
 class RadioDriver {
   public:
     RadioDriver();
@@ -26,7 +26,7 @@ class RadioDriver {
     RadioDriver(const RadioDriver&) = delete;
     RadioDriver& operator=(const RadioDriver&) = delete;
 
-    // The radios that there are from now on, none of them used so far.
+    // Replaces the radios; all commands that they got are forgotten.
     void setUp(std::vector<RadioSetup> radios) const;
     std::array<RadioReport, kMaxRadios> reports() const;
 
@@ -44,8 +44,8 @@ struct DriverPackage {
     std::array<unsigned, 4> version;  // the most significant part first
 };
 
-// A present device of the Bluetooth class that these drivers fit, each with a set-up file (.inf) of its own.
-// One at a time.
+// A device of the Bluetooth class with these matching drivers, each with a set-up file (.inf) of its own.
+// Only one may exist at a time.
 class BluetoothDevice {
   public:
     explicit BluetoothDevice(std::span<const DriverPackage> packages);

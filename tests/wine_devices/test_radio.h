@@ -1,5 +1,5 @@
-// What the radio driver for tests, the Bluetooth library in front of it and the tests tell one another. The
-// system's headers, which are not the same for the driver, come before.
+// The requests that the test's radio driver, the stand-in for the Bluetooth library and the tests share.
+// Include the system's headers before this one; the driver has other ones than the programs.
 #pragma once
 
 namespace wine_devices {
@@ -7,17 +7,17 @@ namespace wine_devices {
 inline constexpr ULONG kMaxRadios = 3;
 inline constexpr ULONG kMaxCommands = 3;
 
-// The program's control codes.
+// Control codes that the program uses.
 inline constexpr ULONG kGetLocalRadioInfo = 0x00410000;
 inline constexpr ULONG kScanCommand = 0x0041118C;
 
-// In: an index (ULONG). Makes the open file that radio's; fails when there is none.
+// Input: an index (ULONG). From then on the open file belongs to that radio; fails when there is none.
 inline constexpr ULONG kSelectRadio = 0x00222000;
-// Of a radio. Out: its name, zero-terminated UTF-16.
+// For the file of a radio. Output: its name, zero-terminated UTF-16.
 inline constexpr ULONG kGetName = 0x00222004;
-// In: one RadioSetup for each radio that there shall be. All commands are forgotten.
+// Input: one RadioSetup for each radio. All commands are forgotten.
 inline constexpr ULONG kSetUp = 0x00222008;
-// Out: RadioReport[kMaxRadios].
+// Output: RadioReport[kMaxRadios].
 inline constexpr ULONG kReport = 0x0022200C;
 
 // Errors are Windows error numbers; 0: success.
@@ -31,7 +31,7 @@ struct RadioSetup {
 };
 
 struct RadioReport {
-    LONG openFiles;  // Wine tells the driver of a closed one some time later
+    LONG openFiles;  // Wine tells the driver only some time after a file was closed
     ULONG commandCount;
     struct {
         ULONG inputSize;

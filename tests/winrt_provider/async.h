@@ -1,4 +1,4 @@
-// Asynchronous operations and lists of the seam as those of the Windows Runtime.
+// Shows asynchronous operations and lists of platform/ as those of the Windows Runtime.
 #pragma once
 
 #include <asyncinfo.h>
@@ -16,11 +16,11 @@ namespace provider {
 
 namespace foundation = ABI::Windows::Foundation;
 
-// What a generic interface's type argument is at the binary interface.
+// The binary type for the type argument of a generic interface.
 template <class Complex>
 using AbiType = typename foundation::Internal::GetAbiType<Complex>::type;
 
-// The name of an operation's result, which is part of the operation's.
+// The class name of the operation that has this result.
 template <class Result>
 inline constexpr const wchar_t* kOperationName = nullptr;
 
@@ -37,7 +37,7 @@ class AsyncOperation final
     AsyncOperation(platform::AsyncOperationPtr<Seam> operation, Convert convert)
         : operation_(std::move(operation)), convert_(std::move(convert)) {}
 
-    // Nobody waits with a handler here: it is called at once or never.
+    // The program polls and sets no handler, so one that comes too early is not supported.
     HRESULT put_Completed(Handler* handler) override {
         AsyncStatus status{};
         get_Status(&status);
@@ -74,7 +74,7 @@ class AsyncOperation final
     const Convert convert_;
 };
 
-// No operation becomes none.
+// A null operation stays null.
 template <class Result, class Seam, class Convert>
 void handOut(platform::AsyncOperationPtr<Seam> operation, const Convert& convert,
              foundation::IAsyncOperation<Result>** out) {
@@ -106,7 +106,7 @@ class VectorView final : public Object<VectorView<Element>, foundation::Collecti
     const Elements elements_;
 };
 
-// The list with every element wrapped.
+// Wraps every element of the list.
 template <class Element, class Seam, class Wrap>
 void handOut(const std::vector<Seam>& list, const Wrap& wrap,
              foundation::Collections::IVectorView<Element>** out) {
@@ -116,7 +116,7 @@ void handOut(const std::vector<Seam>& list, const Wrap& wrap,
     handOut(make<VectorView<Element>>(std::move(elements)), out);
 }
 
-// No list becomes none.
+// A missing list becomes null.
 template <class Element, class Seam, class Wrap>
 void handOut(const std::optional<std::vector<Seam>>& list, const Wrap& wrap,
              foundation::Collections::IVectorView<Element>** out) {

@@ -4,7 +4,7 @@
 
 #include "tests/winrt_provider/provider.h"
 
-// How anybody gets at the bytes of a buffer; the interface definitions leave it out.
+// The interface that gives the bytes of a buffer. The interface definitions do not have it.
 struct IBufferByteAccess : IUnknown {
     virtual HRESULT Buffer(BYTE** out) = 0;
 };

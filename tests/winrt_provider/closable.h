@@ -1,4 +1,4 @@
-// An object of the seam that its wrapper lets go of before its own end.
+// Holds an object of platform/ that its wrapper can release before the wrapper itself ends.
 #pragma once
 
 #include <memory>

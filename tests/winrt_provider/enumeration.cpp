@@ -33,7 +33,7 @@ struct RequestedSlots : enumeration::IDevicePairingRequestedEventArgs {
     HRESULT GetDeferral(IInspectable**) override { return E_NOTIMPL; }
 };
 
-// Good during the callback only, however long somebody holds it.
+// Usable during the callback only, even if the program keeps a reference to it.
 class Requested final : public Object<Requested, RequestedSlots> {
   public:
     static constexpr const wchar_t* kClassName =
@@ -168,7 +168,7 @@ class Pairing final : public Object<Pairing, PairingSlots, Pairing2Slots> {
     explicit Pairing(std::shared_ptr<platform::DeviceInformationPairing> pairing)
         : pairing_(std::move(pairing)) {}
 
-    // A Windows without custom pairing lacks the whole interface.
+    // On a Windows without custom pairing the whole interface is missing.
     HRESULT QueryInterface(REFIID iid, void** out) override {
         if (iid != __uuidof(enumeration::IDeviceInformationPairing2) || pairing_->custom())
             return Object::QueryInterface(iid, out);

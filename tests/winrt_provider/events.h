@@ -1,4 +1,4 @@
-// Registrations of event handlers.
+// The event handlers that the program has registered.
 #pragma once
 
 #include <eventtoken.h>
@@ -20,7 +20,7 @@ class EventRegistrations {
         return {last_};
     }
 
-    // Waits for a running callback, so outside the lock.
+    // The subscription ends outside the lock, because that waits for a running callback.
     void remove(EventRegistrationToken token) {
         std::unique_lock lock(mutex_);
         const auto removed = subscriptions_.extract(token.value);

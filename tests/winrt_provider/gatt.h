@@ -1,4 +1,4 @@
-// Services of a device, for whoever hands them out.
+// Shows the services of a device through the binary interface.
 #pragma once
 
 #include <windows.devices.bluetooth.genericattributeprofile.h>

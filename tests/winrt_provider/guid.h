@@ -1,4 +1,4 @@
-// Identifiers of services and characteristics, between the seam and the binary interface.
+// Converts the identifiers of services and characteristics between platform/ and the binary interface.
 #pragma once
 
 #include <windows.h>

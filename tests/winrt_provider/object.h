@@ -1,7 +1,7 @@
-// What every object of the provider has in common: references, interfaces, and its place in the count of live
+// What all objects of the provider have in common: reference counting, interfaces, and the counts of live
 // objects that the provider reports when the process ends.
 //
-// Threads: any. On x86-64 there is one calling convention, so none is named here.
+// Threads: any. On x86-64 there is only one calling convention, so none is named here.
 #pragma once
 
 #include <windows.h>
@@ -28,8 +28,8 @@ using Microsoft::WRL::ComPtr;
 
 inline constexpr platform::HResult kOutOfBounds = platform::hresult(0x8000000B);
 
-// The live objects of one class. A chain of these is all that the report at the end of the process reads: no
-// lock, no memory that might be gone.
+// Counts the live objects of one class. The counts form a list of static objects, so that the report at the
+// end of the process needs no lock and no memory that may be freed already.
 class ObjectCount {
   public:
     explicit ObjectCount(const wchar_t* className) noexcept;
@@ -41,7 +41,7 @@ class ObjectCount {
     static const ObjectCount* first() noexcept;
 };
 
-// Runs the body of a method: what it throws becomes the method's result.
+// Runs the body of a method and turns an exception into the method's result.
 template <class Body>
 HRESULT guarded(const Body& body) noexcept {
     try {
@@ -56,7 +56,7 @@ HRESULT guarded(const Body& body) noexcept {
     }
 }
 
-// A failed call of somebody else's method, inside guarded().
+// Throws when a call of another object's method has failed; for use inside guarded().
 inline void check(HRESULT result) {
     if (FAILED(result)) throw platform::PlatformError(result);
 }
@@ -71,10 +71,11 @@ inline std::wstring textOf(HSTRING text) {
     return {units, length};
 }
 
-// The system's version, as it tells it, is older than the newer GATT calls.
+// True when the version that the system reports is older than the newer GATT calls.
 bool olderWindows();
 
-// A base class that stands for an interface names it, any other is the interface itself.
+// The interface that a base class implements: its member type Interface if it has one, otherwise the base
+// class itself.
 template <class Base>
 struct InterfaceOf {
     using Type = Base;
@@ -87,8 +88,8 @@ struct InterfaceOf<Base> {
     using Type = typename Base::Interface;
 };
 
-// Implements the interfaces that `Bases` are, or implement in part; the first is the default one. `Self` has
-// a static kClassName.
+// Implements the interfaces of `Bases`; the first one is the default interface. `Self` has a static
+// kClassName.
 template <class Self, class... Bases>
 class Object : public Bases... {
   public:
@@ -133,7 +134,8 @@ class Object : public Bases... {
     }
 
   protected:
-    // For callbacks, which hold no reference: nothing when the last one has just gone.
+    // A reference for a callback, which holds none itself. Null when the last reference has just been
+    // released.
     ComPtr<Self> self() {
         ComPtr<Self> reference;
         for (ULONG now = references_; now != 0;) {

@@ -1,14 +1,15 @@
 // A simulated Windows Runtime: the world of a scenario file behind the real binary interface.
 //
-// The mirror image of the program's Windows side: that one turns interfaces into the seam's objects, this one
-// the seam's objects, the simulated ones, into interfaces. ZIQBLE_SCENARIO names the file, as for the
-// simulated program. Its time scale speeds up this side only: what the program itself sleeps lasts as long as
-// it does.
+// The program's Windows back end turns interfaces into objects of platform/. The provider does the opposite:
+// it shows the simulated objects of platform/ through the interfaces. ZIQBLE_SCENARIO names the scenario
+// file, as for the simulated program. Its time scale speeds up the provider only; the program's own sleeps
+// keep their length.
 //
-// The end of the process is told in two steps. The world ends, and its summary is printed, when the program's
-// main function has returned: other threads still run and hold no lock for ever. Live objects are counted
-// when the library is told that the process ends: the program's own last objects are gone by then, and so are
-// all other threads, wherever they were; so that step takes no lock and no memory.
+// The end of the process has two steps. When the program's main function has returned, the world ends and its
+// summary is printed. At that time other threads still run, so this step may take locks. Live objects are
+// counted when the system tells the library that the process ends. By then the program's last objects are
+// gone, and all other threads were ended wherever they were, perhaps with a lock held. So this step takes no
+// lock and no memory.
 #include "tests/winrt_provider/provider.h"
 
 #include <array>
@@ -39,9 +40,9 @@ constexpr std::array kClasses = {
     Class{L"Windows.Storage.Streams.DataWriter", dataWriterFactory},
 };
 
-sim::WorldScope* world = nullptr;  // never destroyed: see above
+sim::WorldScope* world = nullptr;  // never destroyed: threads may have been ended in the middle of its calls
 
-// Not through the C library, which may be at its end.
+// Writes without the C library, which may have ended already.
 void print(const char* text) noexcept {
     DWORD written = 0;
     ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), text, static_cast<DWORD>(std::strlen(text)), &written,
@@ -60,8 +61,8 @@ sim::Scenario configuredScenario() {
     return file && *file ? sim::readScenario(file) : sim::Scenario();
 }
 
-// With the C library itself: what a library registers in the usual way runs at its own end, which is too
-// late.
+// Registers the function with the C library itself. The usual way in a DLL would run it at the DLL's end,
+// which is too late.
 void atProgramEnd(int (*function)()) {
     using Register = decltype(function)(decltype(function));
     if (const auto enlist = platform::systemFunction<Register>(L"msvcrt.dll", "_onexit")) enlist(function);
@@ -70,7 +71,7 @@ void atProgramEnd(int (*function)()) {
 void startWorld() {
     try {
         world = new sim::WorldScope(configuredScenario());
-        // Held once more, so that the end of the library does not destroy what threads may have died in.
+        // This reference is never released, so that the end of the library does not destroy the world.
         new std::shared_ptr<sim::World>(sim::currentWorld());
         atProgramEnd(endWorld);
     } catch (const platform::BluetoothConfigError& error) {

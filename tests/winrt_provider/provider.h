@@ -12,7 +12,7 @@ ComPtr<IActivationFactory> dataWriterFactory();
 ComPtr<IActivationFactory> deviceInformationFactory();
 ComPtr<IActivationFactory> radioFactory();
 
-// For a class that has static methods only.
+// The factory of a class that has static methods only.
 struct StaticsOnly : IActivationFactory {
     using Interface = IActivationFactory;
     HRESULT ActivateInstance(IInspectable** out) override {

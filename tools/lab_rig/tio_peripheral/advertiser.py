@@ -6,11 +6,11 @@ import dbus.service
 from gi.repository import GLib
 
 INTERFACE, MANAGER = "org.bluez.LEAdvertisement1", "org.bluez.LEAdvertisingManager1"
-# The virtual controllers are heard once, whenever advertising starts: two advertisements, the same in both, that take turns
-# each second are heard for as long as somebody listens.
+# A virtual controller reports an advertisement only once, when it starts. Two equal advertisements take turns every second, so
+# that one of them starts every second and whoever scans hears the peripheral again and again.
 PATHS = "/tio_advertisement0", "/tio_advertisement1"
-# Between two links. A host that is taken back at once may find its own kernel still clearing the old link away, and then
-# waits for ever; radio is not that fast.
+# The pause after a link, before the peripheral advertises again. A host that connects again at once may find its own kernel
+# still clearing the old link away, and then waits for ever. Over a real radio nobody is that fast.
 PAUSE_MS = 1000
 
 
@@ -19,7 +19,8 @@ class Advertisement(dbus.service.Object):
 
     @dbus.service.method(dbus.PROPERTIES_IFACE, in_signature="s", out_signature="a{sv}")
     def GetAll(self, _interface):
-        # Without an appearance a nameless peripheral would send no scan response, and the virtual controller the last one.
+        # The appearance makes bluetoothd send a scan response also without a name. Without a scan response the virtual
+        # controller would send the previous one, which has a name.
         return {"Type": "peripheral", "ServiceUUIDs": dbus.Array(["fefb"], signature="s"), "Discoverable": True,
                 "Duration": dbus.UInt16(1), "Appearance": dbus.UInt16(0x80)} | ({"LocalName": self.name} if self.name else {})
 
@@ -68,4 +69,4 @@ class Advertiser:
             try:
                 self.manager.UnregisterAdvertisement(dbus.ObjectPath(path))
             except dbus.DBusException:
-                pass  # it went with its adapter
+                pass  # the adapter is gone, and the advertisement with it

@@ -23,7 +23,8 @@ class Counters:
 
 
 def source_bytes(first, count):
-    """Any loss, swap or repetition shows. Cut out, not computed: the peripheral must not be what a measurement waits for."""
+    """A pattern in which any loss, swap or repetition shows. It is cut out of a table, because computing it would be slow
+    enough to hold up a measurement."""
     first %= PERIOD
     return PATTERN[first:first + count]
 
@@ -37,8 +38,8 @@ class Tio:
         self.counters.connections = 0
 
     def configure(self, name, value):
-        """credits 0: the host never gets any. serial: echo, sink or source:BYTES (0: without end). That is taken over at
-        once, the others with the next connection."""
+        """With credits 0 the host never gets any. serial is echo, sink or source:BYTES (0 bytes: without end). A new value
+        of serial takes effect at once, any other one with the next connection."""
         if name == "serial":
             self.serial, _, size = value.partition(":")
             self.source_size = int(size or 0)
@@ -58,18 +59,18 @@ class Tio:
         self.echo, self.waiting, self.produced = deque(), 0, 0
 
     def subscribe(self, name, send):
-        # A host that subscribes to credits once more begins a new session on a connection that its old one left behind.
+        # A host that subscribes to credits again on the same connection begins a new session.
         if name == "CRTX" and name in self.send:
             self.begin_session()
         self.send[name] = send
         if name == "TXMTU":
-            # A packet may have been cut before a smaller MTU arrived, so the largest that was announced is the limit.
+            # The host may have cut a packet before it learned of a smaller MTU, so the largest MTU announced is the limit.
             self.host_mtu = max(self.host_mtu, self.tx_mtu)
             send(self.tx_mtu.to_bytes(2, "little"))
         self.pump()
 
     def unsubscribe(self, name):
-        self.send[name] = None  # but it once was subscribed
+        self.send[name] = None  # the key stays: it tells that the host has been subscribed before
 
     def take_data(self, packet):
         if not self.host_credits or len(packet) > self.host_mtu:

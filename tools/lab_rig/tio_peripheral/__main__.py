@@ -1,7 +1,11 @@
 #!/usr/bin/env python3
-"""A TIO peripheral on BlueZ's GATT server. Commands arrive on standard input, a line each, and are answered with a line:
-counters; set NAME VALUE (tx_mtu, credits, regrant_at or serial); acquired (whether bluetoothd has the descriptors for
-writes); drop (the link); vanish (drop, and advertise no more); appear [NAME]."""
+"""A TIO peripheral on BlueZ's GATT server. It reads commands from standard input, one on a line, and answers each with a line:
+  counters          the counters, as JSON
+  set NAME VALUE    changes tx_mtu, credits, regrant_at or serial
+  acquired          tells whether bluetoothd has acquired the descriptors for writes: yes or no
+  drop              ends the link
+  vanish            ends the link and the advertising
+  appear [NAME]     advertises, under that name"""
 import argparse
 import dataclasses
 import json
@@ -33,8 +37,9 @@ APPLICATION = "/tio"
 
 
 class Characteristic(dbus.service.Object):
-    """Values pass through sockets: no D-Bus message for a packet. That goes for writes with response as well, because
-    bluetoothd crashes when a link ends while it waits for a WriteValue; so what breaks a rule is counted, not refused."""
+    """All values pass through sockets, without a D-Bus message for each packet. So do writes with response, because
+    bluetoothd crashes when a link ends while it waits for the answer to a WriteValue. A write through a socket cannot be
+    refused, so one that breaks a rule of the profile is only counted."""
 
     def __init__(self, bus, name, tio):
         self.path = f"{APPLICATION}/service/{name}"
@@ -62,7 +67,7 @@ class Characteristic(dbus.service.Object):
     def AcquireNotify(self, options):
         answer = self.hand_out(options)
         GLib.io_add_watch(self.socket, GLib.IO_HUP, self.hung_up, self.socket)
-        # After the answer, so that bluetoothd knows of the subscription whose first value it gets.
+        # Only after this call has been answered: bluetoothd drops values of a subscription that it does not know yet.
         GLib.idle_add(lambda: self.tio.subscribe(self.name, self.send))
         return answer
 
@@ -95,7 +100,7 @@ class Characteristic(dbus.service.Object):
 
     def drain(self):
         try:
-            # An empty packet and the end look the same; the end also comes with a hang-up.
+            # An empty packet ends this loop like the end of the socket does; the latter is also told by IO_HUP.
             while self.socket and (packet := self.socket.recv(1024)):
                 self.take(packet)
         except OSError:
@@ -130,9 +135,9 @@ class Peripheral:
         self.loop = GLib.MainLoop()
 
     def run(self):
-        self.bus.add_signal_receiver(lambda _, properties, *__, path: self.noticed(path, properties), "PropertiesChanged",
+        self.bus.add_signal_receiver(lambda _, properties, *__, path: self.properties_changed(path, properties), "PropertiesChanged",
                                      PROPERTIES, path_keyword="path", arg0=DEVICE)
-        self.bus.add_signal_receiver(lambda path, interfaces: self.noticed(path, interfaces.get(DEVICE, {})),
+        self.bus.add_signal_receiver(lambda path, interfaces: self.properties_changed(path, interfaces.get(DEVICE, {})),
                                      "InterfacesAdded", OBJECTS)
         if self.application:
             self.adapter.RegisterApplication(
@@ -147,8 +152,8 @@ class Peripheral:
     def show(self):
         self.advertiser.show(self.name, lambda: self.answer("ready"))
 
-    # A host that was never seen before appears connected.
-    def noticed(self, path, properties):
+    def properties_changed(self, path, properties):
+        """Called for changes of a known host, and for a new host: that one appears with "Connected" already set."""
         if not path.startswith(self.adapter_path) or "Connected" not in properties:
             return
         for one in self.writable():
