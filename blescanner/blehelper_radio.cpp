@@ -3,10 +3,9 @@
 
 #include "blehelper.h"
 #include "btdrivercheck.h"
-#include "operations.h"
 #include "platform/text.h"
 #include "platform_error_text.h"
-#include "stop.h"
+#include "waiting.h"
 
 namespace blescanner {
 

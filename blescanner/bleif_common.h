@@ -7,9 +7,9 @@
 #include <string>
 
 #include "lecomm.h"
-#include "operations.h"
 #include "platform/async.h"
 #include "platform/gatt.h"
+#include "waiting.h"
 
 namespace blescanner {
 

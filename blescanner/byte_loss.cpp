@@ -5,32 +5,15 @@
 
 namespace blescanner {
 
-namespace {
-
-constexpr std::chrono::seconds kBetweenLines{1};
-
-void tell(std::uint64_t bytes) {
-    if (bytes > 0) LOG_S(WARNING) << "Data pipe: " << bytes << " bytes for the client given up";
-}
-
-}  // namespace
-
-void ByteLoss::add(std::size_t bytes) {
+void ByteLoss::tell(std::uint64_t more, std::chrono::seconds pause) {
     std::unique_lock lock(mutex_);
-    untold_ += bytes;
+    untold_ += more;
     const auto now = Clock::now();
-    if (told_ && now - *told_ < kBetweenLines) return;
+    if (untold_ == 0 || now - pause < told_) return;
     told_ = now;
-    const std::uint64_t sum = std::exchange(untold_, 0);
+    const std::uint64_t bytes = std::exchange(untold_, 0);
     lock.unlock();
-    tell(sum);
-}
-
-void ByteLoss::tellRest() {
-    std::unique_lock lock(mutex_);
-    const std::uint64_t sum = std::exchange(untold_, 0);
-    lock.unlock();
-    tell(sum);
+    LOG_S(WARNING) << "Data pipe: " << bytes << " bytes for the client given up";
 }
 
 }  // namespace blescanner

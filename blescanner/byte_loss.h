@@ -2,29 +2,26 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <mutex>
-#include <optional>
 
 namespace blescanner {
 
 // Bytes from the peripheral that the client does not get. The first loss is told at once; a run of them once
-// a second, each time with the sum of what was lost since the line before.
-//
-// Threads: any.
+// a second, each time with the sum of what was lost since the line before. Threads: any.
 class ByteLoss {
   public:
-    void add(std::size_t bytes);
+    void add(std::uint64_t bytes) { tell(bytes, std::chrono::seconds(1)); }
     // Tells what is still untold. At the end of the session.
-    void tellRest();
+    void tellRest() { tell(0, std::chrono::seconds(0)); }
 
   private:
     using Clock = std::chrono::steady_clock;
+    void tell(std::uint64_t more, std::chrono::seconds pause);
 
     std::mutex mutex_;
     std::uint64_t untold_ = 0;
-    std::optional<Clock::time_point> told_;  // the time of the last line
+    Clock::time_point told_ = Clock::time_point::min();  // the time of the last line
 };
 
 }  // namespace blescanner

@@ -7,7 +7,6 @@
 
 #include "blehelper.h"
 #include "blescanner.h"
-#include "cmdpipe_bluetooth.h"
 #include "lecomm.h"
 #include "lescan.h"
 #include "platform/clock.h"
@@ -107,10 +106,25 @@ void CommandSet::reply(std::wstring text) {
     shell_.writeText(text);
 }
 
+void CommandSet::replyAndLog(const wchar_t* text, const char* logged) {
+    reply(text);
+    LOG_S(INFO) << logged;
+}
+
+void CommandSet::tellBluetoothUnusable(std::uint32_t radios) {
+    if (radios == 0) return replyAndLog(L"BLE NOT FOUND\r\n", "BLE NOT FOUND\r\n");
+    // The log lacks the reply's "!" on purpose.
+    replyAndLog(L"BLE DISABLED!\r\n", "BLE DISABLED\r\n");
+}
+
+void CommandSet::tellLowEnergyMissing() {
+    replyAndLog(L"LE NOT SUPPORTED\r\n", "LE NOT SUPPORTED\r\n");
+}
+
 bool CommandSet::replyIfBluetoothUnusable() {
     std::uint32_t radios = 0;
     if (checkBluetoothRadio(radios, false) == RadioCheckResult::BluetoothOn) return false;
-    tellBluetoothUnusable(shell_, radios);
+    tellBluetoothUnusable(radios);
     return true;
 }
 
@@ -121,8 +135,8 @@ void CommandSet::leScan(const std::wstring& line) {
     if (getBLEProtocolSupport(&leAdapters)) {
         if (leAdapters == 0) {
             // The scan still follows: an adapter may see advertisements though its version could not be read.
-            warnOfMissingLowEnergy();
-            tellLowEnergyMissing(shell_);
+            LOG_S(WARNING) << kNoLowEnergy;
+            tellLowEnergyMissing();
         } else {
             LOG_S(INFO) << "Found " << leAdapters << " devices that support LE";
         }

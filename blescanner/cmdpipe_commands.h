@@ -11,6 +11,9 @@
 
 namespace blescanner {
 
+inline constexpr const char* kNoLowEnergy =
+    "[WARNING] Bluetooth available on PC but no support for Bluetooth Low Energy (BLE) found!";
+
 // What the session does after a command.
 enum class CommandResult { goOn = 0, clientQuits = -1, programEnds = -2 };
 
@@ -24,6 +27,11 @@ class CommandSet {
     // Takes bytes as they were read, and executes every line that they complete, up to one that ends the
     // session. Throws PlatformError, and Stopped at the program's end.
     CommandResult dispatch(std::span<const std::uint8_t> bytes, LineAccumulator& line);
+
+    // Tell the client, and the log, of Bluetooth that cannot be used: no radio of so many is on; no adapter
+    // speaks Low Energy.
+    void tellBluetoothUnusable(std::uint32_t radios);
+    void tellLowEnergyMissing();
 
     // Closes the data pipe if it is open.
     void closeDataPipe();
@@ -40,6 +48,7 @@ class CommandSet {
     std::wstring bluetoothStats() const;
     bool replyIfBluetoothUnusable();
     void reply(std::wstring text);
+    void replyAndLog(const wchar_t* text, const char* logged);
 
     CNamedPipe& shell_;
     std::shared_ptr<CNamedPipe> data_;

@@ -5,7 +5,6 @@
 
 #include "blehelper.h"
 #include "cmdpipe.h"
-#include "cmdpipe_bluetooth.h"
 #include "cmdpipe_commands.h"
 #include "cmdpipe_notification.h"
 #include "lecomm.h"
@@ -14,7 +13,7 @@
 #include "platform/text.h"
 #include "platform_error_text.h"
 #include "settings.h"
-#include "stop.h"
+#include "waiting.h"
 
 namespace blescanner {
 
@@ -110,7 +109,7 @@ bool ShellSession::bluetoothUsable(bool on, std::uint32_t radios) {
 
     for (const auto pauseAfter : {2000ms, 0ms}) {
         letClientIn();
-        tellBluetoothUnusable(shell_, radios);
+        commands_.tellBluetoothUnusable(radios);
         programEnd().sleep(pauseAfter);
     }
     return false;
@@ -118,10 +117,10 @@ bool ShellSession::bluetoothUsable(bool on, std::uint32_t radios) {
 
 bool ShellSession::leSupported(bool queryRan, std::uint32_t leAdapters) {
     if (!queryRan || leAdapters != 0) return true;
-    warnOfMissingLowEnergy();
+    LOG_S(WARNING) << kNoLowEnergy;
     programEnd().sleep(2000ms);
     letClientIn();
-    tellLowEnergyMissing(shell_);
+    commands_.tellLowEnergyMissing();
     programEnd().sleep(500ms);
     return false;
 }

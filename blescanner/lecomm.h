@@ -17,7 +17,7 @@
 #include "lecomm_profile.h"
 #include "platform/event.h"
 #include "platform/gatt.h"
-#include "stop.h"
+#include "waiting.h"
 
 namespace blescanner {
 

@@ -8,7 +8,7 @@
 #include "blescanner.h"
 #include "cmdpipe.h"
 #include "lecomm.h"
-#include "operations.h"
+#include "waiting.h"
 
 namespace blescanner {
 

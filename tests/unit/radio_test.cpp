@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "blescanner/blehelper.h"
-#include "blescanner/stop.h"
+#include "blescanner/waiting.h"
 #include "log_capture.h"
 #include "platform/bluetooth/sim/world.h"
 #include "sleep_recorder.h"

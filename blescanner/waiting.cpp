@@ -1,17 +1,45 @@
-#include "operations.h"
+#include "waiting.h"
 
 #include <array>
-#include <chrono>
 #include <loguru.hpp>
 
 #include "lecomm.h"
 #include "platform/clock.h"
-#include "stop.h"
+#include "platform/runtime.h"
 
 namespace blescanner {
 
 using platform::AsyncStatus;
 using platform::GattCommunicationStatus;
+
+void StopSignal::stop() {
+    stopped_ = true;
+    event_.set();
+}
+
+bool StopSignal::stopped() const {
+    return stopped_ || platform::isStopRequested();
+}
+
+void StopSignal::check() const {
+    if (stopped()) throw Stopped();
+}
+
+void StopSignal::sleep(std::chrono::milliseconds duration) {
+    platform::sleepFor(duration, {&event_});
+    check();
+}
+
+void StopSignal::sleep(std::chrono::milliseconds duration, platform::Event& waker) {
+    platform::sleepFor(duration, {&event_, &waker});
+    check();
+}
+
+StopSignal& programEnd() {
+    // Never destroyed: detached threads may still look at it while the process ends.
+    static StopSignal& instance = *new StopSignal;
+    return instance;
+}
 
 void awaitOperation(const platform::AsyncInfo& operation, const StopSignal& stop) {
     while (operation.status() == AsyncStatus::started) {
