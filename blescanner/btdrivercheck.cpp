@@ -152,8 +152,9 @@ DriversDb parseDriversDb(const std::string& bytes, const std::string& fileName) 
                                    platform::widen(hint));
     }
     if (unreadable > 0) {
-        LOG_S(WARNING) << "Driver check: " << unreadable << " lines of " << fileName
-                       << " are not UTF-8 and are not used. Save the file as UTF-8.";
+        LOG_S(WARNING) << "Driver check: " << fileName
+                       << " has lines that are not UTF-8 and are not used: " << unreadable
+                       << ". Save the file as UTF-8.";
     }
     return driversDb;
 }

@@ -61,7 +61,7 @@ TEST(DriversDb, LinesOfAnotherCodePageAreToldAndTheOthersUsed) {
     const test::LogCapture log;
     EXPECT_EQ(parseDriversDb("M\xFCller,1,a\na,b,c\nd,e,\xFC\n", "known.db"), (DriversDb{{L"a#b", L"c"}}));
     EXPECT_TRUE(log.find(
-        "Driver check: 2 lines of known.db are not UTF-8 and are not used. Save the file as UTF-8."));
+        "Driver check: known.db has lines that are not UTF-8 and are not used: 2. Save the file as UTF-8."));
 }
 
 TEST(DriversDb, FileMayBeMissing) {

@@ -1,6 +1,6 @@
 #include "tests/winrt_provider/object.h"
 
-#include "platform/host/windows/system_function.h"
+#include "win32/system_function.h"
 
 namespace provider {
 

@@ -18,8 +18,8 @@
 #include <mutex>
 
 #include "platform/bluetooth/sim/world.h"
-#include "platform/host/windows/system_function.h"
 #include "platform/runtime.h"
+#include "win32/system_function.h"
 
 namespace provider {
 

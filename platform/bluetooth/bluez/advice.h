@@ -9,7 +9,7 @@ namespace bluez {
 enum class Trouble {
     noBus,           // the detail is the reason
     noService,       // bluetoothd does not run
-    serviceEnded,    // ... any more
+    serviceEnded,    // bluetoothd has ended while the program ran
     noPermission,    // the system bus keeps this user away from bluetoothd
     noAdapter,       // none that is switched on
     adapterOff,      // the detail is the adapter, here and below

@@ -146,7 +146,7 @@ void Bus::tell(const Change& change) {
         const std::lock_guard lock(mutex_);
         running = loaded_;
     }
-    // The end of bluetoothd takes the adapters with it, which is no news of theirs.
+    // When bluetoothd ends, its adapters disappear with it. That says nothing about the adapters.
     if (running) adviseOnAdapter(change);
     Connection::onChange(change);
     listeners_->call(change);
@@ -257,7 +257,7 @@ void Bus::watch() {
             try {
                 (this->*handler)(signal);
             } catch (const std::runtime_error&) {
-                // A signal of another shape than BlueZ's: none that is meant for us.
+                // BlueZ sends no signal of this form: ignored.
             }
         };
         matches_.push_back(connection_->addMatch(rule, guarded));
@@ -327,7 +327,7 @@ void Bus::reload() {
         try {
             if (!error) takeObjects(reply);
         } catch (const sdbus::Error&) {
-            // Not BlueZ: the next call asks again, and tells.
+            // BlueZ did not answer this. The next call asks again, and reports the error.
         }
     });
 }

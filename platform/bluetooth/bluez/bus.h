@@ -41,7 +41,7 @@ class Bus {
   public:
     // The bus, connected, with bluetoothd's objects. A connection that was lost is made anew. Any thread.
     static std::shared_ptr<Bus> current();
-    // From the start to the end of the Bluetooth side there can be a bus. The end ends all waits.
+    // current() works between these two calls. closeCurrent() also ends all waits.
     static void allow();
     static void closeCurrent();
 
@@ -65,14 +65,15 @@ class Bus {
         return std::move(*results);
     }
 
-    // Calls and lets the reply be; `answered` gets it on the loop's thread, null or the error.
+    // Calls and does not wait. `answered` is called on the loop's thread, with null or the error.
     using Answered = std::function<void(const platform::PlatformError* error)>;
     template <class... Arguments>
     void send(const Method& method, const Answered& answered, const Arguments&... arguments) {
         sendOff(newCall(method, arguments...), method.timeout, answered);
     }
 
-    // Asks for the properties that objects() holds of an interface, where the signals may not have told all.
+    // Asks bluetoothd for all properties of an interface, and updates objects(): signals may have been
+    // missed.
     void refresh(const std::string& path, const char* interface);
 
     // Waits until the condition holds of the objects; false when the time has passed before. Like a call it

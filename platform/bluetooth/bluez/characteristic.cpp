@@ -31,8 +31,8 @@ class Characteristic final : public platform::GattCharacteristic {
     AsyncOperationPtr<GattCommunicationStatus> writeValueAsync(std::span<const std::uint8_t> value,
                                                                GattWriteOption option) override;
 
-    // The descriptor itself is bluetoothd's: it sets it to what its clients want, and to indications where
-    // the peripheral knows nothing else.
+    // bluetoothd writes the descriptor by itself: notifications, or indications if the peripheral offers
+    // nothing else.
     AsyncOperationPtr<GattCommunicationStatus> writeClientCharacteristicConfigurationDescriptorAsync(
         DescriptorValue value) override;
 
@@ -61,7 +61,7 @@ class Characteristic final : public platform::GattCharacteristic {
 
 AsyncOperationPtr<GattCommunicationStatus> Characteristic::writeValueAsync(
     std::span<const std::uint8_t> value, GattWriteOption option) {
-    // One for all packets that went well: a packet costs no memory.
+    // Shared by all packets that went well, so that a packet allocates nothing.
     static const AsyncOperationPtr<GattCommunicationStatus> wellDone =
         bluetooth::completed(GattCommunicationStatus::success);
 
@@ -110,7 +110,7 @@ AsyncOperationPtr<GattCommunicationStatus> Characteristic::attempt(const std::fu
     });
 }
 
-// A call that fails while the link goes down fails in many ways, all of which mean the same.
+// A call fails in many ways while the link goes down. All of them mean that the link is lost.
 GattCommunicationStatus Characteristic::judge(const PlatformError& error) const {
     if (error.code() == platform::kECancelled) throw error;
     if (connection_->gone()) throw PlatformError(platform::kRoEClosed);

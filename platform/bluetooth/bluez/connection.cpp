@@ -15,7 +15,7 @@ namespace {
 
 using platform::PlatformError;
 
-// A link that does not come up, or drops at once, is common on the air and no sign of the next one's fate.
+// On the air it is common that a link does not come up, or drops at once. Another attempt often works.
 constexpr int kAttempts = 3;
 constexpr std::chrono::seconds kConnectTime{7};  // of one attempt
 constexpr std::chrono::seconds kResolveTime{20};
@@ -27,9 +27,9 @@ constexpr std::chrono::seconds kReturnTime{2};  // of a descriptor
 // What the connections to one peripheral share.
 struct Link {
     int users = 0;
-    bool asked = false;   // for by one of them, and not known how it ended
-    bool ours = false;    // made by one of them; as one that was asked for, to be ended by the last
-    bool ending = false;  // the end was asked for, and has not been reported yet
+    bool asked = false;   // one of them asked for it, and there is no answer yet
+    bool ours = false;    // one of them made it. If it is `ours` or `asked`, the last one ends it
+    bool ending = false;  // its end was asked for, and has not been reported yet
 };
 
 struct Links {
@@ -43,7 +43,7 @@ Links& links() {
     return instance;
 }
 
-// Whoever ended it: the next one may be somebody else's.
+// No matter who ended it: the next link may be made by another program.
 void linkEnded(const std::string& path) {
     const std::lock_guard lock(links().mutex);
     const auto entry = links().byPath.find(path);
@@ -54,7 +54,7 @@ void linkEnded(const std::string& path) {
     links().ended.notify_all();
 }
 
-// What it was before.
+// Returns the flag's earlier value.
 bool setLink(const std::string& path, bool Link::*flag, bool value) {
     const std::lock_guard lock(links().mutex);
     return std::exchange(links().byPath[path].*flag, value);
@@ -139,7 +139,7 @@ void Connection::establish() {
     }
 }
 
-// False: another attempt may do better. Throws where it will not, and on the last one.
+// False: it failed, and another attempt may succeed. Throws if none would, or if this was the last attempt.
 bool Connection::tryToEstablish(bool last) {
     requirePresent();
     try {
@@ -154,7 +154,7 @@ bool Connection::tryToEstablish(bool last) {
     }
 }
 
-// A link that is about to end must not be taken for one that is up.
+// A link whose end was asked for still reads as connected until it is down.
 void Connection::awaitEarlierEnd() {
     {
         const std::lock_guard lock(links().mutex);
@@ -162,13 +162,13 @@ void Connection::awaitEarlierEnd() {
     }
     bus_->waitFor(kEndTime,
                   [this](const ObjectTree& tree) { return !tree.isTrue(path_, kDevice, "Connected"); });
-    // The peripheral is about to advertise again. An attempt that meets it in between fails in the
-    // controller, and the kernel (6.1) makes no other.
+    // It takes the peripheral a moment to advertise again. An attempt before that fails in the controller,
+    // and the kernel (6.1) does not repeat it.
     platform::sleepFor(kReadvertiseTime);
 }
 
-// BlueZ 5.66 signals no "Connected" where it hears of a new link from the link's socket first (src/device.c,
-// device_attach_att); so the property is asked for on both sides of the call.
+// BlueZ 5.66 does not signal "Connected" if the link's socket reports the new link first (src/device.c,
+// device_attach_att). So the property is asked for before and after the call.
 void Connection::connect() {
     bus_->refresh(path_, kDevice);
     if (connected()) return;
@@ -182,11 +182,11 @@ void Connection::connect() {
     if (!answered) return;
     setLink(path_, &Link::ours, true);
     setLink(path_, &Link::asked, false);
-    if (!connected()) setLink(path_, &Link::ours, false);  // it has gone in between
+    if (!connected()) setLink(path_, &Link::ours, false);  // it has dropped meanwhile
 }
 
-// False: an attempt is under way already, which is as good. An attempt goes on in bluetoothd where nobody
-// waits for its end any more; what comes of it is ended with the last connection.
+// False: bluetoothd is already making this link, which serves as well. An attempt goes on in bluetoothd after
+// we have stopped waiting for it; if it makes a link, the last connection ends that link.
 bool Connection::requestLink() {
     const bool asked = setLink(path_, &Link::asked, true);
     try {
@@ -202,7 +202,7 @@ bool Connection::requestLink() {
     }
 }
 
-// False: it did not happen in time, or cannot any more.
+// False: it did not happen in time, or can no longer happen.
 bool Connection::waitFor(Until what, std::chrono::milliseconds timeout) {
     bool reached = false;
     bus_->waitFor(timeout, [&](const ObjectTree& tree) {
@@ -217,7 +217,7 @@ void Connection::disconnect() {
     try {
         bus_->send({path_, kDevice, "Disconnect"},
                    [&objects = bus_->objects(), path = path_](const auto* error) {
-                       // Otherwise the property tells, which follows the reply.
+                       // Otherwise the change of the property, which follows the reply, ends it.
                        if (error || !objects.isTrue(path, kDevice, "Connected")) linkEnded(path);
                    });
     } catch (const PlatformError&) {

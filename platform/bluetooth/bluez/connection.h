@@ -23,22 +23,23 @@ class Connection {
     Bus& bus() const { return *bus_; }
     const std::string& devicePath() const { return path_; }
 
-    // What was last heard, without asking. A device that bluetoothd has forgotten stays gone for its
-    // connections, even when one of the same address appears again: its services are not theirs.
+    // As bluetoothd last reported, without asking it. When bluetoothd has forgotten the device, its
+    // connections stay gone, even if a device of the same address appears again: its services are other
+    // objects.
     bool connected() const;
     bool gone() const;
     // Throws PlatformError unless the link is up.
     void requireLink() const;
 
-    // Waits until the links that the program ended are down, bounded: who starts it again finds none that
-    // only looks as if it were up. bluetoothd takes two seconds for it.
+    // Waits, bounded, until the links that the program ended are down, which takes bluetoothd two seconds.
+    // Otherwise a program that is started right afterwards would find a link that still looks connected.
     static void awaitEnds();
 
-    // Bookkeeping, for the bus: who made a link, and when it is down. On the loop's thread.
+    // Called by the bus on the loop's thread: notes which links the program made, and when they are down.
     static void onChange(const Change& change);
 
-    // Waits, bounded, until a descriptor is back that a session which has just ended may still hold.
-    // `acquired` is the property of the characteristic that tells.
+    // Waits, bounded, until the descriptor of a characteristic is free again: a session that has just ended
+    // may still hold it. `acquired` is the characteristic's property that says so.
     void awaitReturn(const std::string& characteristic, const char* acquired) const;
 
     // Connects if need be and waits until the services are known, both bounded. Throws PlatformError.

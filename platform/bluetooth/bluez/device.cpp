@@ -68,7 +68,7 @@ class Device final : public platform::BluetoothLEDevice {
     const std::shared_ptr<Connection> connection_;
 };
 
-// One that is connected before one that is not; none whose adapter is off.
+// Prefers a device that is connected. Leaves out devices whose adapter is off.
 std::optional<std::string> knownDevice(const ObjectTree& tree, const std::string& address) {
     auto paths = tree.children(kDevice, "Address", address);
     std::erase_if(paths, [&](const std::string& path) {

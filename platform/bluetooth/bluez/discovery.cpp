@@ -31,9 +31,9 @@ Searches& searches() {
     return instance;
 }
 
-// bluetoothd ends a search with its adapter's power, whoever still uses it; so each user asks for it.
+// bluetoothd ends a search when its adapter is switched off. So each user starts it again.
 void start(Bus& bus, const std::string& adapter, bool mayRun) {
-    // Duplicates: a peripheral that is there is heard again and again, not only when something changes.
+    // With duplicates a peripheral is reported each time it is heard, not only when its data change.
     const std::map<std::string, sdbus::Variant> filter{{"Transport", std::string("le")},
                                                        {"DuplicateData", true}};
     const auto deadline = std::chrono::steady_clock::now() + kSwitchTime;
@@ -43,7 +43,7 @@ void start(Bus& bus, const std::string& adapter, bool mayRun) {
             bus.call({adapter, kAdapter, "StartDiscovery", kSwitchTime});
             return;
         } catch (const PlatformError& error) {
-            // It runs, or some program's is just being started or stopped.
+            // The search runs already, or another program is just starting or stopping one.
             if (error.code() != kInProgress) throw;
             if (mayRun) return;
             if (std::chrono::steady_clock::now() > deadline) throw;

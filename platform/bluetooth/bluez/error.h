@@ -28,9 +28,8 @@ platform::PlatformError translate(const sdbus::Error& error);
 // The status of a GATT call that failed. Throws the error again where it is none of the peripheral's.
 platform::GattCommunicationStatus statusOf(const platform::PlatformError& error);
 
-// Runs the body and hands out its result, or its failure, as an operation that has ended. The caller's
-// thread does the waiting: it has nothing else to do until then, and a wait on the bus costs no processor,
-// where polling an operation would.
+// Runs the body on the caller's thread, and returns its result or its failure as a finished operation. So the
+// caller waits on the bus, which costs no processor time; polling a pending operation would.
 template <class Body, class Result = decltype(std::declval<Body>()())>
 platform::AsyncOperationPtr<Result> run(Body body) {
     auto operation = std::make_shared<bluetooth::Operation<Result>>();

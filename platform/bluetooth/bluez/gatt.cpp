@@ -17,8 +17,8 @@ using platform::Guid;
 using platform::PlatformError;
 using platform::Subscription;
 
-// Tells a handler each change of the connection's state, once. A service that its peripheral withdraws, as
-// one does that starts anew behind a link that stays, ends the session like a lost link.
+// Tells a handler each change of the connection's state, once. A peripheral that restarts while the link
+// stays up withdraws its service. That ends the session as a lost link does.
 class StatusWatch {
   public:
     StatusWatch(const Connection& connection, const std::string& servicePath,
@@ -33,7 +33,7 @@ class StatusWatch {
                   if (removed) return tell(false);
                   if (const bool* const connected = change.get<bool>("Connected")) tell(*connected);
               })) {
-        // One that has ended before anybody listened.
+        // The service may have been removed before this object listened.
         const bool there = connection.bus().objects().read(
             [&](const ObjectTree& tree) { return tree.has(servicePath, kGattService); });
         if (!there || !connection.connected()) tell(false);

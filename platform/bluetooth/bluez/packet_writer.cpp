@@ -17,7 +17,7 @@ using platform::PlatformError;
 
 constexpr std::size_t kWriteOverhead = 3;  // opcode and handle (Bluetooth Core, vol 3, F 3.4.5.3)
 constexpr std::size_t kLongestRead = 512;  // of bluetoothd from the socket (BlueZ 5.66, gatt-client.c)
-// As long as any call: a bluetoothd that takes nothing for that long is not going to.
+// The same as for a call: if bluetoothd takes nothing for that long, it will not.
 constexpr std::chrono::milliseconds kWriteTime = kCallTime;
 
 constexpr const char* kAcquired = "WriteAcquired";
@@ -70,14 +70,14 @@ std::shared_ptr<const PacketWriter::Channel> PacketWriter::acquire() const {
         return std::make_shared<const Channel>(
             Channel{Descriptor(socket.release()), std::min(longest, kLongestRead)});
     } catch (const PlatformError& error) {
-        // Somebody on this machine has it, or the characteristic takes no writes without response.
+        // Another program holds it, or the characteristic takes no writes without response.
         if (error.code() != kAccessDenied && error.code() != kNotImplemented) throw;
         return nullptr;
     }
 }
 
-// For good: where one value is too long others will be. bluetoothd refuses other writes while the descriptor
-// is out, and notices its return a little later.
+// It is not acquired again: after one value that is too long there will be others. bluetoothd refuses other
+// writes while it is acquired, and notices a little later that it was given back.
 void PacketWriter::giveBack(std::shared_ptr<const Channel> channel) {
     {
         const std::lock_guard lock(mutex_);

@@ -20,8 +20,8 @@ class PacketWriter {
 
     enum class Outcome {
         sent,
-        noDescriptor,  // the value has to be written as a command of its own
-        tooLong,       // ... in the way that can carry it
+        noDescriptor,  // BlueZ offers none: write the value by a D-Bus call, without response
+        tooLong,       // for the descriptor: write the value by a D-Bus call that can carry it
     };
 
     // Waits while the link cannot take more. Throws PlatformError.

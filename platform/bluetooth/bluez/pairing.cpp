@@ -1,5 +1,5 @@
-// Only the older GATT generation enumerates and pairs, which never runs here (runtime.cpp): a peripheral
-// that asks for pairing is bluetoothd's and its agent's business.
+// Only the older GATT generation enumerates and pairs, and it never runs here (runtime.cpp). If a peripheral
+// asks for pairing, bluetoothd and its agent do it.
 #include "platform/pairing.h"
 
 #include "bluetooth/operation.h"

@@ -37,7 +37,7 @@ class AdapterRadio final : public platform::Radio {
         return isBlocked(kSysfsBluetooth, adapterName(path_)) ? RadioState::disabled : RadioState::off;
     }
 
-    // Done when it is asked for: nobody waits for more, the state tells the rest.
+    // Completes as soon as the request is sent. The caller watches the state.
     platform::AsyncOperationPtr<RadioAccessStatus> setStateAsync(RadioState state) override {
         return run([&] {
             bus_->send(
@@ -69,7 +69,7 @@ RadioList listRadios() {
                 advise(Trouble::adapterBlocked, adapterName(path));
         }
     } catch (const PlatformError& error) {
-        // Without bluetoothd there is no radio. One that this user may not see may be there, and be on.
+        // Without bluetoothd there is no radio. Without permission there may be one, and it may be on.
         if (error.code() == kAccessDenied) return std::nullopt;
         if (error.code() != platform::kRoEClosed) throw;
         return radios;
@@ -84,7 +84,7 @@ std::string adapterName(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-// The kernel's files, not bluetoothd's property: that one is offered on request only.
+// Read from the kernel's files: bluetoothd offers the property only when it is told to.
 bool isBlocked(const std::filesystem::path& sysfs, const std::string& name) {
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator(sysfs / name, ignored)) {

@@ -21,8 +21,8 @@ constexpr std::size_t kLongestValue = 512;  // of any attribute (Bluetooth Core,
 constexpr std::chrono::seconds kAcquireTime{10};
 constexpr const char* kAcquired = "NotifyAcquired";
 
-// One packet is one value. bluetoothd fills the socket, this thread empties it, and nothing is between them:
-// a handler that blocks leaves the packets where they are.
+// One packet is one value. bluetoothd fills the socket and this thread empties it. While the handler blocks,
+// packets stay in the socket.
 class DescriptorSource final : public ValueSource {
   public:
     DescriptorSource(Descriptor socket, Handler handler)
@@ -37,7 +37,7 @@ class DescriptorSource final : public ValueSource {
         std::array<std::uint8_t, kLongestValue> value;
         while (const short ready = waitForValue()) {
             const ssize_t size = ::recv(socket_.get(), value.data(), value.size(), MSG_DONTWAIT);
-            // A value without a byte and the end look the same, but for the hang-up.
+            // recv returns 0 for an empty value and for the end; only the end has POLLHUP.
             if (size > 0 || (size == 0 && (ready & POLLHUP) == 0)) {
                 handler_(std::span(value).first(static_cast<std::size_t>(size)));
             } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
@@ -46,7 +46,7 @@ class DescriptorSource final : public ValueSource {
         }
     }
 
-    // The socket's events; none: it is over.
+    // The events of the socket; 0 once this source is to stop.
     short waitForValue() const {
         std::array<pollfd, 2> targets{{{stop_.get(), POLLIN, 0}, {socket_.get(), POLLIN, 0}}};
         while (::poll(targets.data(), targets.size(), -1) < 0) {
@@ -72,17 +72,17 @@ class SignalSource final : public ValueSource {
               if (const auto* const value = change.get<std::vector<std::uint8_t>>("Value"))
                   delivery_.post(*value);
           })) {
-        // The listener is there: no value is missed.
+        // Asked for after the listener was added, so that no value is missed.
         connection_->bus().call({path_, kGattCharacteristic, "StartNotify"});
     }
-    // Without a link, too: bluetoothd would subscribe again by itself with the next one, before anybody here
-    // listens, and the peripheral's first values would be lost.
+    // Even without a link: otherwise bluetoothd subscribes again by itself when the next link comes up.
+    // Nobody listens here yet at that time, and the peripheral's first values would be lost.
     ~SignalSource() override {
         if (connection_->gone()) return;
         try {
             connection_->bus().send({path_, kGattCharacteristic, "StopNotify"}, [](const PlatformError*) {});
         } catch (const PlatformError&) {
-            // No bus, no notifications.
+            // The bus is gone, and with it the notifications.
         }
     }
 
@@ -106,13 +106,13 @@ Descriptor acquireNotify(Connection& connection, const std::string& path) {
 std::unique_ptr<ValueSource> subscribe(const std::shared_ptr<Connection>& connection, const std::string& path,
                                        ValueSource::Handler handler) {
     connection->requireLink();
-    // Offered for notifications only: indications come as signals, and are few.
+    // BlueZ offers a descriptor for notifications only. Indications are few and come as signals.
     if (connection->bus().objects().get<bool>(path, kGattCharacteristic, kAcquired)) {
         try {
             return std::make_unique<DescriptorSource>(acquireNotify(*connection, path), std::move(handler));
         } catch (const PlatformError& error) {
-            // Somebody on this machine has it, or has the notifications, which signals can share. Where there
-            // was no answer, the other way has one.
+            // Another program may hold the descriptor, or its notifications, which signals can share. If the
+            // peripheral refuses, this call gets no answer, but the one for signals does.
             const bool otherWay =
                 error.code() == kAccessDenied || error.code() == kInProgress || error.code() == kTimeout;
             if (!otherWay) throw;

@@ -1,91 +1,54 @@
 // What a fault makes of a call.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <optional>
+#include <type_traits>
 
 #include "fault.h"
 #include "peripheral.h"
 #include "platform/gatt.h"
 #include "platform/pairing.h"
-#include "platform/radio.h"
 
 namespace sim {
 
-// How a result says that nothing came back, and how it carries a communication status.
-template <class Result>
-struct FaultyResult;
+using PairingOutcome = std::optional<platform::DevicePairingResultStatus>;
 
-template <>
-struct FaultyResult<std::shared_ptr<platform::BluetoothLEDevice>> {
-    static std::shared_ptr<platform::BluetoothLEDevice> nothing() { return nullptr; }
-    static std::shared_ptr<platform::BluetoothLEDevice> of(platform::GattCommunicationStatus) {
-        return nullptr;
-    }
-};
-template <>
-struct FaultyResult<platform::RadioList> {
-    static platform::RadioList nothing() { return {}; }
-    static platform::RadioList of(platform::GattCommunicationStatus) { return {}; }
-};
-template <>
-struct FaultyResult<platform::GattDeviceServicesResult> {
-    static platform::GattDeviceServicesResult nothing() { return {}; }
-    static platform::GattDeviceServicesResult of(platform::GattCommunicationStatus status) {
+// How a result carries a communication status. No device, or no list of radios, stands for any failure. Of a pairing it is the
+// nearest outcome: connection rejected, authentication failure, access denied.
+template <class Result>
+Result resultWith(platform::GattCommunicationStatus status) {
+    using Status = platform::GattCommunicationStatus;
+    if constexpr (std::is_same_v<Result, Status>) {
+        return status;
+    } else if constexpr (requires(Result result) { result.status; }) {
         return {status, {}};
-    }
-};
-template <>
-struct FaultyResult<platform::GattCharacteristicsResult> {
-    static platform::GattCharacteristicsResult nothing() { return {}; }
-    static platform::GattCharacteristicsResult of(platform::GattCommunicationStatus status) {
-        return {status, {}};
-    }
-};
-template <>
-struct FaultyResult<platform::GattCommunicationStatus> {
-    // The program cannot tell a missing status from its first value.
-    static platform::GattCommunicationStatus nothing() { return platform::GattCommunicationStatus::success; }
-    static platform::GattCommunicationStatus of(platform::GattCommunicationStatus status) { return status; }
-};
-template <>
-struct FaultyResult<std::optional<platform::DevicePairingResultStatus>> {
-    using Outcome = std::optional<platform::DevicePairingResultStatus>;
-    static Outcome nothing() { return {}; }
-    // The nearest outcome: connection rejected, authentication failure, access denied.
-    static Outcome of(platform::GattCommunicationStatus status) {
-        switch (status) {
-            case platform::GattCommunicationStatus::success:
-                return platform::DevicePairingResultStatus::paired;
-            case platform::GattCommunicationStatus::unreachable:
-                return platform::DevicePairingResultStatus(4);
-            case platform::GattCommunicationStatus::protocolError:
-                return platform::DevicePairingResultStatus(9);
-            case platform::GattCommunicationStatus::accessDenied:
-                return platform::DevicePairingResultStatus(12);
-        }
+    } else if constexpr (std::is_same_v<Result, PairingOutcome>) {
+        constexpr std::array kOutcomes = {0, 4, 9, 12};
+        return platform::DevicePairingResultStatus(kOutcomes.at(static_cast<std::size_t>(status)));
+    } else {
         return {};
     }
-};
+}
 
 // The operation of a call that the fault hits; throws where the call itself is to fail. Not under the
 // peripheral's lock.
 template <class Result>
 platform::AsyncOperationPtr<Result> faultyOperation(WorldRuntime& runtime, const Fault& fault) {
-    using Faulty = FaultyResult<Result>;
     using Status = platform::GattCommunicationStatus;
     switch (fault.action) {
         case FaultAction::null:
-            return completed<Result>(Faulty::nothing());
+            return completed<Result>({});
         case FaultAction::noOperation:
             return nullptr;
         case FaultAction::unreachable:
         case FaultAction::disconnect:
-            return completed<Result>(Faulty::of(Status::unreachable));
+            return completed<Result>(resultWith<Result>(Status::unreachable));
         case FaultAction::protocolError:
-            return completed<Result>(Faulty::of(Status::protocolError));
+            return completed<Result>(resultWith<Result>(Status::protocolError));
         case FaultAction::accessDenied:
-            return completed<Result>(Faulty::of(Status::accessDenied));
+            return completed<Result>(resultWith<Result>(Status::accessDenied));
         case FaultAction::throwError:
             throw platform::PlatformError(fault.code);
         case FaultAction::hang:

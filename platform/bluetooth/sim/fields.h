@@ -51,6 +51,17 @@ class Fields {
     }
 
     // Each leaves `out` alone where the key is absent.
+    template <class Out, class Read>
+    void read(std::string_view key, Out& out, Read readValue) {
+        with(key,
+             [&](const nlohmann::json& value, const std::string& path) { out = readValue(value, path); });
+    }
+    template <class Item>
+    void list(std::string_view key, std::vector<Item>& out,
+              Item (*readItem)(const nlohmann::json&, const std::string&)) {
+        read(key, out,
+             [&](const auto& value, const auto& path) { return readList<Item>(value, path, readItem); });
+    }
     void flag(std::string_view key, bool& out);
     void text(std::string_view key, std::wstring& out);
 

@@ -14,7 +14,7 @@ namespace sim {
 namespace {
 
 using platform::DevicePairingResultStatus;
-using Outcome = std::optional<DevicePairingResultStatus>;
+using Outcome = PairingOutcome;
 using RequestListeners = bluetooth::CallbackList<platform::DevicePairingRequestedEventArgs&>;
 
 constexpr auto kConnectionRejected = static_cast<DevicePairingResultStatus>(4);

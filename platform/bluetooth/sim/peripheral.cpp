@@ -4,14 +4,6 @@
 
 namespace sim {
 
-namespace {
-
-constexpr FaultPoint faultPoint(FaultPoint::Call call, CharacteristicKind kind) {
-    return {call, kind};
-}
-
-}  // namespace
-
 TioPeripheral::TioPeripheral(PeripheralScenario scenario, std::shared_ptr<WorldRuntime> runtime)
     : scenario_(std::move(scenario)),
       runtime_(std::move(runtime)),
@@ -26,11 +18,6 @@ PeripheralCounters TioPeripheral::counters() const {
 bool TioPeripheral::connected() const {
     const std::lock_guard lock(mutex_);
     return current_ != nullptr;
-}
-
-void TioPeripheral::setApplication(Application application) {
-    const std::lock_guard lock(mutex_);
-    application_ = std::make_shared<const Application>(std::move(application));
 }
 
 void TioPeripheral::sendNotification(CharacteristicKind kind, Value value) {
@@ -118,18 +105,14 @@ platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::write(Link& li
                                                                         std::span<const std::uint8_t> value) {
     std::unique_lock lock(mutex_);
     if (!reachableLocked(link)) return completed(Status::unreachable);
-    if (const auto fault = passLocked(faultPoint(FaultPoint::Call::write, kind))) {
+    if (const auto fault = passLocked({FaultPoint::Call::write, kind})) {
         lock.unlock();
         return faultyOperation<Status>(*this, *fault);
     }
     const bool data = kind == CharacteristicKind::rx;
     if (data && !(connection_.waiting.empty() && connection_.in.take())) return waitForInterval(value);
 
-    const Status status = accept(kind, value);
-    const auto application = data && status == Status::success ? application_ : nullptr;
-    lock.unlock();
-    if (application) (*application)(value);
-    return completed(status);
+    return completed(accept(kind, value));
 }
 
 platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::subscribe(
@@ -138,7 +121,7 @@ platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::subscribe(
     using Descriptor = platform::GattClientCharacteristicConfigurationDescriptorValue;
     std::unique_lock lock(mutex_);
     if (!reachableLocked(link)) return completed(Status::unreachable);
-    if (const auto fault = passLocked(faultPoint(FaultPoint::Call::subscribe, kind))) {
+    if (const auto fault = passLocked({FaultPoint::Call::subscribe, kind})) {
         lock.unlock();
         return faultyOperation<Status>(*this, *fault);
     }

@@ -41,7 +41,6 @@ struct PeripheralCounters {
 class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
   public:
     using Status = platform::GattCommunicationStatus;
-    using Application = std::function<void(std::span<const std::uint8_t>)>;
 
     TioPeripheral(PeripheralScenario scenario, std::shared_ptr<WorldRuntime> runtime);
 
@@ -52,12 +51,9 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     // --- what a test or a demo does with it
     PeripheralCounters counters() const;
     bool connected() const;
-    // Takes the place of the scenario's serial behaviour. Gets the bytes of each accepted packet on the
-    // thread that wrote them, or on the timeline's when the link is paced.
-    void setApplication(Application application);
-    // As it stands, whatever the profile says of it, where the host has subscribed; nothing: no event
-    // arguments. The peripheral's books follow: data uses up a credit if there is one, credits and MTU count
-    // as granted and announced.
+    // Sends the value as it is, even one that breaks the profile, if the host has subscribed. Without a value
+    // the host's handler gets no event arguments. The peripheral counts it: data uses up a credit if there is
+    // one, credits count as granted and an MTU as announced.
     void sendNotification(CharacteristicKind kind, Value value);
     void dropLink();
     // How many calls the host has made to it, and how many of the scenario's faults have happened.
@@ -143,7 +139,6 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     Link* current_ = nullptr;  // the link that has the connection
     Connection connection_;
     std::vector<std::uint8_t> packet_;  // the notification that is being made
-    std::shared_ptr<const Application> application_;
     bool listed_ = false;
     bool paired_ = false;
 };

@@ -45,8 +45,7 @@ TioPeripheral::Status TioPeripheral::acceptData(std::span<const std::uint8_t> va
     ++counters_.creditsUsed;
     ++counters_.packetsIn;
     counters_.bytesIn += value.size();
-    const bool echo = scenario_.serial == SerialBehaviour::echo && !application_;
-    if (echo && !value.empty()) connection_.echo.push(value);
+    if (scenario_.serial == SerialBehaviour::echo && !value.empty()) connection_.echo.push(value);
     pump();
     return Status::success;
 }
@@ -82,7 +81,6 @@ void TioPeripheral::pump() {
 }
 
 bool TioPeripheral::hasOutgoing() const {
-    if (application_) return false;
     switch (scenario_.serial) {
         case SerialBehaviour::sink:
             return false;
@@ -190,24 +188,17 @@ void TioPeripheral::scheduleTick(Pacer::Clock::time_point time) {
 
 // A new interval: first what waits to come in, then what waits to go out.
 void TioPeripheral::tick(std::uint64_t connection) {
-    std::unique_lock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     if (!current_ || counters_.connections != connection) return;
     connection_.tickAhead = false;
-    std::vector<WaitingWrite> forApplication;
     while (current_ && !connection_.waiting.empty() && connection_.in.take()) {
-        auto write = std::move(connection_.waiting.front());
+        const auto write = std::move(connection_.waiting.front());
         connection_.waiting.pop_front();
-        const Status status = accept(CharacteristicKind::rx, write.bytes);
-        write.operation->complete(status);
-        if (application_ && status == Status::success) forApplication.push_back(std::move(write));
+        write.operation->complete(accept(CharacteristicKind::rx, write.bytes));
     }
     if (!current_) return;
     if (!connection_.waiting.empty()) scheduleTick(connection_.in.nextInterval());
     pump();
-    const auto application = application_;
-    lock.unlock();
-    for (const auto& write : forApplication)
-        (*application)(write.bytes);
 }
 
 }  // namespace sim

@@ -160,9 +160,8 @@ platform::DriverInfo readDriverInfo(const json& value, const std::string& path) 
     fields.text("description", info.description);
     fields.text("manufacturer", info.manufacturer);
     fields.text("provider", info.provider);
-    fields.with("date", [&](const json& item, const std::string& at) { info.date = readDate(item, at); });
-    fields.with("version",
-                [&](const json& item, const std::string& at) { info.version = readVersion(item, at); });
+    fields.read("date", info.date, readDate);
+    fields.read("version", info.version, readVersion);
     fields.rejectOthers();
     return info;
 }
@@ -171,9 +170,7 @@ DriverScenario readDriver(const json& value, const std::string& path) {
     DriverScenario driver;
     Fields fields(value, path);
     readSystemError(fields, "build_error", driver.buildError);
-    fields.with("compatible", [&](const json& item, const std::string& at) {
-        driver.compatible = readList<platform::DriverInfo>(item, at, readDriverInfo);
-    });
+    fields.list("compatible", driver.compatible, readDriverInfo);
     fields.rejectOthers();
     return driver;
 }
@@ -250,13 +247,10 @@ SerialBehaviour readSerial(const json& value, const std::string& path, std::uint
 }
 
 void readServices(Fields& fields, PeripheralScenario& peripheral) {
-    const auto uuids = [](std::vector<Guid>& out) {
-        return [&out](const json& item, const std::string& at) { out = readList<Guid>(item, at, readUuid); };
-    };
-    fields.with("services", uuids(peripheral.services));
+    fields.list("services", peripheral.services, readUuid);
     peripheral.cachedServices = peripheral.uncachedServices = peripheral.services;
-    fields.with("cached_services", uuids(peripheral.cachedServices));
-    fields.with("uncached_services", uuids(peripheral.uncachedServices));
+    fields.list("cached_services", peripheral.cachedServices, readUuid);
+    fields.list("uncached_services", peripheral.uncachedServices, readUuid);
     fields.flag("appears_after_listing", peripheral.appearsAfterListing);
 }
 
@@ -268,8 +262,7 @@ CharacteristicKind readCharacteristic(const json& value, const std::string& path
 PeripheralScenario readPeripheral(const json& value, const std::string& path) {
     PeripheralScenario peripheral;
     Fields fields(value, path);
-    fields.with("address",
-                [&](const json& item, const std::string& at) { peripheral.address = readAddress(item, at); });
+    fields.read("address", peripheral.address, readAddress);
     fields.text("name", peripheral.name);
     fields.with("advertises", [&](const json& item, const std::string& at) {
         peripheral.advertises.reset();
@@ -288,13 +281,9 @@ PeripheralScenario readPeripheral(const json& value, const std::string& path) {
     fields.with("serial", [&](const json& item, const std::string& at) {
         peripheral.serial = readSerial(item, at, peripheral.sourceBytes);
     });
-    fields.with("link",
-                [&](const json& item, const std::string& at) { peripheral.link = readLink(item, at); });
-    fields.with("pairing",
-                [&](const json& item, const std::string& at) { peripheral.pairing = readPairing(item, at); });
-    fields.with("faults", [&](const json& item, const std::string& at) {
-        peripheral.faults = readList<FaultRule>(item, at, readFault);
-    });
+    fields.read("link", peripheral.link, readLink);
+    fields.read("pairing", peripheral.pairing, readPairing);
+    fields.list("faults", peripheral.faults, readFault);
     fields.rejectOthers();
     return peripheral;
 }
@@ -330,12 +319,8 @@ double readTimeScale(const json& value, const std::string& path) {
 Scenario readRoot(const json& root, const std::filesystem::path& folder) {
     Scenario scenario;
     Fields fields(root, "");
-    fields.with("os_version", [&](const json& item, const std::string& at) {
-        scenario.osVersion = readOsVersion(item, at);
-    });
-    fields.with("time_scale", [&](const json& item, const std::string& at) {
-        scenario.timeScale = readTimeScale(item, at);
-    });
+    fields.read("os_version", scenario.osVersion, readOsVersion);
+    fields.read("time_scale", scenario.timeScale, readTimeScale);
     fields.with("drivers_db", [&](const json& item, const std::string& at) {
         const std::string text = readText(item, at);
         if (text.empty()) failAt(at, "the path of a file", item);
@@ -345,18 +330,10 @@ Scenario readRoot(const json& root, const std::filesystem::path& folder) {
         scenario.radios.reset();
         if (!item.is_null()) scenario.radios = readList<RadioScenario>(item, at, readRadio);
     });
-    fields.with("adapters", [&](const json& item, const std::string& at) {
-        scenario.adapters = readList<AdapterScenario>(item, at, readAdapter);
-    });
-    fields.with("drivers", [&](const json& item, const std::string& at) {
-        scenario.drivers = readList<DriverScenario>(item, at, readDriver);
-    });
-    fields.with("peripherals", [&](const json& item, const std::string& at) {
-        scenario.peripherals = readPeripherals(item, at);
-    });
-    fields.with("faults", [&](const json& item, const std::string& at) {
-        scenario.faults = readList<FaultRule>(item, at, readFault);
-    });
+    fields.list("adapters", scenario.adapters, readAdapter);
+    fields.list("drivers", scenario.drivers, readDriver);
+    fields.read("peripherals", scenario.peripherals, readPeripherals);
+    fields.list("faults", scenario.faults, readFault);
     fields.rejectOthers();
     return scenario;
 }

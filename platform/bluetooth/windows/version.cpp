@@ -2,21 +2,13 @@
 
 #include <windows.h>
 
+#include "win32/system_function.h"
+
 namespace platform {
 
 namespace {
 
 using RtlGetVersionFunction = LONG WINAPI(OSVERSIONINFOEXW*);
-
-bool askForTrueVersion(OSVERSIONINFOEXW& record) {
-    const HMODULE module = ::LoadLibraryW(L"ntdll.dll");
-    if (!module) return false;
-    const auto getVersion = reinterpret_cast<RtlGetVersionFunction*>(
-        reinterpret_cast<void*>(::GetProcAddress(module, "RtlGetVersion")));
-    if (getVersion) getVersion(&record);
-    ::FreeLibrary(module);
-    return getVersion != nullptr;
-}
 
 }  // namespace
 
@@ -25,7 +17,11 @@ bool askForTrueVersion(OSVERSIONINFOEXW& record) {
 // and a system whose documented call refuses it reads 0.0.0, which counts as old.
 OsVersion osVersion() {
     OSVERSIONINFOEXW record{};
-    if (!askForTrueVersion(record)) ::GetVersionExW(reinterpret_cast<OSVERSIONINFOW*>(&record));
+    if (const auto trueVersion = systemFunction<RtlGetVersionFunction>(L"ntdll.dll", "RtlGetVersion")) {
+        trueVersion(&record);
+    } else {
+        ::GetVersionExW(reinterpret_cast<OSVERSIONINFOW*>(&record));
+    }
     return {record.dwMajorVersion, record.dwMinorVersion, record.dwBuildNumber};
 }
 

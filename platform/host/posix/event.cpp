@@ -49,15 +49,18 @@ Operation* pendingOperation(const Event& event) {
     return operation && operation->pending() ? operation : nullptr;
 }
 
-// Tries the pending operations on the way, so that an event that is always set cannot starve one in front of
-// it.
+bool carryOn(const Event& event) {
+    Operation* const operation = pendingOperation(event);
+    return operation && operation->carryOn();
+}
+
 std::optional<std::size_t> firstSignalled(Events events) {
-    const auto found = std::find_if(events.begin(), events.end(), [](const Event* event) {
-        Operation* const operation = pendingOperation(*event);
-        return event->isSet() || (operation && operation->carryOn());
-    });
+    const auto found =
+        std::find_if(events.begin(), events.end(), [](Event* event) { return event->isSet(); });
     if (found == events.end()) return std::nullopt;
-    return static_cast<std::size_t>(found - events.begin());
+    // Operations in front of it are tried first, so that an event that is always set cannot starve them.
+    const auto ahead = std::find_if(events.begin(), found, [](Event* event) { return carryOn(*event); });
+    return static_cast<std::size_t>(ahead - events.begin());
 }
 
 void drain(const Descriptor& wake) {
@@ -65,8 +68,8 @@ void drain(const Descriptor& wake) {
     [[maybe_unused]] const ssize_t ignored = ::read(wake.get(), &count, sizeof count);
 }
 
-// Returns when a setter or the other end of a socket has woken it, at the time-out, or early.
-void sleepUntilWoken(Events events, std::chrono::nanoseconds timeout) {
+// Returns when a setter or the other end of a socket wakes it, at the time-out, or early.
+void pollOnce(Events events, std::chrono::nanoseconds timeout) {
     std::array<pollfd, kMaxEvents> polled;
     for (std::size_t i = 0; i < events.size(); ++i) {
         const Operation* const operation = pendingOperation(*events[i]);
@@ -79,8 +82,12 @@ void sleepUntilWoken(Events events, std::chrono::nanoseconds timeout) {
         throw std::system_error(errno, std::generic_category(), "ppoll");
     }
     for (std::size_t i = 0; i < events.size(); ++i) {
-        const Descriptor& wake = events[i]->impl().wake;
-        if (polled[i].revents && polled[i].fd == wake.get() && !events[i]->isSet()) drain(wake);
+        if (polled[i].revents == 0) continue;
+        if (polled[i].fd != events[i]->impl().wake.get()) {
+            carryOn(*events[i]);
+        } else if (!events[i]->isSet()) {
+            drain(events[i]->impl().wake);
+        }
     }
 }
 
@@ -113,9 +120,9 @@ std::optional<std::size_t> waitAny(Events events, std::chrono::nanoseconds timeo
     const WaiterScope waiter(events);
     for (;;) {
         if (const auto signalled = firstSignalled(events)) return signalled;
-        const auto left = deadline - Clock::now();
-        if (left <= Clock::duration::zero()) return std::nullopt;
-        sleepUntilWoken(events, left);
+        const auto left = std::max(deadline - Clock::now(), Clock::duration::zero());
+        pollOnce(events, left);
+        if (left == Clock::duration::zero()) return firstSignalled(events);
     }
 }
 

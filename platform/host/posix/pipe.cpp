@@ -12,7 +12,6 @@
 #include "endpoint.h"
 #include "operation.h"
 #include "pipe_name.h"
-#include "platform/runtime.h"
 #include "platform/text.h"
 #include "socket_file.h"
 #include "system_error.h"
@@ -31,7 +30,6 @@ class UnixPipe : public Pipe {
     // Pending operations hold the endpoint, so it does not close by itself.
     ~UnixPipe() override { endpoint_->close(); }
 
-    SystemError connect() override;
     SystemError startConnect(IoRequest& request) override;
     IoResult startRead(IoRequest& request, std::span<std::uint8_t> buffer) override;
     IoResult startWrite(IoRequest& request, std::span<const std::uint8_t> buffer) override;
@@ -50,19 +48,6 @@ class UnixPipe : public Pipe {
 
     std::shared_ptr<Endpoint> endpoint_;
 };
-
-SystemError UnixPipe::connect() {
-    IoRequest arrival;
-    Operation& operation = arrival.impl().operation;
-    const SystemError started = operation.startAccept(endpoint_).error;
-    if (started != SystemError::ioPending) return started;
-
-    const std::array<Event*, 2> events{&stopRequested(), &arrival.event()};
-    std::optional<std::size_t> signalled;
-    while (!signalled)
-        signalled = waitAny(events, std::chrono::hours(24));
-    return *signalled == 0 ? operation.cancel().error : operation.result().error;
-}
 
 SystemError UnixPipe::startConnect(IoRequest& request) {
     Operation& operation = request.impl().operation;

@@ -30,13 +30,9 @@ CalendarTime toCalendarTime(FileTime time) {
 }
 
 std::wstring formatLongDateAndTime(const CalendarTime& time) {
-    SYSTEMTIME calendar{};
-    calendar.wYear = static_cast<WORD>(time.year);
-    calendar.wMonth = static_cast<WORD>(time.month);
-    calendar.wDay = static_cast<WORD>(time.day);
-    calendar.wHour = static_cast<WORD>(time.hour);
-    calendar.wMinute = static_cast<WORD>(time.minute);
-    calendar.wSecond = static_cast<WORD>(time.second);
+    const auto word = [](int number) { return static_cast<WORD>(number); };
+    const SYSTEMTIME calendar{word(time.year),   word(time.month),  0, word(time.day), word(time.hour),
+                              word(time.minute), word(time.second), 0};
     std::array<wchar_t, 256> date{};
     std::array<wchar_t, 256> clock{};
     ::GetDateFormatW(LOCALE_USER_DEFAULT, DATE_LONGDATE, &calendar, nullptr, date.data(), date.size());

@@ -13,7 +13,7 @@
 #include "io_request.h"
 #include "platform/runtime.h"
 #include "system_error.h"
-#include "system_function.h"
+#include "win32/system_function.h"
 
 namespace platform {
 
@@ -76,7 +76,6 @@ class NamedPipe : public Pipe {
     explicit NamedPipe(Handle handle) : handle_(std::move(handle)) {}
     ~NamedPipe() override { close(); }
 
-    SystemError connect() override;
     SystemError startConnect(IoRequest& request) override;
     IoResult startRead(IoRequest& request, std::span<std::uint8_t> buffer) override;
     IoResult startWrite(IoRequest& request, std::span<const std::uint8_t> buffer) override;
@@ -96,19 +95,6 @@ class NamedPipe : public Pipe {
     mutable std::mutex mutex_;
     Handle handle_;
 };
-
-SystemError NamedPipe::connect() {
-    IoRequest arrival;
-    const SystemError started = startConnect(arrival);
-    if (started == SystemError::pipeConnected) return SystemError::none;  // it has been waiting
-    if (started != SystemError::ioPending) return started;
-
-    const std::array<Event*, 2> events{&stopRequested(), &arrival.event()};
-    std::optional<std::size_t> signalled;
-    while (!signalled)
-        signalled = waitAny(events, std::chrono::hours(24));
-    return cancel(arrival).error;
-}
 
 SystemError NamedPipe::startConnect(IoRequest& request) {
     if (request.impl().pending()) return kStillBusy;

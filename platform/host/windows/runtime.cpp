@@ -11,7 +11,7 @@
 #include "platform/text.h"
 #include "security.h"
 #include "system_error.h"
-#include "system_function.h"
+#include "win32/system_function.h"
 
 namespace platform {
 

@@ -17,7 +17,7 @@
 
 namespace platform {
 
-// The platform's values; more may come from a newer platform.
+// The platform's values, as far as they are used here; the platform may hand out others.
 enum class DevicePairingKinds : std::uint32_t {
     none = 0,
     confirmOnly = 1,
@@ -25,15 +25,9 @@ enum class DevicePairingKinds : std::uint32_t {
     providePin = 4,
     confirmPinMatch = 8,
 };
-enum class DevicePairingProtectionLevel {
-    defaultLevel = 0,
-    none = 1,
-    encryption = 2,
-    encryptionAndAuthentication = 3
-};
+enum class DevicePairingProtectionLevel { none = 1 };
 enum class DevicePairingResultStatus : std::int32_t {
     paired = 0,
-    notPaired = 2,
     requiredHandlerNotRegistered = 16,
     rejectedByHandler = 17,
     failed = 19

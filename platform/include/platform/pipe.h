@@ -63,9 +63,9 @@ class Pipe {
 
     virtual ~Pipe() = default;
 
-    // Waits for a client; one that is already waiting is taken. operationAborted when the program was asked
-    // to stop.
-    virtual SystemError connect() = 0;
+    // Waits for a client; one that is already there is taken. operationAborted when the program was asked to
+    // stop.
+    SystemError connect();
 
     // Starts to wait for a client. pipeConnected: a client came between create() and this call; it stays
     // connected. Otherwise ioPending; the request finishes with 0 bytes when a client came.

@@ -15,7 +15,7 @@ namespace platform {
 // The platform's values.
 enum class RadioKind { other = 0, wiFi = 1, mobileBroadband = 2, bluetooth = 3, fm = 4 };
 enum class RadioState { unknown = 0, on = 1, off = 2, disabled = 3 };
-enum class RadioAccessStatus { unspecified = 0, allowed = 1, deniedByUser = 2, deniedBySystem = 3 };
+enum class RadioAccessStatus { allowed = 1 };  // others mean a refusal
 
 class Radio {
   public:
