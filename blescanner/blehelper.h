@@ -30,13 +30,16 @@ platform::AsyncOperationPtr<platform::RadioList> requestRadioList();
 // Looks for a Bluetooth radio that is on, up to the first one. Adds one to `counter` for each Bluetooth radio
 // that it examines and never resets it, so a caller can tell "no Bluetooth hardware" (0) from "switched off".
 // Without a list of radios Bluetooth counts as on. `runDriverCheck`: calls checkBluetoothDrivers() at the
-// end. Throws PlatformError, and Stopped at the program's end.
-RadioCheckResult checkBluetoothRadio(std::uint32_t& counter, bool runDriverCheck);
+// end. Throws PlatformError, and Stopped.
+RadioCheckResult checkBluetoothRadio(std::uint32_t& counter, bool runDriverCheck, StopSignal& stop);
 
 // Switches every Bluetooth radio off and on again, whatever its state: 4 to 16 s for each. Radios already
 // switched when a call fails stay as they are. Throws nothing but Stopped, and not before a radio that it has
 // switched off was switched on again.
 void resetBluetooth(StopSignal& stop);
+
+// A reset is under way on some thread. It takes every link down, so nothing connects meanwhile. Any thread.
+bool isBluetoothResetting();
 
 // Switches on the Bluetooth radios that are off: at most 5 s for each. Throws nothing but Stopped, at the
 // program's end.

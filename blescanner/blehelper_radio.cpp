@@ -1,8 +1,10 @@
+#include <atomic>
 #include <chrono>
 #include <loguru.hpp>
 
 #include "blehelper.h"
 #include "btdrivercheck.h"
+#include "platform/clock.h"
 #include "platform/text.h"
 #include "platform_error_text.h"
 #include "waiting.h"
@@ -17,14 +19,22 @@ using std::chrono::milliseconds;
 
 namespace {
 
+std::atomic<int> resetsUnderWay = 0;
+
+struct ResetScope {
+    ResetScope() { ++resetsUnderWay; }
+    ~ResetScope() { --resetsUnderWay; }
+};
+
 using StateTest = bool (*)(RadioState state);
 
 constexpr int kStatePolls = 5;
+constexpr int kLooksInPoll = 10;
 constexpr milliseconds kResetPollInterval{1500};
 constexpr milliseconds kSwitchOnPollInterval{1000};
 constexpr milliseconds kResetSettleTime{1000};
 
-RadioList fetchRadios(const StopSignal& stop) {
+RadioList fetchRadios(StopSignal& stop) {
     const auto operation = requestRadioList();
     if (!operation) return std::nullopt;
     awaitOperation(*operation, stop);
@@ -79,6 +89,12 @@ void pollStateWhile(StateTest goOn, const Radio& radio, milliseconds interval, S
     }
 }
 
+// For a reset that has been stopped. Bounded like the polls of one that has not.
+void waitWhile(StateTest goOn, const Radio& radio) {
+    for (int look = 0; look < kStatePolls * kLooksInPoll && goOn(radio.state()); ++look)
+        platform::sleepFor(kResetPollInterval / kLooksInPoll);
+}
+
 // Nobody waits for the switching operation itself, which need not end together with the change of state, if
 // at all: what follows is paced by polling the state alone.
 void requestState(Radio& radio, RadioState state) {
@@ -89,12 +105,16 @@ void requestState(Radio& radio, RadioState state) {
 // Both polls go on while the wanted state is already reached. Deliberate: a radio that obeys is held off, and
 // then watched, for the full time; one that has not obeyed by the first look is not waited for.
 void resetRadio(Radio& radio, StopSignal& stop) {
+    stop.check();
     requestState(radio, RadioState::off);
     try {
         pollStateWhile(isOff, radio, kResetPollInterval, stop);
     } catch (const Stopped&) {
-        // The radio serves others, too: it must not stay off because nobody waits for this reset any more.
+        // The radio serves others, too: it must not stay off because nobody waits for this reset any more. A
+        // radio that is still on has not obeyed yet, and would go off after a request for "on".
+        waitWhile(isOn, radio);
         requestState(radio, RadioState::on);
+        waitWhile(isNotOn, radio);
         throw;
     }
     requestState(radio, RadioState::on);
@@ -137,9 +157,9 @@ platform::AsyncOperationPtr<RadioList> requestRadioList() {
     return platform::getRadiosAsync();
 }
 
-RadioCheckResult checkBluetoothRadio(std::uint32_t& counter, bool runDriverCheck) {
+RadioCheckResult checkBluetoothRadio(std::uint32_t& counter, bool runDriverCheck, StopSignal& stop) {
     LOG_S(INFO) << "Retrieving list of radio devices...";
-    const RadioList radios = fetchRadios(programEnd());
+    const RadioList radios = fetchRadios(stop);
     if (!radios) {
         // The only failure that counts as a yes: without it no command would be served on a machine whose
         // radios cannot be asked but work.
@@ -162,8 +182,13 @@ RadioCheckResult checkBluetoothRadio(std::uint32_t& counter, bool runDriverCheck
 }
 
 void resetBluetooth(StopSignal& stop) {
+    const ResetScope scope;
     LOG_S(INFO) << "Bluetooth reset initiated...";
     switchAllRadios(resetRadio, stop);
+}
+
+bool isBluetoothResetting() {
+    return resetsUnderWay > 0;
 }
 
 void switchBluetoothOn() {

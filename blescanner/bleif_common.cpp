@@ -53,6 +53,7 @@ void IBLEIF::__setSubscription(const std::shared_ptr<platform::GattCharacteristi
             __chValueChanged(sender, args);
         }));
 
+    context_.stop.check();
     const auto write = characteristic->writeClientCharacteristicConfigurationDescriptorAsync(
         indicate ? Descriptor::indicate : Descriptor::notify);
     if (!write) {

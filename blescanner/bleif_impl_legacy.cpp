@@ -43,7 +43,7 @@ constexpr std::array<const wchar_t*, 20> kPairingResults = {
 };
 
 // True when this call has paired the device.
-bool pairDevice(platform::DeviceInformation& device, const StopSignal& stop) {
+bool pairDevice(platform::DeviceInformation& device, StopSignal& stop) {
     stop.check();
     const std::string id = platform::printable(device.id());
     const auto pairing = device.pairing();
@@ -65,6 +65,7 @@ bool pairDevice(platform::DeviceInformation& device, const StopSignal& stop) {
     LOG_S(INFO) << "Preparing for customized connectiong...";
     // The handler answers for as long as this ceremony lasts.
     const auto handler = custom->onPairingRequested(onPairingRequested);
+    stop.check();
     const auto ceremony = custom->pairAsync(platform::DevicePairingKinds::confirmOnly,
                                             platform::DevicePairingProtectionLevel::none);
     if (!ceremony) {
@@ -173,6 +174,7 @@ std::vector<std::shared_ptr<platform::GattDeviceService>> BLEIFLegacy::listServi
     LOG_S(INFO) << "Retrieving available GATT services (ALL)...";
     auto known = context().device->gattServices();
     if (!known.empty()) return known;
+    context().stop.check();
     LOG_S(INFO) << "Refreshig available GATT services (ALL)...";
     const auto listing = context().device->getGattServicesAsync(platform::BluetoothCacheMode::uncached);
     if (!listing) {

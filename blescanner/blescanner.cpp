@@ -1,12 +1,14 @@
 #include "blescanner.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <loguru.hpp>
 #include <string_view>
+#include <thread>
 
 #include "blehelper.h"
 #include "cmdpipe.h"
@@ -25,7 +27,7 @@ namespace {
 constexpr const char* kVersion = ZIQBLE_VERSION;
 // Whatever hangs, the program ends within 5 s of being asked to: half a second that "exit" takes, these two,
 // and the time that the log's reader gets.
-constexpr std::chrono::milliseconds kWindDownTime{2000};
+constexpr std::chrono::milliseconds kWindDownTime{1500};
 constexpr std::chrono::milliseconds kCancelTime{100};
 constexpr std::chrono::seconds kLastOutputTime{2};
 
@@ -33,8 +35,22 @@ constexpr std::chrono::seconds kLastOutputTime{2};
 LogWriter& standardOutput() {
     // Never destroyed: it may hang in a write, and detached threads may log until the process has gone.
     static LogWriter& writer = *new LogWriter([](std::string_view lines) {
-        const bool taken = std::fwrite(lines.data(), 1, lines.size(), stdout) == lines.size();
-        return std::fflush(stdout) == 0 && taken;
+        // A terminal or pipe that another program has made non-blocking refuses for a while.
+        const auto refused = [] {
+            if (errno != EAGAIN) return false;
+            std::clearerr(stdout);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            return true;
+        };
+        while (!lines.empty()) {
+            const std::size_t taken = std::fwrite(lines.data(), 1, lines.size(), stdout);
+            lines.remove_prefix(taken);
+            if (!lines.empty() && !refused()) return false;
+        }
+        while (std::fflush(stdout) != 0) {
+            if (!refused()) return false;
+        }
+        return true;
     });
     return writer;
 }

@@ -138,7 +138,7 @@ DriversDb parseDriversDb(const std::string& bytes, const std::string& fileName) 
     std::size_t unreadable = 0;
     std::istringstream lines(toUtf8Text(bytes));
     for (std::string line; std::getline(lines, line);) {
-        if (platform::toUtf8(platform::widen(line)) != line) {
+        if (platform::toUtf8(platform::widen(line)) != line || line.find('\0') != std::string::npos) {
             ++unreadable;
             continue;
         }
@@ -152,7 +152,7 @@ DriversDb parseDriversDb(const std::string& bytes, const std::string& fileName) 
                                    platform::widen(hint));
     }
     if (unreadable > 0) {
-        LOG_S(WARNING) << "Driver check: " << fileName
+        LOG_S(WARNING) << "Driver check: " << printable(fileName)
                        << " has lines that are not UTF-8 and are not used: " << unreadable
                        << ". Save the file as UTF-8.";
     }
@@ -164,7 +164,7 @@ DriversDb readDriversDb() {
     try {
         path = platform::driversDbPath();
     } catch (const std::exception& error) {
-        LOG_S(WARNING) << "Driver check: no folder to look for drivers.db in: " << error.what();
+        LOG_S(WARNING) << "Driver check: no folder to look for drivers.db in: " << printable(error.what());
         return {};
     }
     std::ostringstream bytes;

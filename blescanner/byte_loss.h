@@ -12,6 +12,8 @@ namespace blescanner {
 class ByteLoss {
   public:
     void add(std::uint64_t bytes) { tell(bytes, std::chrono::seconds(1)); }
+    // Tells what is still untold, if the last line is a second ago. Called several times a second.
+    void tellDue() { add(0); }
     // Tells what is still untold. At the end of the session.
     void tellRest() { tell(0, std::chrono::seconds(0)); }
 

@@ -59,7 +59,9 @@ platform::IoResult CNamedPipe::finishWrite(platform::IoResult started, std::int6
 }
 
 void CNamedPipe::writeText(std::wstring& text) {
-    LOG_S(INFO) << "SHELL: " << platform::toUtf8(text);  // a reply holds no control character but its end
+    const std::size_t end = text.ends_with(L"\r\n") ? text.size() - 2 : text.size();
+    LOG_S(INFO) << "SHELL: " << platform::printable(text.substr(0, end))
+                << platform::toUtf8(text.substr(end));
     const std::string bytes = lowBytes(text);
     text.clear();
     if (!pipe_ || bytes.empty()) return;

@@ -76,7 +76,7 @@ CommandResult CommandSet::execute(const std::wstring& line) {
     } else if (line.starts_with(L"stats")) {
         stats();
     } else if (line.starts_with(L"resetbt")) {
-        resetBluetooth(programEnd());
+        resetBluetooth(stop_);
         reply(L"OK\r\n");
     } else {
         LOG_S(ERROR) << "Unknown command: " << platform::printable(line);
@@ -123,12 +123,13 @@ void CommandSet::tellLowEnergyMissing() {
 
 bool CommandSet::replyIfBluetoothUnusable() {
     std::uint32_t radios = 0;
-    if (checkBluetoothRadio(radios, false) == RadioCheckResult::BluetoothOn) return false;
+    if (checkBluetoothRadio(radios, false, stop_) == RadioCheckResult::BluetoothOn) return false;
     tellBluetoothUnusable(radios);
     return true;
 }
 
 void CommandSet::leScan(const std::wstring& line) {
+    if (shell_.clientLeft()) return;  // nobody waits for the result
     if (replyIfBluetoothUnusable()) return;
 
     std::uint32_t leAdapters = 0;
@@ -172,9 +173,9 @@ void CommandSet::stats() {
     reply(text.str());
 }
 
-std::wstring CommandSet::bluetoothStats() const {
+std::wstring CommandSet::bluetoothStats() {
     std::uint32_t radios = 0;
-    if (checkBluetoothRadio(radios, false) == RadioCheckResult::BluetoothOff) return L";BLE N/A";
+    if (checkBluetoothRadio(radios, false, stop_) == RadioCheckResult::BluetoothOff) return L";BLE N/A";
 
     std::wostringstream leList;
     bool leSupported = false;

@@ -11,6 +11,8 @@
 
 namespace blescanner {
 
+class StopSignal;
+
 inline constexpr const char* kNoLowEnergy =
     "[WARNING] Bluetooth available on PC but no support for Bluetooth Low Energy (BLE) found!";
 
@@ -21,11 +23,11 @@ enum class CommandResult { goOn = 0, clientQuits = -1, programEnds = -2 };
 // stop of the link closes it.
 class CommandSet {
   public:
-    // Replies go to `shell`, which must outlive this.
-    explicit CommandSet(CNamedPipe& shell) : shell_(shell) {}
+    // Replies go to `shell`; `stop` ends a command that waits. Both must outlive this.
+    CommandSet(CNamedPipe& shell, StopSignal& stop) : shell_(shell), stop_(stop) {}
 
     // Takes bytes as they were read, and executes every line that they complete, up to one that ends the
-    // session. Throws PlatformError, and Stopped at the program's end.
+    // session. Throws PlatformError, and Stopped.
     CommandResult dispatch(std::span<const std::uint8_t> bytes, LineAccumulator& line);
 
     // Tell the client, and the log, of Bluetooth that cannot be used: no radio of so many is on; no adapter
@@ -45,12 +47,13 @@ class CommandSet {
     void leScan(const std::wstring& line);
     void connect(const std::wstring& line);
     void stats();
-    std::wstring bluetoothStats() const;
+    std::wstring bluetoothStats();
     bool replyIfBluetoothUnusable();
     void reply(std::wstring text);
     void replyAndLog(const wchar_t* text, const char* logged);
 
     CNamedPipe& shell_;
+    StopSignal& stop_;
     std::shared_ptr<CNamedPipe> data_;
 };
 

@@ -9,7 +9,7 @@ constexpr std::size_t kShownOfTooLong = 256;
 }
 
 bool LineAccumulator::add(std::uint8_t byte) {
-    if (byte == '\r' || byte == '\n') return true;
+    if (endsLine(byte)) return true;
     if (text_.size() < kLimit) {
         text_.push_back(static_cast<wchar_t>(byte));
     } else {

@@ -14,6 +14,8 @@ class LineAccumulator {
   public:
     static constexpr std::size_t kLimit = 64 * 1024;  // characters
 
+    static bool endsLine(std::uint8_t byte) { return byte == '\r' || byte == '\n'; }
+
     // Takes one byte; true when it completed a line.
     bool add(std::uint8_t byte);
 

@@ -15,27 +15,24 @@ void LinkNotification::open() {
 }
 
 void LinkNotification::close() {
-    const std::lock_guard lock(mutex_);
-    lines_.clear();
-    event_.reset();
-    open_ = false;
-}
-
-void LinkNotification::post(std::wstring line) {
     {
         const std::lock_guard lock(mutex_);
-        if (open_) {
-            lines_.push_back(std::move(line));
-            event_.set();
-            return;
-        }
+        open_ = false;
     }
-    LOG_S(INFO) << "No client to tell: " << platform::toUtf8(line);
+    discard();
+}
+
+bool LinkNotification::post(std::wstring line) {
+    const std::lock_guard lock(mutex_);
+    if (!open_) return false;
+    lines_.push_back(std::move(line));
+    event_.set();
+    return true;
 }
 
 void LinkNotification::discard() {
     while (const auto line = take())
-        LOG_S(INFO) << "Not sent, the link has been stopped: " << platform::toUtf8(*line);
+        LOG_S(INFO) << "Not sent, nobody waits for it any more: " << platform::toUtf8(*line);
 }
 
 std::optional<std::wstring> LinkNotification::take() {

@@ -17,11 +17,12 @@ class LinkNotification {
     void open();
     void close();
 
-    void post(std::wstring line);
-    // The link that the lines tell of has been stopped: nobody gets them.
+    // False: no client session is open, the line is lost.
+    bool post(std::wstring line);
+    // Drops the lines that nobody has taken, and logs them.
     void discard();
 
-    // Signalled while there is something to take. Owned by the shell thread, which resets it through take().
+    // Signalled while there is something to take. Only the shell thread waits for it.
     platform::Event& event() { return event_; }
     std::optional<std::wstring> take();
 

@@ -1,7 +1,10 @@
+#include <algorithm>
 #include <array>
 #include <chrono>
+#include <deque>
 #include <loguru.hpp>
 #include <string>
+#include <vector>
 
 #include "blehelper.h"
 #include "cmdpipe.h"
@@ -42,11 +45,12 @@ struct NotificationScope {
     NotificationScope& operator=(const NotificationScope&) = delete;
 };
 
-class ShellSession {
+// Ends a command that waits for the platform when its client has left or has sent "exit".
+class ShellSession : private StopSignal {
   public:
     ShellSession() = default;
     // However the session ends: no link goes on without it, and no pipe stays.
-    ~ShellSession() {
+    ~ShellSession() override {
         commands_.closeSession();
         dropClient();
         shell_.close();
@@ -57,6 +61,8 @@ class ShellSession {
     void run();
 
   private:
+    ClientOutcome clientStopped();
+    ClientOutcome clientGone();
     bool createShellPipe();
     bool bluetoothUsable(bool on, std::uint32_t radios);
     bool leSupported(bool queryRan, std::uint32_t leAdapters);
@@ -65,17 +71,23 @@ class ShellSession {
     ClientOutcome serveClient();
     ClientOutcome clientLoop();
     platform::IoResult waitForRead();
+    void waitingLong() override;
+    void readAhead();
+    CommandResult execute();
     void deliverLinkLines();
     void dropClient();
 
     CNamedPipe shell_;
-    CommandSet commands_{shell_};
+    CommandSet commands_{shell_, *this};
     std::array<std::uint8_t, 512> readBuffer_{};
+    LineAccumulator line_;             // of the client that is served
+    std::deque<std::uint8_t> unread_;  // what it has sent and nobody has executed
+    bool exitAhead_ = false;
 };
 
 void ShellSession::run() {
     std::uint32_t radios = 0;
-    const bool on = checkBluetoothRadio(radios, true) == RadioCheckResult::BluetoothOn;
+    const bool on = checkBluetoothRadio(radios, true, programEnd()) == RadioCheckResult::BluetoothOn;
     std::uint32_t leAdapters = 0;
     const bool leQueryRan = getBLEProtocolSupport(&leAdapters);
     if (!createShellPipe()) return;
@@ -103,7 +115,7 @@ bool ShellSession::bluetoothUsable(bool on, std::uint32_t radios) {
     if (!on && radios == 1) {
         switchBluetoothOn();
         radios = 0;
-        on = checkBluetoothRadio(radios, true) == RadioCheckResult::BluetoothOn;
+        on = checkBluetoothRadio(radios, true, programEnd()) == RadioCheckResult::BluetoothOn;
     }
     if (on) return true;
 
@@ -167,7 +179,7 @@ ClientOutcome ShellSession::serveClient() {
     try {
         outcome = clientLoop();
     } catch (const Stopped&) {
-        outcome = ClientOutcome::programStopped;
+        outcome = clientStopped();
     } catch (const platform::PlatformError& error) {
         LOG_S(ERROR) << describe(error);
     } catch (...) {
@@ -179,8 +191,59 @@ ClientOutcome ShellSession::serveClient() {
     return outcome;
 }
 
+ClientOutcome ShellSession::clientStopped() {
+    if (exitAhead_) return ClientOutcome::sentExit;
+    if (programEnd().stopped()) return ClientOutcome::programStopped;
+    return clientGone();
+}
+
+ClientOutcome ShellSession::clientGone() {
+    commands_.stopSession();
+    LOG_S(ERROR) << "Client disconnected!";
+    return ClientOutcome::left;
+}
+
+void ShellSession::waitingLong() {
+    readAhead();
+    if (exitAhead_) LOG_S(INFO) << "Received a terminate APP command";
+    if (exitAhead_ || shell_.clientLeft()) throw Stopped();
+}
+
+// What the client has sent meanwhile is executed after the command that waits, but for "exit".
+void ShellSession::readAhead() {
+    while (unread_.size() < LineAccumulator::kLimit) {
+        platform::IoResult read = shell_.startRead(shell_.readRequest, readBuffer_);
+        if (read.error == SystemError::ioPending) read = shell_.result(shell_.readRequest);
+        if (read.error != SystemError::none) break;
+        shell_.readRequest.event().reset();
+        unread_.insert(unread_.end(), readBuffer_.begin(),
+                       readBuffer_.begin() + static_cast<long>(read.bytes));
+    }
+    LineAccumulator line = line_;
+    for (const std::uint8_t byte : unread_) {
+        if (!line.add(byte)) continue;
+        line.lower();
+        exitAhead_ = exitAhead_ || line.text() == L"exit";
+        line.clear();
+    }
+}
+
+// Line by line, so that readAhead() sees what is still to come.
+CommandResult ShellSession::execute() {
+    while (!unread_.empty()) {
+        const auto lineEnd = std::find_if(unread_.begin(), unread_.end(), LineAccumulator::endsLine);
+        const auto behind = lineEnd == unread_.end() ? lineEnd : lineEnd + 1;
+        const std::vector<std::uint8_t> bytes(unread_.begin(), behind);
+        unread_.erase(unread_.begin(), behind);
+        const CommandResult result = commands_.dispatch(bytes, line_);
+        if (result != CommandResult::goOn) return result;
+    }
+    return CommandResult::goOn;
+}
+
 ClientOutcome ShellSession::clientLoop() {
-    LineAccumulator line;
+    line_.clear();
+    unread_.clear();
     int failures = 0;
     for (;;) {
         programEnd().check();
@@ -194,7 +257,9 @@ ClientOutcome ShellSession::clientLoop() {
 
         if (read.error == SystemError::none) {
             failures = 0;
-            const auto result = commands_.dispatch({readBuffer_.data(), read.bytes}, line);
+            unread_.insert(unread_.end(), readBuffer_.begin(),
+                           readBuffer_.begin() + static_cast<long>(read.bytes));
+            const auto result = execute();
             if (result == CommandResult::clientQuits) return ClientOutcome::left;
             if (result == CommandResult::programEnds) return ClientOutcome::sentExit;
             continue;
@@ -203,9 +268,7 @@ ClientOutcome ShellSession::clientLoop() {
             LOG_S(ERROR) << "SHELL PIPE ERR(R)= (" << platform::number(read.error) << ")";
             if (++failures < kReadFailuresInARow) continue;
         }
-        commands_.stopSession();
-        LOG_S(ERROR) << "Client disconnected!";
-        return ClientOutcome::left;
+        return clientGone();
     }
 }
 

@@ -53,6 +53,10 @@ void logCurrentException() {
     }
 }
 
+void logUntold(const wchar_t* line) {
+    LOG_S(INFO) << "No client to tell: " << platform::toUtf8(line);
+}
+
 std::shared_ptr<TioContext> startContext(std::shared_ptr<CNamedPipe> dataPipe) {
     TioStatistics& figures = statistics();
     figures.rxBytesTotal += currentTioContext()->rxBytes;
@@ -166,13 +170,17 @@ void stopLink(TioContext& context) {
 }
 
 void notifyClient(TioContext& context, const wchar_t* line) {
-    const std::lock_guard lock(context.lineOrder);
-    if (!context.stop.stopped()) linkNotification().post(line);
+    std::unique_lock lock(context.lineOrder);
+    const bool lost = !context.stop.stopped() && !linkNotification().post(line);
+    lock.unlock();
+    if (lost) logUntold(line);
 }
 
 void notifyWhileLinked(TioContext& context, const wchar_t* line) {
-    const std::lock_guard lock(context.lineOrder);
-    if (context.dataPipe && !context.stop.stopped()) linkNotification().post(line);
+    std::unique_lock lock(context.lineOrder);
+    const bool lost = context.dataPipe && !context.stop.stopped() && !linkNotification().post(line);
+    lock.unlock();
+    if (lost) logUntold(line);
 }
 
 bool waitForLinkSessions(std::chrono::milliseconds timeout) {

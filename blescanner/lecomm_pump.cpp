@@ -118,6 +118,7 @@ void DataPump::watchSession() {
         return;
     }
     const auto session = context_.service->session();
+    context_.stop.check();
     // Lives as long as the context's other subscriptions.
     context_.subscriptions.push_back(session->onSessionStatusChanged(
         [context = std::weak_ptr(shared_)](platform::GattSessionStatus status) {
@@ -127,6 +128,7 @@ void DataPump::watchSession() {
 
 void DataPump::transfer() {
     while (context_.dataPipe) {
+        context_.lostToClient.tellDue();
         if (const std::size_t count = waitPipeRead(); count > 0) {
             LOG_S(INFO) << "SND=" << count;
             sendToPeripheral({buffer_.data(), count});
@@ -194,6 +196,7 @@ void DataPump::sendToPeripheral(std::span<const std::uint8_t> bytes) {
 }
 
 std::optional<platform::GattCommunicationStatus> DataPump::writeChunk(std::span<const std::uint8_t> chunk) {
+    context_.stop.check();
     const auto write =
         context_.rxChar->writeValueAsync(chunk, platform::GattWriteOption::writeWithoutResponse);
     if (!write) throw platform::PlatformError(platform::kEFail, "No operation came back for a data write");

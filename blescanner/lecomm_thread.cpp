@@ -97,6 +97,9 @@ void CommSession::run(const std::wstring& addressText) {
 }
 
 void CommSession::setUp(std::uint64_t address) {
+    // A reset that an earlier session has begun would take this link down again.
+    while (isBluetoothResetting())
+        context_.stop.sleep(100ms);
     context_.stop.check();
     // The result does not matter: without a connection there will be no service.
     interface_->prepareConnection(address, kPrepareTimeoutMs);
@@ -177,8 +180,10 @@ void CommSession::subscribe() {
 void CommSession::awaitStop() {
     if (!context_.dataPipe) return;
     LOG_S(INFO) << "Expecting disconnect...";
-    while (context_.dataPipe)
+    while (context_.dataPipe) {
+        context_.lostToClient.tellDue();
         context_.stop.sleep(100ms);
+    }
 }
 
 void abandon(const std::shared_ptr<TioContext>& context, const char* logLine) {

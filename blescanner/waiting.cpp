@@ -9,8 +9,14 @@
 
 namespace blescanner {
 
+using namespace std::chrono_literals;
 using platform::AsyncStatus;
 using platform::GattCommunicationStatus;
+
+namespace {
+constexpr auto kUnusuallyLong = 1000ms;
+constexpr auto kBetweenCalls = 100ms;
+}  // namespace
 
 void StopSignal::stop() {
     stopped_ = true;
@@ -41,10 +47,17 @@ StopSignal& programEnd() {
     return instance;
 }
 
-void awaitOperation(const platform::AsyncInfo& operation, const StopSignal& stop) {
+void awaitOperation(const platform::AsyncInfo& operation, StopSignal& stop) {
+    using Clock = std::chrono::steady_clock;
+    std::optional<Clock::time_point> nextCall;
     while (operation.status() == AsyncStatus::started) {
         stop.check();
         platform::sleepFor(std::chrono::milliseconds(0));
+        const auto now = Clock::now();
+        if (!nextCall) nextCall = now + kUnusuallyLong;
+        if (now < *nextCall) continue;
+        stop.waitingLong();
+        nextCall = now + kBetweenCalls;
     }
     stop.check();
     switch (operation.status()) {

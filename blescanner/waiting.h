@@ -24,12 +24,17 @@ struct Stopped {};
 // Threads: any.
 class StopSignal {
   public:
+    virtual ~StopSignal() = default;
+
     // For good. Ends the sleep that is under way, if there is one.
     void stop();
     bool stopped() const;
 
     // The checkpoint: throws Stopped. Stands before every step that reaches outside.
     void check() const;
+
+    // Called ten times a second while an operation takes unusually long. May throw Stopped.
+    virtual void waitingLong() {}
 
     // A prescribed sleep with a checkpoint behind it. The second form also ends when the event is signalled.
     void sleep(std::chrono::milliseconds duration);
@@ -47,7 +52,7 @@ StopSignal& programEnd();
 // ends an operation, or the stop of the work that needs it, which throws Stopped and leaves the operation to
 // itself. Polls and yields between two looks: GATT writes are short, and the link's throughput depends on
 // seeing their end at once. Any thread.
-void awaitOperation(const platform::AsyncInfo& operation, const StopSignal& stop);
+void awaitOperation(const platform::AsyncInfo& operation, StopSignal& stop);
 
 using GattWriteOperation = platform::AsyncOperation<platform::GattCommunicationStatus>;
 

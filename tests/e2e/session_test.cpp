@@ -92,11 +92,12 @@ TEST_F(Session, ServesOneClientAfterAnother) {
 }
 
 TEST_F(Session, ADisconnectDuringTheRadioResetLeavesTheNextSessionAlone) {
-    // The first peripheral has no service, for which the program switches the radio off and on.
-    start(R"({"time_scale": 10, "peripherals": [
+    // The first peripheral has no service, for which the program switches the radio off and on. The radio is
+    // slow: it goes off only after the next session has begun.
+    start(R"({"time_scale": 10, "radios": [{"switch_delay_ms": 3000}], "peripherals": [
         {"address": "00:00:00:00:00:01", "services": [], "cached_services": [], "uncached_services": []}, {}]})");
     EXPECT_EQ(command("connect 00:00:00:00:00:01\n"), "OK\r\n");
-    ASSERT_TRUE(program->waitForOutput("Flushing BLE stack..."));
+    ASSERT_TRUE(program->waitForOutput("Radio object going OFF"));
     EXPECT_EQ(command("disconnect\n"), "OK\r\n");
     connect();
     data.send("healthy");
@@ -111,6 +112,19 @@ TEST_F(Session, AScanEndsWhenItsClientLeaves) {
     ASSERT_TRUE(program->waitForOutput("Client disconnected!"));
     ASSERT_TRUE(shell.open(commandPipe(folder.path())));
     EXPECT_TRUE(command("stats\n").starts_with("RX 0"));
+}
+
+TEST_F(Session, AHangingListOfRadiosHoldsNeitherExitNorTheNextClient) {
+    if (hasRealBluetoothSide()) GTEST_SKIP() << "the provider knows no such fault";
+    start(R"({"time_scale": 50, "faults": [{"on": "radios", "after": 1, "times": 2, "do": "hang"}]})");
+    shell.send("stats\n");
+    ASSERT_TRUE(program->waitForOutput("Retrieving list of radio devices...", 2));
+    shell.close();
+    ASSERT_TRUE(program->waitForOutput("Client disconnected!"));
+    ASSERT_TRUE(shell.open(commandPipe(folder.path())));
+    shell.send("stats\nexit\n");
+    expectCleanEnd();
+    EXPECT_NE(program->output().find("Exiting on terminate APP command"), std::string::npos);
 }
 
 TEST_F(Session, AClientGetsTheRepliesThatItDoesNotWaitFor) {

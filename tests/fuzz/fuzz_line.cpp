@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // No pipe exists: replies are dropped, and the data pipe cannot be created under this name.
     blescanner::settings().datPipeName = L"/nonexistent/pipe";
     blescanner::CNamedPipe shell;
-    blescanner::CommandSet commands(shell);
+    blescanner::CommandSet commands(shell, blescanner::programEnd());
     blescanner::LineAccumulator line;
     const std::size_t half = size / 2;
     if (commands.dispatch({data, half}, line) == blescanner::CommandResult::goOn) {

@@ -37,10 +37,10 @@ TEST(CheckBluetoothRadio, ResultCounterAndDriverCheck) {
         sim::WorldScope world(scenario(radios));
         test::LogCapture log;
         std::uint32_t counter = 7;
-        EXPECT_EQ(checkBluetoothRadio(counter, false), result) << radios;
+        EXPECT_EQ(checkBluetoothRadio(counter, false, programEnd()), result) << radios;
         EXPECT_EQ(counter, 7 + counted);
         EXPECT_EQ(log.count("---------------"), 0);
-        EXPECT_EQ(checkBluetoothRadio(counter, true), result);
+        EXPECT_EQ(checkBluetoothRadio(counter, true, programEnd()), result);
         EXPECT_EQ(log.count("---------------"), driversListed);
     }
 }

@@ -57,13 +57,14 @@ struct IoStatus {
 };
 using QueryInformation = LONG NTAPI(HANDLE, IoStatus*, void*, ULONG, ULONG);
 
-// 0 where the system does not tell.
+// The connected state, too, where the system does not tell.
 ULONG pipeState(HANDLE pipe) {
     const auto query = systemFunction<QueryInformation>(L"ntdll.dll", "NtQueryInformationFile");
     IoStatus status{};
     PipeLocalInformation information{};
-    if (query) query(pipe, &status, &information, sizeof information, kPipeLocalInformation);
-    return information.state;
+    const bool told =
+        query && query(pipe, &status, &information, sizeof information, kPipeLocalInformation) >= 0;
+    return told ? information.state : kConnectedState;
 }
 
 constexpr auto kStillBusy = static_cast<SystemError>(ERROR_BUSY);
