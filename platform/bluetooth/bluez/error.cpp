@@ -2,8 +2,7 @@
 
 #include <sdbus-c++/Error.h>
 
-#include <algorithm>
-#include <array>
+#include <map>
 #include <string_view>
 
 #include "advice.h"
@@ -15,13 +14,8 @@ namespace {
 using platform::GattCommunicationStatus;
 using platform::HResult;
 
-struct Translation {
-    std::string_view name;
-    HResult code;
-};
-
 // Names that start with "System.Error." are the library's, for errors of the connection itself.
-constexpr std::array kTranslations = std::to_array<Translation>({
+const std::map<std::string_view, HResult> kTranslations = {
     {"org.bluez.Error.DoesNotExist", platform::kRoEClosed},
     {"org.bluez.Error.InProgress", kInProgress},
     {"org.bluez.Error.NotAuthorized", kAccessDenied},
@@ -43,7 +37,7 @@ constexpr std::array kTranslations = std::to_array<Translation>({
     {"System.Error.ENOTCONN", platform::kRoEClosed},
     {"System.Error.EPIPE", platform::kRoEClosed},
     {"System.Error.ETIMEDOUT", kTimeout},
-});
+};
 
 // BlueZ has one name for all of it; the message tells the case (src/gatt-client.c, src/device.c,
 // src/error.c). A link that drops before it is complete has the word of the other transport.
@@ -60,9 +54,8 @@ HResult codeOf(const sdbus::Error& error) {
         name.starts_with("org.freedesktop.systemd1."))
         return platform::kRoEClosed;
     if (name == "org.bluez.Error.Failed") return codeOfFailure(error.getMessage());
-    const auto known = std::find_if(kTranslations.begin(), kTranslations.end(),
-                                    [&](const Translation& entry) { return entry.name == name; });
-    return known == kTranslations.end() ? platform::kEFail : known->code;
+    const auto known = kTranslations.find(name);
+    return known == kTranslations.end() ? platform::kEFail : known->second;
 }
 
 }  // namespace
