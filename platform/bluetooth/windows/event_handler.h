@@ -7,15 +7,13 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "platform/subscription.h"
 #include "winrt.h"
 
 namespace platform::winrt {
-
-// The result code of the exception that is being handled. Inside a handler only.
-HRESULT currentExceptionResult() noexcept;
 
 // A handler object of the type `Delegate`. It is agile: the runtime calls it on whatever thread it likes. The
 // lock is held during a call, so that end() waits for it and calls do not overlap. What the function throws
@@ -37,8 +35,12 @@ class EventHandler final : public Delegate, public IAgileObject {
             const std::lock_guard lock(mutex_);
             if (!ended_) function_(sender, args);
             return S_OK;
+        } catch (const PlatformError& error) {
+            return error.code();
+        } catch (const std::bad_alloc&) {
+            return E_OUTOFMEMORY;
         } catch (...) {
-            return currentExceptionResult();
+            return E_FAIL;
         }
     }
 

@@ -1,15 +1,63 @@
-#include "gatt.h"
+#include "platform/gatt.h"
+
+#include <activation.h>
+#include <windows.devices.bluetooth.genericattributeprofile.h>
+#include <windows.devices.bluetooth.h>
+#include <windows.storage.streams.h>
+
+#include <algorithm>
+#include <array>
 
 #include "event_handler.h"
-#include "streams.h"
+#include "operation.h"
+#include "platform/pairing.h"
 
-namespace platform::winrt {
+namespace platform {
 
 namespace {
 
-namespace abi = ABI::Windows::Devices::Bluetooth::GenericAttributeProfile;
+namespace devices = ABI::Windows::Devices::Bluetooth;
+namespace abi = devices::GenericAttributeProfile;
+namespace buffers = ABI::Windows::Storage::Streams;
+using namespace winrt;
 using ABI::Windows::Foundation::IAsyncOperation;
-using CharacteristicView = ABI::Windows::Foundation::Collections::IVectorView<abi::GattCharacteristic*>;
+using ABI::Windows::Foundation::Collections::IVectorView;
+using CharacteristicView = IVectorView<abi::GattCharacteristic*>;
+using ServiceView = IVectorView<abi::GattDeviceService*>;
+
+// The longest attribute value has 512 bytes (Bluetooth Core, vol 3, F 3.2.9); what is beyond this is cut.
+using ValueBytes = std::array<std::uint8_t, 1024>;
+
+// Bytes in and out of the runtime's buffers. The factories are looked up once, not for every packet.
+//
+// Threads: any.
+class Streams {
+  public:
+    ComPtr<buffers::IBuffer> bufferOf(std::span<const std::uint8_t> bytes) const {
+        const auto writer =
+            query<buffers::IDataWriter>(objectOf(writers_, &IActivationFactory::ActivateInstance));
+        // The writer takes a pointer to what it may change, and copies it.
+        check(writer->WriteBytes(static_cast<UINT32>(bytes.size()), const_cast<BYTE*>(bytes.data())));
+        return objectOf(writer, &buffers::IDataWriter::DetachBuffer);
+    }
+
+    // The bytes of the buffer, in `storage`.
+    std::span<const std::uint8_t> bytesOf(buffers::IBuffer* buffer, ValueBytes& storage) const {
+        if (!buffer) return {};
+        ComPtr<buffers::IDataReader> reader;
+        check(readers_->FromBuffer(buffer, reader.GetAddressOf()));
+        const UINT32 length = std::min(valueOf(reader, &buffers::IDataReader::get_UnconsumedBufferLength),
+                                       static_cast<UINT32>(storage.size()));
+        if (length > 0) check(reader->ReadBytes(length, storage.data()));
+        return std::span(storage).first(length);
+    }
+
+  private:
+    const ComPtr<IActivationFactory> writers_ =
+        activationFactory<IActivationFactory>(RuntimeClass_Windows_Storage_Streams_DataWriter);
+    const ComPtr<buffers::IDataReaderStatics> readers_ =
+        activationFactory<buffers::IDataReaderStatics>(RuntimeClass_Windows_Storage_Streams_DataReader);
+};
 
 AsyncOperationPtr<GattCommunicationStatus> makeWriteOperation(
     ComPtr<IAsyncOperation<abi::GattCommunicationStatus>> operation) {
@@ -142,9 +190,8 @@ class WindowsService final : public GattDeviceService {
     const ComPtr<abi::IGattDeviceService> service_;
 };
 
-}  // namespace
-
-std::vector<std::shared_ptr<GattDeviceService>> servicesOf(const ComPtr<GattServiceView>& view) {
+// Empty where there is no list.
+std::vector<std::shared_ptr<GattDeviceService>> servicesOf(const ComPtr<ServiceView>& view) {
     if (!view) return {};
     return elementsOf<std::shared_ptr<GattDeviceService>>(view, [](ComPtr<abi::IGattDeviceService> service) {
         return std::make_shared<WindowsService>(std::move(service));
@@ -164,4 +211,61 @@ AsyncOperationPtr<GattDeviceServicesResult> makeServicesOperation(
         });
 }
 
-}  // namespace platform::winrt
+class WindowsDevice final : public BluetoothLEDevice {
+  public:
+    explicit WindowsDevice(ComPtr<devices::IBluetoothLEDevice> device) : device_(std::move(device)) {}
+
+    BluetoothConnectionStatus connectionStatus() const override {
+        return static_cast<BluetoothConnectionStatus>(
+            valueOf(device_, &devices::IBluetoothLEDevice::get_ConnectionStatus));
+    }
+
+    std::vector<std::shared_ptr<GattDeviceService>> gattServices() override {
+        return servicesOf(objectOf(device_, &devices::IBluetoothLEDevice::get_GattServices));
+    }
+
+    AsyncOperationPtr<GattDeviceServicesResult> getGattServicesForUuidAsync(const Guid& uuid) override {
+        ComPtr<ServicesOperation> operation;
+        check(query<devices::IBluetoothLEDevice3>(device_)->GetGattServicesForUuidAsync(
+            toRuntime(uuid), operation.GetAddressOf()));
+        return makeServicesOperation(std::move(operation));
+    }
+
+    AsyncOperationPtr<GattDeviceServicesResult> getGattServicesAsync(BluetoothCacheMode mode) override {
+        ComPtr<ServicesOperation> operation;
+        check(query<devices::IBluetoothLEDevice3>(device_)->GetGattServicesWithCacheModeAsync(
+            static_cast<devices::BluetoothCacheMode>(mode), operation.GetAddressOf()));
+        return makeServicesOperation(std::move(operation));
+    }
+
+  private:
+    using ServicesOperation = IAsyncOperation<abi::GattDeviceServicesResult*>;
+
+    const ComPtr<devices::IBluetoothLEDevice> device_;
+};
+
+constexpr auto* kDeviceClass = RuntimeClass_Windows_Devices_Bluetooth_BluetoothLEDevice;
+
+}  // namespace
+
+AsyncOperationPtr<std::shared_ptr<BluetoothLEDevice>> bluetoothLEDeviceFromAddressAsync(
+    std::uint64_t address) {
+    const auto factory = activationFactory<devices::IBluetoothLEDeviceStatics>(kDeviceClass);
+    ComPtr<IAsyncOperation<devices::BluetoothLEDevice*>> operation;
+    check(factory->FromBluetoothAddressAsync(address, operation.GetAddressOf()));
+    using Result = std::shared_ptr<BluetoothLEDevice>;
+    return makeOperation<Result>(std::move(operation),
+                                 [](const ComPtr<devices::IBluetoothLEDevice>& device) -> Result {
+                                     if (!device) return nullptr;
+                                     return std::make_shared<WindowsDevice>(device);
+                                 });
+}
+
+std::wstring deviceSelectorFromBluetoothAddress(std::uint64_t address) {
+    const auto factory = activationFactory<devices::IBluetoothLEDeviceStatics2>(kDeviceClass);
+    RuntimeString selector;
+    check(factory->GetDeviceSelectorFromBluetoothAddress(address, selector.put()));
+    return selector.text();
+}
+
+}  // namespace platform

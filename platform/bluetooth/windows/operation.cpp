@@ -11,7 +11,7 @@ std::atomic<bool> ended = false;
 // Named by deduction: the headers of different tool chains put the runtime's own status into different
 // namespaces.
 template <class Status>
-AsyncStatus statusOf(IAsyncInfo& info, HRESULT (STDMETHODCALLTYPE IAsyncInfo::*getStatus)(Status*)) {
+AsyncStatus runtimeStatus(IAsyncInfo& info, HRESULT (STDMETHODCALLTYPE IAsyncInfo::*getStatus)(Status*)) {
     Status status{};
     check((info.*getStatus)(&status));
     return static_cast<AsyncStatus>(status);
@@ -19,21 +19,21 @@ AsyncStatus statusOf(IAsyncInfo& info, HRESULT (STDMETHODCALLTYPE IAsyncInfo::*g
 
 }  // namespace
 
-AsyncStatus OperationInfo::status() const {
-    const AsyncStatus status = statusOf(*info_.Get(), &IAsyncInfo::get_Status);
+AsyncStatus statusOf(const ComPtr<IAsyncInfo>& operation) {
+    const AsyncStatus status = runtimeStatus(*operation.Get(), &IAsyncInfo::get_Status);
     if (status != AsyncStatus::started || !ended) return status;
-    info_->Cancel();
+    operation->Cancel();
     return AsyncStatus::canceled;
 }
 
-HResult OperationInfo::errorCode() const {
-    if (status() != AsyncStatus::error) return 0;
-    return valueOf(info_, &IAsyncInfo::get_ErrorCode);
+HResult errorCodeOf(const ComPtr<IAsyncInfo>& operation) {
+    if (statusOf(operation) != AsyncStatus::error) return 0;
+    return valueOf(operation, &IAsyncInfo::get_ErrorCode);
 }
 
-std::string OperationInfo::typeName() const {
+std::string typeNameOf(const ComPtr<IAsyncInfo>& operation) {
     RuntimeString name;
-    if (FAILED(info_->GetRuntimeClassName(name.put()))) return "IAsyncOperation";
+    if (FAILED(operation->GetRuntimeClassName(name.put()))) return "IAsyncOperation";
     return toUtf8(name.text());
 }
 

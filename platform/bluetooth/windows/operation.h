@@ -17,23 +17,13 @@
 
 namespace platform::winrt {
 
-// What both kinds of question about an operation need, whatever its result.
+// What can be asked of any operation, whatever its result. Threads: any.
 //
-// Threads: any.
-class OperationInfo {
-  public:
-    template <class Operation>
-    explicit OperationInfo(const ComPtr<Operation>& operation) : info_(query<IAsyncInfo>(operation)) {}
-
-    // Once the Bluetooth side has ended (endOperations) an operation that still runs is called back and
-    // reads as cancelled, whether or not the runtime follows at once.
-    AsyncStatus status() const;
-    HResult errorCode() const;
-    std::string typeName() const;
-
-  private:
-    ComPtr<IAsyncInfo> info_;
-};
+// Once the Bluetooth side has ended (endOperations) an operation that still runs is called back and reads as
+// cancelled, whether or not the runtime follows at once.
+AsyncStatus statusOf(const ComPtr<IAsyncInfo>& operation);
+HResult errorCodeOf(const ComPtr<IAsyncInfo>& operation);
+std::string typeNameOf(const ComPtr<IAsyncInfo>& operation);
 
 // From now on nobody has to wait for an operation that the runtime does not finish.
 void endOperations();
@@ -46,14 +36,16 @@ class Operation final : public AsyncOperation<Result> {
     using Abi = ABI::Windows::Foundation::IAsyncOperation<Logical>;
 
     Operation(ComPtr<Abi> operation, Convert convert)
-        : operation_(std::move(operation)), info_(operation_), convert_(std::move(convert)) {}
+        : operation_(std::move(operation)),
+          info_(query<IAsyncInfo>(operation_)),
+          convert_(std::move(convert)) {}
 
-    AsyncStatus status() const override { return info_.status(); }
-    HResult errorCode() const override { return info_.errorCode(); }
-    std::string typeName() const override { return info_.typeName(); }
+    AsyncStatus status() const override { return statusOf(info_); }
+    HResult errorCode() const override { return errorCodeOf(info_); }
+    std::string typeName() const override { return typeNameOf(info_); }
 
     Result getResults() override {
-        if (info_.status() == AsyncStatus::canceled) throw PlatformError(kECancelled);
+        if (status() == AsyncStatus::canceled) throw PlatformError(kECancelled);
         using Raw =
             typename ABI::Windows::Foundation::Internal::GetAbiType<typename Abi::TResult_complex>::type;
         if constexpr (std::is_pointer_v<Raw>) {
@@ -69,7 +61,7 @@ class Operation final : public AsyncOperation<Result> {
 
   private:
     const ComPtr<Abi> operation_;
-    const OperationInfo info_;
+    const ComPtr<IAsyncInfo> info_;
     const Convert convert_;
 };
 

@@ -3,7 +3,6 @@
 #include <roapi.h>
 #include <winstring.h>
 
-#include <algorithm>
 #include <cwchar>
 
 namespace platform::winrt {
@@ -32,18 +31,6 @@ std::wstring RuntimeString::text() const {
     UINT32 length = 0;
     const wchar_t* const units = ::WindowsGetStringRawBuffer(handle_, &length);
     return {units, length};
-}
-
-Guid fromRuntime(const GUID& guid) {
-    Guid result{guid.Data1, guid.Data2, guid.Data3, {}};
-    std::copy(std::begin(guid.Data4), std::end(guid.Data4), result.data4.begin());
-    return result;
-}
-
-GUID toRuntime(const Guid& guid) {
-    GUID result{guid.data1, guid.data2, guid.data3, {}};
-    std::copy(guid.data4.begin(), guid.data4.end(), std::begin(result.Data4));
-    return result;
 }
 
 }  // namespace platform::winrt

@@ -10,6 +10,7 @@
 #include <inspectable.h>
 #include <wrl/client.h>
 
+#include <bit>
 #include <string>
 
 #include "platform/error.h"
@@ -85,7 +86,12 @@ ComPtr<Value> objectOf(const ComPtr<Interface>& object,
     return value;
 }
 
-Guid fromRuntime(const GUID& guid);
-GUID toRuntime(const Guid& guid);
+// Both types have the same members in the same order.
+inline Guid fromRuntime(const GUID& guid) {
+    return std::bit_cast<Guid>(guid);
+}
+inline GUID toRuntime(const Guid& guid) {
+    return std::bit_cast<GUID>(guid);
+}
 
 }  // namespace platform::winrt
