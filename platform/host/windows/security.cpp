@@ -28,20 +28,16 @@ Descriptor selfRelativeDescriptor() {
     return Descriptor(descriptor);
 }
 
-// What an absolute descriptor points at. MakeAbsoluteSD copies it, so each part has room of its own.
-struct Parts {
+// The room of an absolute descriptor and of what it points at: MakeAbsoluteSD copies each part.
+struct AbsoluteDescriptor {
     std::vector<std::byte> dacl;
     std::vector<std::byte> sacl;
     std::vector<std::byte> owner;
     std::vector<std::byte> group;
-};
-
-struct AbsoluteDescriptor {
-    Parts parts;
     std::vector<std::byte> memory;
 };
 
-bool findParts(PSECURITY_DESCRIPTOR descriptor, Parts& parts) {
+bool findParts(PSECURITY_DESCRIPTOR descriptor, AbsoluteDescriptor& parts) {
     BOOL present = FALSE;
     BOOL defaulted = FALSE;
     PACL sacl = nullptr;
@@ -66,20 +62,19 @@ T* orNull(std::vector<std::byte>& memory) {
     return memory.empty() ? nullptr : reinterpret_cast<T*>(memory.data());
 }
 
-bool makeAbsolute(PSECURITY_DESCRIPTOR descriptor, AbsoluteDescriptor& absolute, DWORD& size) {
-    Parts& parts = absolute.parts;
+bool makeAbsolute(PSECURITY_DESCRIPTOR descriptor, AbsoluteDescriptor& parts, DWORD& size) {
     auto daclSize = static_cast<DWORD>(parts.dacl.size());
     auto saclSize = static_cast<DWORD>(parts.sacl.size());
     auto ownerSize = static_cast<DWORD>(parts.owner.size());
     auto groupSize = static_cast<DWORD>(parts.group.size());
-    return ::MakeAbsoluteSD(descriptor, orNull<void>(absolute.memory), &size, orNull<ACL>(parts.dacl),
-                            &daclSize, orNull<ACL>(parts.sacl), &saclSize, orNull<void>(parts.owner),
-                            &ownerSize, orNull<void>(parts.group), &groupSize) != FALSE;
+    return ::MakeAbsoluteSD(descriptor, orNull<void>(parts.memory), &size, orNull<ACL>(parts.dacl), &daclSize,
+                            orNull<ACL>(parts.sacl), &saclSize, orNull<void>(parts.owner), &ownerSize,
+                            orNull<void>(parts.group), &groupSize) != FALSE;
 }
 
 DWORD convertToAbsolute(PSECURITY_DESCRIPTOR descriptor, AbsoluteDescriptor& absolute) {
     DWORD size = 0;
-    if (!findParts(descriptor, absolute.parts)) return ::GetLastError();
+    if (!findParts(descriptor, absolute)) return ::GetLastError();
     if (makeAbsolute(descriptor, absolute, size)) return ERROR_SUCCESS;
     if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER) return ::GetLastError();
     absolute.memory.resize(size);
