@@ -33,19 +33,12 @@ class SimAdapter final : public platform::Adapter {
         return SystemError::none;
     }
 
-    // The three layouts differ in length.
+    // The three layouts have 8, 16 and 24 bytes.
     SystemError scanCommand(std::span<const std::uint8_t> command, std::span<std::uint8_t>) override {
         world_->noteScanCommand(command);
-        switch (command.size()) {
-            case 8:
-                return scenario_.scanCommandErrors[0];
-            case 16:
-                return scenario_.scanCommandErrors[1];
-            case 24:
-                return scenario_.scanCommandErrors[2];
-            default:
-                return kInvalidParameter;
-        }
+        const std::size_t layout = command.size() / 8;
+        if (command.size() % 8 != 0 || layout < 1 || layout > 3) return kInvalidParameter;
+        return scenario_.scanCommandErrors[layout - 1];
     }
 
   private:

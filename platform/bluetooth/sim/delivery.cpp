@@ -28,18 +28,14 @@ void ValueDelivery::run() {
             wake_.wait(lock);
             continue;
         }
-        const auto tag = waiting_.pop(packet_);
+        const bool hasValue = waiting_.pop(packet_) == kHasValue;
         lock.unlock();
-        deliver(tag == kHasValue);
+        if (const auto sender = sender_.lock()) {
+            const platform::GattValueChangedEventArgs args{packet_};
+            handler_(sender.get(), hasValue ? &args : nullptr);
+        }
         lock.lock();
     }
-}
-
-void ValueDelivery::deliver(bool hasValue) {
-    const auto sender = sender_.lock();
-    if (!sender) return;
-    const platform::GattValueChangedEventArgs args{packet_};
-    handler_(sender.get(), hasValue ? &args : nullptr);
 }
 
 void StatusDelivery::post(platform::GattSessionStatus status) {

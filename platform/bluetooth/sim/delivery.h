@@ -2,7 +2,6 @@
 // blocks holds back nothing but its own registration.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -32,7 +31,6 @@ class ValueDelivery : public ServiceThread {
 
   private:
     void run() override;
-    void deliver(bool hasValue);
 
     const std::weak_ptr<platform::GattCharacteristic> sender_;
     const Handler handler_;

@@ -1,6 +1,8 @@
 #include "fault.h"
 
+#include <algorithm>
 #include <charconv>
+#include <initializer_list>
 #include <system_error>
 #include <utility>
 
@@ -76,27 +78,19 @@ std::optional<Fault> parseFault(std::string_view text) {
 
 bool isPossible(const FaultPoint& point, FaultAction action) {
     using enum FaultAction;
-    const bool session = point.call == FaultPoint::Call::session;
-    const bool radios = point.call == FaultPoint::Call::radios;
-    switch (action) {
-        case hang:
+    const auto isOneOf = [action](std::initializer_list<FaultAction> actions) {
+        return std::find(actions.begin(), actions.end(), action) != actions.end();
+    };
+    switch (point.call) {
+        case FaultPoint::Call::notify:
+            return isOneOf({null, noOperation, disconnect, hang});
+        case FaultPoint::Call::session:
+            return isOneOf({error, throwError, disconnect, hang});
+        case FaultPoint::Call::radios:
+            return !isOneOf({disconnect, unreachable, protocolError, accessDenied});
+        default:
             return true;
-        case disconnect:
-            return !radios;
-        case null:
-        case noOperation:
-            return !session;
-        case error:
-        case throwError:
-            return point.call != FaultPoint::Call::notify;
-        case cancel:
-            return point.call != FaultPoint::Call::notify && !session;
-        case unreachable:
-        case protocolError:
-        case accessDenied:
-            return point.call != FaultPoint::Call::notify && !session && !radios;
     }
-    return false;
 }
 
 std::string possibleActions(const FaultPoint& point) {
@@ -109,22 +103,17 @@ std::string possibleActions(const FaultPoint& point) {
     return names;
 }
 
-FaultTable::FaultTable(const std::vector<FaultRule>& rules) {
-    for (auto& rule : rules)
-        entries_.push_back({rule});
-}
-
 std::optional<Fault> FaultTable::pass(const FaultPoint& point) {
-    for (auto& entry : entries_) {
-        if (entry.rule.point != point) continue;
-        if (entry.passed < entry.rule.after) {
-            ++entry.passed;
+    for (auto rule = rules_.begin(); rule != rules_.end(); ++rule) {
+        if (rule->point != point) continue;
+        if (rule->after > 0) {
+            --rule->after;
             continue;
         }
-        if (entry.rule.times != 0 && entry.fired == entry.rule.times) continue;
-        if (entry.rule.times != 0) ++entry.fired;
+        const Fault fault = rule->fault;
+        if (rule->times > 0 && --rule->times == 0) rules_.erase(rule);
         ++happened_;
-        return entry.rule.fault;
+        return fault;
     }
     return std::nullopt;
 }

@@ -74,10 +74,6 @@ std::string Fields::pathOf(std::string_view key) const {
     return path_.empty() ? std::string(key) : path_ + "." + std::string(key);
 }
 
-void Fields::flag(std::string_view key, bool& out) {
-    with(key, [&](const json& value, const std::string& path) { out = readFlag(value, path); });
-}
-
 void Fields::text(std::string_view key, std::wstring& out) {
     with(key,
          [&](const json& value, const std::string& path) { out = platform::widen(readText(value, path)); });

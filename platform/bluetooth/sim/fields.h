@@ -2,12 +2,10 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <initializer_list>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace sim {
@@ -51,26 +49,21 @@ class Fields {
     }
 
     // Each leaves `out` alone where the key is absent.
-    template <class Out, class Read>
-    void read(std::string_view key, Out& out, Read readValue) {
-        with(key,
-             [&](const nlohmann::json& value, const std::string& path) { out = readValue(value, path); });
+    template <class Value, class Read>
+    void read(std::string_view key, Value& out, Read readValue) {
+        with(key, [&](const auto& value, const auto& path) { out = readValue(value, path); });
     }
-    template <class Item>
-    void list(std::string_view key, std::vector<Item>& out,
-              Item (*readItem)(const nlohmann::json&, const std::string&)) {
-        read(key, out,
-             [&](const auto& value, const auto& path) { return readList<Item>(value, path, readItem); });
+    template <class List, class Read>
+    void list(std::string_view key, List& out, Read readItem) {
+        with(key, [&](const auto& value, const auto& path) { out = readList(value, path, readItem); });
     }
-    void flag(std::string_view key, bool& out);
-    void text(std::string_view key, std::wstring& out);
-
     template <class Number>
     void integer(std::string_view key, Number& out, std::int64_t lowest, std::int64_t highest) {
-        with(key, [&](const nlohmann::json& value, const std::string& path) {
+        with(key, [&](const auto& value, const auto& path) {
             out = static_cast<Number>(readInteger(value, path, lowest, highest));
         });
     }
+    void text(std::string_view key, std::wstring& out);
 
     void rejectOthers() const;
 

@@ -28,9 +28,14 @@ class Session final : public platform::GattSession {
 
     Subscription onSessionStatusChanged(StatusChangedHandler handler) override {
         auto delivery = std::make_shared<StatusDelivery>(std::move(handler));
-        listeners_->add(delivery);
+        auto listener = std::make_shared<SessionListeners::Entry>(
+            [delivery](platform::GattSessionStatus status) { delivery->post(status); });
+        listeners_->add(listener);
         runtime_->launch(delivery);
-        return Subscription([delivery] { delivery->finish(); });
+        return Subscription([delivery, listener, listeners = listeners_] {
+            listeners->remove(listener);
+            delivery->finish();
+        });
     }
 
   private:

@@ -4,9 +4,9 @@
 #include <array>
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <vector>
 
+#include "bluetooth/callback_list.h"
 #include "delivery.h"
 #include "profile.h"
 
@@ -14,23 +14,15 @@ namespace sim {
 
 class TioPeripheral;
 
-// Who wants to know of a session's status. Threads: any.
-class SessionListeners {
-  public:
-    void add(const std::shared_ptr<StatusDelivery>& listener);
-    void tell(platform::GattSessionStatus status);
-
-  private:
-    std::mutex mutex_;
-    std::vector<std::weak_ptr<StatusDelivery>> listeners_;
-};
+// Who wants to know of a session's status.
+using SessionListeners = bluetooth::CallbackList<platform::GattSessionStatus>;
 
 // Shared by a device object, its services and their characteristics; when the last of them goes, so does the
 // connection. A peripheral has one connection: a newer link takes it over and leaves the older one closed.
 // The peripheral does all the work, under its lock.
 class Link {
   public:
-    explicit Link(std::shared_ptr<TioPeripheral> peripheral);
+    explicit Link(std::shared_ptr<TioPeripheral> peripheral) : peripheral_(std::move(peripheral)) {}
     ~Link();
     Link(const Link&) = delete;
     Link& operator=(const Link&) = delete;

@@ -4,11 +4,26 @@
 
 namespace sim {
 
+Link::~Link() {
+    peripheral_->forget(*this);
+}
+
+void Link::open() {
+    state_.store(State::connected);
+    sessionListeners_->call(platform::GattSessionStatus::active);
+}
+
+void Link::close() {
+    if (state_.exchange(State::closed) == State::connected) {
+        sessionListeners_->call(platform::GattSessionStatus::closed);
+    }
+}
+
 TioPeripheral::TioPeripheral(PeripheralScenario scenario, std::shared_ptr<WorldRuntime> runtime)
     : scenario_(std::move(scenario)),
       runtime_(std::move(runtime)),
-      faults_(scenario_.faults),
-      paired_(scenario_.pairing.paired) {}
+      paired_(scenario_.pairing.paired),
+      faults_(scenario_.faults) {}
 
 PeripheralCounters TioPeripheral::counters() const {
     const std::lock_guard lock(mutex_);
@@ -23,8 +38,7 @@ bool TioPeripheral::connected() const {
 void TioPeripheral::sendNotification(CharacteristicKind kind, Value value) {
     const std::lock_guard lock(mutex_);
     if (!current_) return;
-    noteIndication(kind, value.value_or(std::span<const std::uint8_t>()));
-    deliver(kind, value);
+    indicate(kind, value);
 }
 
 void TioPeripheral::repair() {
@@ -89,11 +103,6 @@ std::optional<Fault> TioPeripheral::pass(const FaultPoint& point) {
 std::optional<Fault> TioPeripheral::passLocked(const FaultPoint& point) {
     ++hostCalls_;
     return faults_.pass(point);
-}
-
-std::uint64_t TioPeripheral::hostCalls() const {
-    const std::lock_guard lock(mutex_);
-    return hostCalls_;
 }
 
 std::uint64_t TioPeripheral::faultsHappened() const {
@@ -173,43 +182,11 @@ void TioPeripheral::removeDelivery(Link& link, CharacteristicKind kind,
     std::erase(link.deliveries_[indexOf(kind)], delivery);
 }
 
-bool TioPeripheral::servicesListed() const {
-    const std::lock_guard lock(mutex_);
-    return listed_;
-}
-
-void TioPeripheral::noteServicesListed() {
-    const std::lock_guard lock(mutex_);
-    listed_ = true;
-}
-
-bool TioPeripheral::paired() const {
-    const std::lock_guard lock(mutex_);
-    return paired_;
-}
-
-void TioPeripheral::setPaired() {
-    const std::lock_guard lock(mutex_);
-    paired_ = true;
-}
-
 void applyFault(TioPeripheral& peripheral, const Fault& fault) {
-    switch (fault.action) {
-        case FaultAction::error:
-        case FaultAction::throwError:
-            throw platform::PlatformError(fault.code);
-        case FaultAction::hang:
-            return peripheral.runtime().waitForEnd();
-        case FaultAction::disconnect:
-            return peripheral.dropLink();
-        case FaultAction::null:
-        case FaultAction::noOperation:
-        case FaultAction::cancel:
-        case FaultAction::unreachable:
-        case FaultAction::protocolError:
-        case FaultAction::accessDenied:
-            return;
-    }
+    if (fault.action == FaultAction::error || fault.action == FaultAction::throwError)
+        throw platform::PlatformError(fault.code);
+    if (fault.action == FaultAction::hang) peripheral.runtime().waitForEnd();
+    if (fault.action == FaultAction::disconnect) peripheral.dropLink();
 }
 
 }  // namespace sim

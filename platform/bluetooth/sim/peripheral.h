@@ -3,6 +3,7 @@
 // Threads: any. Its lock is never held while the program's code runs.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -57,7 +58,7 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     void sendNotification(CharacteristicKind kind, Value value);
     void dropLink();
     // How many calls the host has made to it, and how many of the scenario's faults have happened.
-    std::uint64_t hostCalls() const;
+    std::uint64_t hostCalls() const { return hostCalls_; }
     std::uint64_t faultsHappened() const;
     // The scenario's faults happen no more; what hangs goes on hanging.
     void repair();
@@ -75,10 +76,10 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     void removeDelivery(Link& link, CharacteristicKind kind, const std::shared_ptr<ValueDelivery>& delivery);
     bool reachable(Link& link);  // connects a link that was never used
 
-    bool servicesListed() const;
-    void noteServicesListed();
-    bool paired() const;
-    void setPaired();
+    bool servicesListed() const { return listed_; }
+    void noteServicesListed() { listed_ = true; }
+    bool paired() const { return paired_; }
+    void setPaired() { paired_ = true; }
 
   private:
     struct WaitingWrite {
@@ -121,7 +122,7 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     void pump();
     void regrant();
     void noteIndication(CharacteristicKind kind, std::span<const std::uint8_t> value);
-    void indicate(CharacteristicKind kind, std::span<const std::uint8_t> value);
+    void indicate(CharacteristicKind kind, Value value);
     void deliver(CharacteristicKind kind, Value value);
     bool hasOutgoing() const;
     void nextPacket();
@@ -132,15 +133,15 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
 
     const PeripheralScenario scenario_;
     const std::shared_ptr<WorldRuntime> runtime_;
+    std::atomic<std::uint64_t> hostCalls_ = 0;
+    std::atomic<bool> listed_ = false;
+    std::atomic<bool> paired_;
     mutable std::mutex mutex_;  // guards everything below
     FaultTable faults_;
     PeripheralCounters counters_;
-    std::uint64_t hostCalls_ = 0;
     Link* current_ = nullptr;  // the link that has the connection
     Connection connection_;
     std::vector<std::uint8_t> packet_;  // the notification that is being made
-    bool listed_ = false;
-    bool paired_ = false;
 };
 
 }  // namespace sim

@@ -142,8 +142,8 @@ void TioPeripheral::regrant() {
     }
 }
 
-void TioPeripheral::indicate(CharacteristicKind kind, std::span<const std::uint8_t> value) {
-    noteIndication(kind, value);
+void TioPeripheral::indicate(CharacteristicKind kind, Value value) {
+    noteIndication(kind, value.value_or(std::span<const std::uint8_t>()));
     deliver(kind, value);
 }
 

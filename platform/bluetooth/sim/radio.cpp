@@ -1,4 +1,4 @@
-#include "radio.h"
+#include "platform/radio.h"
 
 #include <atomic>
 #include <utility>

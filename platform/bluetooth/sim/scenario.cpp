@@ -4,6 +4,7 @@
 #include <cctype>
 #include <charconv>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <system_error>
 
@@ -40,14 +41,16 @@ std::optional<Number> parseNumber(std::string_view text, int base, std::size_t s
     return number;
 }
 
-std::vector<std::string_view> split(std::string_view text, char separator) {
-    std::vector<std::string_view> parts;
-    for (auto at = text.find(separator); at != std::string_view::npos; at = text.find(separator)) {
-        parts.push_back(text.substr(0, at));
-        text.remove_prefix(at + 1);
-    }
-    parts.push_back(text);
-    return parts;
+// The decimal numbers in a text of this form: the groups of the regular expression.
+std::vector<unsigned> readNumbers(const json& value, const std::string& path, const char* form,
+                                  const char* expected) {
+    const std::string text = value.is_string() ? readText(value, path) : std::string();
+    std::smatch groups;
+    if (!std::regex_match(text, groups, std::regex(form))) failAt(path, expected, value);
+    std::vector<unsigned> numbers;
+    for (std::size_t i = 1; i < groups.size(); ++i)
+        numbers.push_back(static_cast<unsigned>(std::stoul(groups[i])));
+    return numbers;
 }
 
 Guid readUuid(const json& value, const std::string& path) {
@@ -73,21 +76,11 @@ std::uint64_t readAddress(const json& value, const std::string& path) {
 // "2016-05-01T00:00:00Z"
 platform::FileTime readDate(const json& value, const std::string& path) {
     constexpr auto kExpected = "a UTC time like 2016-05-01T00:00:00Z, 1601 or later";
-    constexpr std::string_view kForm = "dddd-dd-ddTdd:dd:ddZ";
-    if (!value.is_string()) failAt(path, kExpected, value);
-    const std::string text = readText(value, path);
-    if (text.size() != kForm.size()) failAt(path, kExpected, value);
-    for (std::size_t i = 0; i < kForm.size(); ++i) {
-        const bool digit = text[i] >= '0' && text[i] <= '9';
-        if (kForm[i] == 'd' ? !digit : text[i] != kForm[i]) failAt(path, kExpected, value);
-    }
-    const auto field = [&](std::size_t at, std::size_t length) {
-        return *parseNumber<unsigned>(std::string_view(text).substr(at, length), 10, length, length);
-    };
+    const auto fields = readNumbers(value, path, R"((\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d):(\d\d)Z)", kExpected);
     using namespace std::chrono;
-    const year_month_day day{year(static_cast<int>(field(0, 4))), month(field(5, 2)),
-                             std::chrono::day(field(8, 2))};
-    const auto hour = field(11, 2), minute = field(14, 2), second = field(17, 2);
+    const year_month_day day{year(static_cast<int>(fields[0])), month(fields[1]),
+                             std::chrono::day(fields[2])};
+    const auto hour = fields[3], minute = fields[4], second = fields[5];
     if (!day.ok() || day.year() < year(1601) || hour > 23 || minute > 59 || second > 59)
         failAt(path, kExpected, value);
     const auto days = (sys_days(day) - sys_days(year(1601) / 1 / 1)).count();
@@ -97,25 +90,17 @@ platform::FileTime readDate(const json& value, const std::string& path) {
 
 std::uint64_t readVersion(const json& value, const std::string& path) {
     constexpr auto kExpected = "a version like 10.0.19041.1, four numbers up to 65535";
-    if (!value.is_string()) failAt(path, kExpected, value);
-    const std::string text = readText(value, path);
-    const auto parts = split(text, '.');
-    if (parts.size() != 4) failAt(path, kExpected, value);
+    constexpr auto kForm = R"((\d{1,5})\.(\d{1,5})\.(\d{1,5})\.(\d{1,5}))";
     std::uint64_t version = 0;
-    for (const auto part : parts) {
-        const auto number = parseNumber<std::uint16_t>(part, 10, 1, 5);
-        if (!number) failAt(path, kExpected, value);
-        version = version << 16 | *number;
+    for (const auto part : readNumbers(value, path, kForm, kExpected)) {
+        if (part > 0xFFFF) failAt(path, kExpected, value);
+        version = version << 16 | part;
     }
     return version;
 }
 
 SystemError readSystemError(const json& value, const std::string& path) {
     return static_cast<SystemError>(readInteger(value, path, 0, kMaxUint32));
-}
-
-void readSystemError(Fields& fields, std::string_view key, SystemError& out) {
-    fields.with(key, [&](const json& value, const std::string& path) { out = readSystemError(value, path); });
 }
 
 RadioScenario readRadio(const json& value, const std::string& path) {
@@ -131,7 +116,7 @@ RadioScenario readRadio(const json& value, const std::string& path) {
             static_cast<platform::RadioState>(readName(item, at, {"Unknown", "On", "Off", "Disabled"}));
     });
     fields.integer("switch_delay_ms", radio.switchDelay, 0, kMaxDelayMs);
-    fields.flag("stuck", radio.stuck);
+    fields.read("stuck", radio.stuck, readFlag);
     fields.rejectOthers();
     return radio;
 }
@@ -142,11 +127,11 @@ AdapterScenario readAdapter(const json& value, const std::string& path) {
     fields.text("name", adapter.name);
     fields.integer("lmp", adapter.lmp, 0, 255);
     fields.integer("hci", adapter.hci, 0, 255);
-    readSystemError(fields, "name_error", adapter.nameError);
-    readSystemError(fields, "version_error", adapter.versionError);
+    fields.read("name_error", adapter.nameError, readSystemError);
+    fields.read("version_error", adapter.versionError, readSystemError);
     fields.with("scan_command_errors", [&](const json& item, const std::string& at) {
         if (!item.is_array() || item.size() != 3) failAt(at, "a list of three error numbers", item);
-        const auto errors = readList<SystemError>(item, at, readSystemError);
+        const auto errors = readList(item, at, readSystemError);
         std::copy(errors.begin(), errors.end(), adapter.scanCommandErrors.begin());
     });
     fields.rejectOthers();
@@ -169,7 +154,7 @@ platform::DriverInfo readDriverInfo(const json& value, const std::string& path) 
 DriverScenario readDriver(const json& value, const std::string& path) {
     DriverScenario driver;
     Fields fields(value, path);
-    readSystemError(fields, "build_error", driver.buildError);
+    fields.read("build_error", driver.buildError, readSystemError);
     fields.list("compatible", driver.compatible, readDriverInfo);
     fields.rejectOthers();
     return driver;
@@ -190,9 +175,9 @@ LinkScenario readLink(const json& value, const std::string& path) {
 PairingScenario readPairing(const json& value, const std::string& path) {
     PairingScenario pairing;
     Fields fields(value, path);
-    fields.flag("paired", pairing.paired);
-    fields.flag("can_pair", pairing.canPair);
-    fields.flag("custom", pairing.custom);
+    fields.read("paired", pairing.paired, readFlag);
+    fields.read("can_pair", pairing.canPair, readFlag);
+    fields.read("custom", pairing.custom, readFlag);
     fields.integer("kind", pairing.kind, 0, kMaxUint32);
     fields.integer("result", pairing.result, 0, INT32_MAX);
     fields.rejectOthers();
@@ -251,7 +236,7 @@ void readServices(Fields& fields, PeripheralScenario& peripheral) {
     peripheral.cachedServices = peripheral.uncachedServices = peripheral.services;
     fields.list("cached_services", peripheral.cachedServices, readUuid);
     fields.list("uncached_services", peripheral.uncachedServices, readUuid);
-    fields.flag("appears_after_listing", peripheral.appearsAfterListing);
+    fields.read("appears_after_listing", peripheral.appearsAfterListing, readFlag);
 }
 
 CharacteristicKind readCharacteristic(const json& value, const std::string& path) {
@@ -266,12 +251,12 @@ PeripheralScenario readPeripheral(const json& value, const std::string& path) {
     fields.text("name", peripheral.name);
     fields.with("advertises", [&](const json& item, const std::string& at) {
         peripheral.advertises.reset();
-        if (!item.is_null()) peripheral.advertises = readList<Guid>(item, at, readUuid);
+        if (!item.is_null()) peripheral.advertises = readList(item, at, readUuid);
     });
     readServices(fields, peripheral);
     fields.with("characteristics", [&](const json& item, const std::string& at) {
         peripheral.characteristics.fill(false);
-        for (const auto kind : readList<CharacteristicKind>(item, at, readCharacteristic)) {
+        for (const auto kind : readList(item, at, readCharacteristic)) {
             peripheral.characteristics[indexOf(kind)] = true;
         }
     });
@@ -289,7 +274,7 @@ PeripheralScenario readPeripheral(const json& value, const std::string& path) {
 }
 
 std::vector<PeripheralScenario> readPeripherals(const json& value, const std::string& path) {
-    auto peripherals = readList<PeripheralScenario>(value, path, readPeripheral);
+    auto peripherals = readList(value, path, readPeripheral);
     for (std::size_t i = 0; i < peripherals.size(); ++i) {
         for (std::size_t earlier = 0; earlier < i; ++earlier) {
             if (peripherals[earlier].address != peripherals[i].address) continue;
@@ -328,7 +313,7 @@ Scenario readRoot(const json& root, const std::filesystem::path& folder) {
     });
     fields.with("radios", [&](const json& item, const std::string& at) {
         scenario.radios.reset();
-        if (!item.is_null()) scenario.radios = readList<RadioScenario>(item, at, readRadio);
+        if (!item.is_null()) scenario.radios = readList(item, at, readRadio);
     });
     fields.list("adapters", scenario.adapters, readAdapter);
     fields.list("drivers", scenario.drivers, readDriver);

@@ -1,11 +1,11 @@
 #include "world.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/address.h"
 #include "platform/clock.h"
 #include "platform/text.h"
-#include "radio.h"
 
 namespace sim {
 
@@ -62,11 +62,9 @@ std::shared_ptr<TioPeripheral> World::findPeripheral(std::uint64_t address) cons
 // A radio list that cannot be had says nothing against Bluetooth.
 bool World::anyBluetoothRadioOn() const {
     if (!radios_) return true;
-    for (const auto& radio : *radios_) {
-        if (radio->kind() == platform::RadioKind::bluetooth && radio->state() == platform::RadioState::on)
-            return true;
-    }
-    return false;
+    return std::any_of(radios_->begin(), radios_->end(), [](const auto& radio) {
+        return radio->kind() == platform::RadioKind::bluetooth && radio->state() == platform::RadioState::on;
+    });
 }
 
 void World::radioChanged(platform::RadioState before, platform::RadioState now) {

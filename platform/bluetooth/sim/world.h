@@ -67,6 +67,8 @@ class World {
     std::vector<std::vector<std::uint8_t>> scanCommands_;
 };
 
+std::shared_ptr<platform::Radio> makeRadio(const RadioScenario& scenario, std::weak_ptr<World> world);
+
 // The current world; null without one.
 std::shared_ptr<World> currentWorld();
 
