@@ -51,7 +51,8 @@ struct TioContext {
     std::shared_ptr<platform::GattCharacteristic> rxmtuChar;
 
     // Set by stopLink. A session that has been stopped ends its subscriptions, releases what it holds and
-    // logs its end. It sends no line, makes no call to the Bluetooth side and touches no radio.
+    // logs its end. It sends no line, makes no call to the Bluetooth side and touches no radio, but for one
+    // that its own reset has switched off.
     StopSignal stop;
     // Held while a line is posted, and while the session is ended or stopped: so no line follows its end.
     std::mutex lineOrder;

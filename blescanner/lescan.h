@@ -10,8 +10,8 @@
 namespace blescanner {
 
 // Fills `result` with the peripherals found, as "address;name" or "address" joined by "," and closed by
-// "\r\n", sorted, each distinct entry once; empty when there was none. Line ends in an advertised name become
-// blanks.
+// "\r\n", sorted, each distinct entry once; empty when there was none. Control characters in an advertised
+// name become blanks.
 //
 // Lasts `durationMs`, or until `wanted` returns false: nobody waits for the result any more. `wanted` is
 // called ten times a second on this thread.

@@ -15,8 +15,8 @@ namespace sim {
 
 using PairingOutcome = std::optional<platform::DevicePairingResultStatus>;
 
-// How a result carries a communication status. No device, or no list of radios, stands for any failure. Of a pairing it is the
-// nearest outcome: connection rejected, authentication failure, access denied.
+// How a result carries a communication status. No device, or no list of radios, stands for any failure. Of a
+// pairing it is the nearest outcome: connection rejected, authentication failure, access denied.
 template <class Result>
 Result resultWith(platform::GattCommunicationStatus status) {
     using Status = platform::GattCommunicationStatus;
