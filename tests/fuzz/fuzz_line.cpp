@@ -2,9 +2,10 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "blescanner/settings.h"
 #include "blescanner/cmdpipe_commands.h"
 #include "blescanner/lecomm.h"
+#include "blescanner/settings.h"
+#include "blescanner/waiting.h"
 #include "platform/bluetooth/sim/world.h"
 #include "tests/fuzz/quiet_log.h"
 
