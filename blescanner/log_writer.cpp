@@ -4,7 +4,9 @@
 
 namespace blescanner {
 
-// After each write, so that a transfer, which logs two lines a block, does not wake the writer for each line.
+// A transfer logs two lines a block. After so many writes with hardly a pause between them the writer rests
+// after each write, so that not every line wakes it.
+constexpr int kBusyWrites = 32;
 constexpr std::chrono::milliseconds kRest{1};
 
 void LogWriter::push(std::string_view line) {
@@ -29,10 +31,14 @@ bool LogWriter::drain(std::chrono::milliseconds timeout) {
 // The line that tells of missing ones is in the columns of the log, but not the logging library's: only this
 // output lacks them.
 void LogWriter::run(std::stop_token stop) {
+    using Clock = std::chrono::steady_clock;
     std::string batch;
     std::size_t missing = 0;  // not told yet
+    int busyWrites = 0;
     std::unique_lock lock(mutex_);
-    while (pushed_.wait(lock, stop, [this] { return lines_ + dropped_ > 0; })) {
+    for (auto idleFrom = Clock::now(); pushed_.wait(lock, stop, [this] { return lines_ + dropped_ > 0; });
+         idleFrom = Clock::now()) {
+        busyWrites = Clock::now() - idleFrom < kRest ? busyWrites + 1 : 0;
         batch.clear();
         batch.swap(queue_);
         const std::size_t lines = std::exchange(lines_, 0);
@@ -47,6 +53,7 @@ void LogWriter::run(std::stop_token stop) {
         lock.lock();
         writing_ = false;
         drained_.notify_all();
+        if (busyWrites < kBusyWrites) continue;
         lock.unlock();
         std::this_thread::sleep_for(kRest);
         lock.lock();
