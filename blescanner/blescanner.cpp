@@ -159,7 +159,7 @@ void endProcessUnderHangingCall() {
     }
     loguru::flush();
     finishOutput();
-    std::_Exit(0);
+    platform::endProcess(0);
 }
 
 }  // namespace
@@ -205,7 +205,7 @@ int runProgram(const std::vector<std::string>& arguments) {
     }
     endProcessUnderHangingCall();
     loguru::remove_all_callbacks();
-    if (!finishOutput()) std::_Exit(exitCode);  // an orderly end would wait for the stream
+    if (!finishOutput()) platform::endProcess(exitCode);  // an orderly end would wait for the stream
     return exitCode;
 }
 

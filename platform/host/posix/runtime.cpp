@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace platform {
@@ -68,6 +69,10 @@ HostRuntime::~HostRuntime() {
         const Disposition& saved = previousDispositions[--previousCount];
         ::sigaction(saved.signal, &saved.previous, nullptr);
     }
+}
+
+void endProcess(int exitCode) noexcept {
+    std::_Exit(exitCode);
 }
 
 std::vector<std::string> programArguments(int argc, char** argv) {

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 
 #include "platform/text.h"
@@ -73,6 +74,12 @@ HostRuntime::HostRuntime() : initialized_(initializeWindowsRuntime()) {
 HostRuntime::~HostRuntime() {
     if (consoleCodePageBefore != 0) ::SetConsoleOutputCP(consoleCodePageBefore);
     if (initialized_) uninitializeWindowsRuntime();
+}
+
+// Not ExitProcess: it would call libraries whose locks a thread that hangs may hold.
+void endProcess(int exitCode) noexcept {
+    ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(exitCode));
+    std::_Exit(exitCode);
 }
 
 // Not from main's arguments: those are in the user's code page, which does not know every character.

@@ -54,6 +54,10 @@ bool isStopRequested() noexcept;
 // Signals stopRequested(). Any thread.
 void requestStop();
 
+// Ends the process at once: nothing is destroyed, flushed or waited for. For a process that has a thread in a
+// call that hangs. Any thread.
+[[noreturn]] void endProcess(int exitCode) noexcept;
+
 // The arguments after the program's name, as UTF-8.
 std::vector<std::string> programArguments(int argc, char** argv);
 
