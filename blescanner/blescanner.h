@@ -22,7 +22,8 @@ std::wstring windowsVersionText();
 void print(std::string_view utf8);
 
 // Waits until all that was printed and logged is written. False: standard output did not take it in time. A
-// thread then hangs in the output stream and holds its lock: the process may end by _Exit only.
+// thread then hangs in the output stream and holds its lock: the process may end by platform::endProcess
+// only.
 bool finishOutput();
 
 // The whole program, from start-up to "Goodbye!". Once, on the main thread. Returns the exit code: 0, or 2

@@ -10,8 +10,8 @@
 
 namespace blescanner {
 
-// Threads: any. Must outlive its threads: make it a static, and end the process by _Exit while one still
-// runs.
+// Threads: any. Must outlive its threads: make it a static, and end the process by platform::endProcess while
+// one still runs.
 class DetachedThreads {
   public:
     // The function and what it has captured are destroyed before the thread counts as ended.
