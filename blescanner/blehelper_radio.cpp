@@ -46,7 +46,7 @@ RadioList fetchRadios(StopSignal& stop) {
 // Logs the radio's name, or the text for one that has none, and returns it.
 std::string examine(const Radio& radio, const char* namelessText) {
     LOG_S(INFO) << "Checking radio object...";
-    const std::string name = platform::printable(radio.name());
+    std::string name = platform::printable(radio.name());
     LOG_S(INFO) << (name.empty() ? namelessText : "Radio object is " + name);
     return name;
 }

@@ -30,7 +30,7 @@ bool LogWriter::drain(std::chrono::milliseconds timeout) {
 
 // The line that tells of missing ones is in the columns of the log, but not the logging library's: only this
 // output lacks them.
-void LogWriter::run(std::stop_token stop) {
+void LogWriter::run(const std::stop_token& stop) {
     using Clock = std::chrono::steady_clock;
     std::string batch;
     std::size_t missing = 0;  // not told yet

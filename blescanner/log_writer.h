@@ -29,7 +29,7 @@ class LogWriter {
     bool drain(std::chrono::milliseconds timeout);
 
   private:
-    void run(std::stop_token stop);
+    void run(const std::stop_token& stop);
 
     const Output output_;
     const std::size_t capacity_;
@@ -40,7 +40,7 @@ class LogWriter {
     std::size_t lines_ = 0;    // in the queue
     std::size_t dropped_ = 0;  // after them
     bool writing_ = false;
-    std::jthread thread_{[this](std::stop_token stop) { run(stop); }};  // last: it uses the others
+    std::jthread thread_{[this](const std::stop_token& stop) { run(stop); }};  // last: it uses the others
 };
 
 }  // namespace blescanner

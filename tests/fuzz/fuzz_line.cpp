@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         commands.dispatch({data + half, size - half}, line);
     }
     if (line.text().size() > blescanner::LineAccumulator::kLimit) std::abort();
-    commands.stopLink();
+    commands.stopSession();
     if (!blescanner::waitForLinkSessions(std::chrono::seconds(10))) std::abort();
     return 0;
 }
