@@ -2,6 +2,8 @@
 // see of it from then on, and that the next session comes up.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -55,15 +57,17 @@ void expectNextSessionWorks(test::Link& link) {
 bool playStopAtSleep(const std::string& json, int wanted) {
     test::Link link(json);
     int sleeps = 0;
-    std::optional<SeenAtStop> seen;
+    std::optional<SeenAtStop> seen;  // the session's thread sets it before `stopped`
+    std::atomic<bool> stopped = false;
     const auto shell = std::this_thread::get_id();
     platform::setSleepObserver([&](std::chrono::milliseconds) {
-        if (std::this_thread::get_id() == shell || seen || ++sleeps != wanted) return;
+        if (std::this_thread::get_id() == shell || stopped || ++sleeps != wanted) return;
         link.stop();
         seen.emplace(link);
+        stopped = true;
     });
     link.connect();
-    const bool reached = eventually([&] { return seen || !link.line(1ms).empty(); }) && seen;
+    const bool reached = eventually([&] { return stopped || !link.line(1ms).empty(); }) && stopped;
     if (reached) {
         EXPECT_TRUE(link.ended());
         expectQuiet(link, *seen);
