@@ -12,6 +12,7 @@ PATHS = "/tio_advertisement0", "/tio_advertisement1"
 # The pause after a link, before the peripheral advertises again. A host that connects again at once may find its own kernel
 # still clearing the old link away, and then waits for ever. Over a real radio nobody is that fast.
 PAUSE_MS = 1000
+RETRY_MS = 300
 
 
 class Advertisement(dbus.service.Object):
@@ -59,10 +60,19 @@ class Advertiser:
         return False
 
     def register(self, done):
+        def failed(error):
+            # bluetoothd refuses while a link comes up or ends at the same moment. Once for both advertisements.
+            if not self.on_air:
+                return
+            print(f"RegisterAdvertisement: {error}; it is tried again", file=sys.stderr)
+            self.unregister()
+            self.on_air = False
+            GLib.timeout_add(RETRY_MS, self.update, done)
+
         for path in PATHS:
             self.manager.RegisterAdvertisement(dbus.ObjectPath(path), dbus.Dictionary(signature="sv"),
                                                reply_handler=done if path == PATHS[-1] else lambda: None,
-                                               error_handler=lambda error: sys.exit(f"RegisterAdvertisement: {error}"))
+                                               error_handler=failed)
 
     def unregister(self):
         for path in PATHS:
