@@ -46,6 +46,15 @@ def connected_devices():
     return [path for path, interfaces in objects().items() if interfaces.get("org.bluez.Device1", {}).get("Connected")]
 
 
+def forget_device(path):
+    try:
+        interface_of(os.path.dirname(path), "org.bluez.Adapter1").RemoveDevice(dbus.ObjectPath(path))
+    except dbus.DBusException as error:
+        # bluetoothd removes a device by itself some time after its link has ended.
+        if error.get_dbus_name() not in ("org.bluez.Error.DoesNotExist", "org.freedesktop.DBus.Error.UnknownObject"):
+            raise
+
+
 def forget_devices():
     """Makes bluetoothd forget every device. It ends their links first: bluetoothd crashes when all its connected devices
     are removed."""
@@ -54,7 +63,7 @@ def forget_devices():
     wait_until(lambda: not connected_devices(), DEADLINE, "the end of all links")
     for path, interfaces in objects().items():
         if "org.bluez.Device1" in interfaces:
-            interface_of(os.path.dirname(path), "org.bluez.Adapter1").RemoveDevice(dbus.ObjectPath(path))
+            forget_device(path)
     for names in Path("/var/lib/bluetooth").glob("*/cache/*"):
         names.unlink()
 

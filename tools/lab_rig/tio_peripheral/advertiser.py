@@ -62,7 +62,8 @@ class Advertiser:
     def register(self, done):
         def failed(error):
             # bluetoothd refuses while a link comes up or ends at the same moment. Once for both advertisements.
-            if not self.on_air:
+            # A bluetoothd that has ended advertises nothing any more.
+            if not self.on_air or error.get_dbus_name() == "org.freedesktop.DBus.Error.ServiceUnknown":
                 return
             print(f"RegisterAdvertisement: {error}; it is tried again", file=sys.stderr)
             self.unregister()
