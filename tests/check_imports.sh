@@ -3,7 +3,7 @@
 # check_imports.sh OBJDUMP PROGRAM | --self-test
 set -euo pipefail
 
-windows='advapi32|bluetoothapis|bthprops\.cpl|combase|kernel32|msvcrt|ole32|oleaut32|setupapi|shell32|user32|api-ms-win-[a-z0-9-]+'
+windows='advapi32|bluetoothapis|bthprops\.cpl|combase|kernel32|msvcrt|mswsock|ole32|oleaut32|setupapi|shell32|user32|ws2_32|api-ms-win-[a-z0-9-]+'
 
 check() {
     local imported foreign

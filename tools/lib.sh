@@ -41,7 +41,7 @@ needs() {
     rm -f "$log"
 }
 
-build_packages=(g++ cmake ninja-build nlohmann-json3-dev)
+build_packages=(g++ cmake ninja-build nlohmann-json3-dev libasio-dev libcli11-dev)
 windows_packages=(g++-mingw-w64-x86-64-posix wine64-tools libwine-dev)
 jobs=$(nproc)
 command -v ccache >/dev/null && export CMAKE_CXX_COMPILER_LAUNCHER=ccache
