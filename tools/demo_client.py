@@ -1,86 +1,72 @@
-"""Plays a client's session with the simulated program and checks every answer: demo_client.py PROGRAM"""
+"""Plays a session with the simulated program through ziqble and checks every answer: demo_client.py FOLDER-OF-THE-PROGRAMS"""
 import os
 import re
+import shlex
 import signal
 import subprocess
 import sys
 import tempfile
-import threading
-import time
+import tty
 from pathlib import Path
 
-from bridge_client import Deviation, Program, check, open_pipe, wait_until
+from bridge_client import Deviation, Program, check
 
 ADDRESS = "00:1A:7D:DA:71:13"
 ECHO_BYTES = 256 * 1024
-STATS = re.compile(r"RX (\d+) bytes\. TX (\d+) bytes\. LC (\d+)\. RC (\d+)\. V10\.0\.19041;BLE ON;LE=[^;]+\|;(\w+)")
+STATS = r"RX {0} bytes\. TX {0} bytes\. LC \d+\. RC \d+\. V10\.0\.19041;BLE ON;LE=[^;]+\|;TIO{1}CONNECTED\n"
 
 
-class Shell:
-    """The command pipe: one line out, lines in."""
+class Session:
+    """ziqble, one command after the other."""
 
-    def __init__(self, path):
-        self.pipe = open_pipe(path)
-        self.lines = self.pipe.makefile("r", encoding="latin-1", newline="\n")
-        self.replies = 0
+    def __init__(self, executable, program):
+        self.ziqble = [executable, "--cmd-pipe", program.command, "--dat-pipe", program.data]
+        self.answers = 0
 
-    def send(self, line):
-        print(f"> {line}", flush=True)
-        self.pipe.sendall(line.encode() + b"\n")
+    def run(self, *command, wanted="", show=None, **options):
+        """Runs a command; what it prints has to match `wanted` as a whole."""
+        print(f"$ ziqble {show or shlex.join(command)}", flush=True)
+        done = subprocess.run([*self.ziqble, *command], stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=60, **options)
+        print(done.stdout.decode() if wanted else "", done.stderr.decode(), sep="", end="", flush=True)
+        check(done.returncode == 0, f"exit code {done.returncode} of {command}")
+        check(not wanted or re.fullmatch(wanted, done.stdout.decode()), f"another answer to {command} was expected")
+        self.answers += 1
+        return done.stdout
 
-    def receive(self):
-        line = self.lines.readline()
-        check(line.endswith("\r\n"), f"expected a line that ends in CR LF, got {line!r}")
-        print(f"< {line.rstrip()}", flush=True)
-        self.replies += 1
-        return line.rstrip("\r\n")
+    def serve(self, port):
+        """A serial port; bytes written to it come back."""
+        print(f"$ ziqble serve {ADDRESS} --pty {port.name} &", flush=True)
+        with subprocess.Popen([*self.ziqble, "serve", ADDRESS, "--pty", port.name], cwd=port.parent,
+                              stderr=subprocess.PIPE, text=True) as server:
+            for line in server.stderr:
+                print(line, end="", flush=True)
+                if "is up" in line:
+                    break
+            with port.open("r+b", buffering=0) as opened:
+                tty.setraw(opened)
+                opened.write(b"*IDN?\r")
+                print("$ printf '*IDN?\\r' >ttyTIO", flush=True)
+                answer = b""
+                while len(answer) < 6:
+                    answer += opened.read(6)
+                print(f"{answer.decode().strip()}    <- what comes back on the serial port", flush=True)
+            server.terminate()
+            server.stderr.read()
+        check(answer == b"*IDN?\r" and server.returncode == 0, "the serial port should echo, and serve should end with 0")
+        check(not port.is_symlink(), "the serial port should be gone")
+        self.answers += 1
 
-    def expect(self, line):
-        received = self.receive()
-        check(received == line, f"expected {line!r}, got {received!r}")
 
-    def stats(self):
-        self.send("stats")
-        found = STATS.fullmatch(self.receive())
-        check(found, "the statistics line has an unexpected form")
-        return int(found[1]), int(found[2]), found[5]
-
-
-def echo(data_path):
-    """Sends random bytes through the data pipe and compares what comes back."""
+def play(session, folder):
+    session.run("exec", "stats", wanted=STATS.format(0, "DIS"))
+    session.run("scan", "--time", "1", wanted=f"{ADDRESS.lower()}  TIO-SIM\n")
     sent = os.urandom(ECHO_BYTES)
-    pipe = open_pipe(data_path)
-    start = time.monotonic()
-    sender = threading.Thread(target=pipe.sendall, args=(sent,), daemon=True)
-    sender.start()
-    received = bytearray()
-    while len(received) < ECHO_BYTES:
-        piece = pipe.recv(65536)
-        check(piece, f"the data pipe ended after {len(received)} bytes")
-        received += piece
-    seconds = time.monotonic() - start
-    sender.join(20)
-    check(received == sent, "the echoed bytes differ from those sent")
-    print(f"data pipe: {ECHO_BYTES} random bytes sent, the same {ECHO_BYTES} bytes received, {seconds:.2f} s")
-    return pipe
-
-
-def play(shell, data_path):
-    check(shell.stats() == (0, 0, "TIODISCONNECTED"), "counters should start at 0, without a link")
-    shell.send("lescan 1000")
-    shell.expect(f"{ADDRESS.lower()};TIO-SIM")
-    shell.send(f"connect {ADDRESS}")
-    shell.expect("OK")
-    shell.expect("CONNECT TIO")
-    data = echo(data_path)
-    # A chunk may be counted a moment after it was delivered.
-    wait_until(lambda: shell.stats() == (ECHO_BYTES, ECHO_BYTES, "TIOCONNECTED"), 5, "counting every byte")
-    shell.send("disconnect")
-    shell.expect("OK")
-    check(data.recv(1) == b"", "the data pipe should be closed after disconnect")
-    check(shell.stats()[2] == "TIODISCONNECTED", "the link should be down after disconnect")
-    shell.send("exit")
-    check(shell.lines.readline() == "", "nothing should be answered to exit")
+    echoed = session.run("pipe", ADDRESS, show=f"pipe {ADDRESS} <random >echoed", input=sent)
+    check(echoed == sent, "the echoed bytes differ from those sent")
+    print(f"{ECHO_BYTES} random bytes sent, the same {len(echoed)} bytes received", flush=True)
+    session.run("exec", "stats", wanted=STATS.format(ECHO_BYTES, "DIS"))
+    session.serve(folder / "ttyTIO")
+    session.run("exit", wanted="the bridge has ended\n")
 
 
 def check_end(program):
@@ -94,19 +80,19 @@ def check_end(program):
     print(f"program: {' / '.join(last)} exit code {code}\n{world}")
 
 
-def run(executable, folder):
-    program = Program(executable, folder)
+def run(build, folder):
+    program = Program(build / "ZIQBLEConnect-sim", folder)
     try:
         program.wait_until_serving()
-        shell = Shell(program.command)
-        play(shell, program.data)
+        session = Session(build / "ziqble", program)
+        play(session, folder)
         check_end(program)
     except (Deviation, OSError, subprocess.TimeoutExpired) as problem:
         sys.stderr.write("".join(program.log_lines(20)) + program.errors.read_text())
         sys.exit(f"error: {problem}")
     finally:
         program.stop()
-    print(f"Verified: {shell.replies} replies as expected, {ECHO_BYTES} bytes echoed unchanged, no flow-control violation, "
+    print(f"Verified: {session.answers} commands as expected, {ECHO_BYTES} bytes echoed unchanged, no flow-control violation, "
           "both sockets removed, exit code 0.")
 
 

@@ -16,4 +16,5 @@ for ((tries = 0; tries < 500; tries++)); do
 done
 
 answer=$(timeout 30 python3 "$root/docs/example_client.py")
-[[ $answer == $'OK / CONNECT TIO\nb\'hello\'\nOK' ]] || { echo "unexpected output: $answer"; exit 1; }
+[[ $answer == $'OK\nCONNECT TIO\nb\'hello\'\nOK' ]] || { echo "unexpected output: $answer"; exit 1; }
+[[ $(<"$root/README.md") == *"$(<"$root/docs/example_client.py")"* ]] || { echo "the README shows another client"; exit 1; }
