@@ -1,6 +1,6 @@
-# Defines the package that tools/package makes: a .zip for Windows, a .deb for Linux. It has the simulated program, and the
-# program itself if that is built.
-set(programs ZIQBLEConnect-sim)
+# Defines the package that tools/package makes: a .zip for Windows, a .deb for Linux. It has the simulated program and the
+# client, and the program itself if that is built.
+set(programs ZIQBLEConnect-sim ziqble)
 if(TARGET ZIQBLEConnect)
   list(APPEND programs ZIQBLEConnect)
 endif()

@@ -34,25 +34,33 @@ simulates() {
     [[ $output == *"Get 2.1.0.4 or later."* ]] || fail "drivers.db is not found by $*" "$output"
 }
 
+# pipes ZIQBLE...: it starts the simulated program that lies beside it, and what is sent comes back.
+pipes() {
+    output=$(echo hello | timeout 60 "$@" pipe 00:1A:7D:DA:71:13 --start --sim --cmd-pipe "\\\\.\\pipe\\command-$$" \
+        --dat-pipe "\\\\.\\pipe\\data-$$" 2>&1) || fail "exit code $? of $*" "$output"
+    [[ $output == *hello*"6 bytes received"* ]] || fail "no echo through $*" "$output"
+}
+
 check_windows() {
     local program
     python3 -m zipfile -e "$packages/ZIQBLEConnect-$version-win64.zip" .
     cd "ZIQBLEConnect-$version-win64"
-    ! grep -qv $'\r$' README.txt COPYRIGHT.txt || fail "text files need the line ends of Windows"
-    for program in *.exe; do
+    ! grep -qv $'\r$' ./*.txt || fail "text files need the line ends of Windows"
+    for program in ZIQBLEConnect*.exe; do
         strings -el "$program" | grep -A 1 -x ProductVersion | grep -qxF "$version" || fail "$program: no version"
         # The version record: its signature, the structure's version, then 1.0.4.0 as numbers.
         LC_ALL=C grep -qaP '\xbd\x04\xef\xfe\0\0\x01\0\0\0\x01\0\0\0\x04\0' "$program" || fail "$program: other numbers"
     done
     cd ..
     simulates "$root/tests/wine_run.sh" "ZIQBLEConnect-$version-win64/ZIQBLEConnect-sim.exe"
+    pipes "$root/tests/wine_run.sh" "ZIQBLEConnect-$version-win64/ziqble.exe"
     # Wine's own library ends the program when the program looks for adapters.
     cp "$root/build/windows/tests/under_wine/bluetoothapis.dll" "ZIQBLEConnect-$version-win64"
     starts "$root/tests/wine_run.sh" "ZIQBLEConnect-$version-win64/ZIQBLEConnect.exe"
 }
 
 check_linux() {
-    local deb=$1 link warnings
+    local deb=$1 link page warnings
     dpkg-deb -x "$deb" .
     simulates usr/bin/ZIQBLEConnect-sim
     # Without a system bus it ends by itself.
@@ -61,18 +69,25 @@ check_linux() {
     for link in usr/bin/* usr/share/man/man1/*; do
         [[ -e $link ]] || fail "a link to nothing: $link"
     done
-    ! command -v man >/dev/null || warnings=$(man --warnings -l usr/share/man/man1/ZIQBLEConnect.1.gz 2>&1 >/dev/null)
-    [[ -z ${warnings-} ]] || fail "$warnings"
-    check_unit
+    for page in ZIQBLEConnect ziqble; do
+        ! command -v man >/dev/null || warnings=$(man --warnings -l "usr/share/man/man1/$page.1.gz" 2>&1 >/dev/null)
+        [[ -z ${warnings-} ]] || fail "$warnings"
+    done
+    pipes usr/bin/ziqble
+    bash -c 'source usr/share/bash-completion/completions/ziqble; COMP_WORDS=(ziqble sc) COMP_CWORD=1; _ziqble
+        [[ ${COMPREPLY[*]} == scan ]]' || fail "the completion does not work"
+    check_unit ziqbleconnect.service ziqbleconnect.service
+    check_unit ziqble-serve@.service "ziqble-serve@$(systemd-escape 00:1A:7D:DA:71:13 2>/dev/null).service"
 }
 
+# check_unit FILE UNIT: systemd understands the file under that name.
 check_unit() {
     local complaints
     command -v systemd-analyze >/dev/null || return 0
-    sed "s|/usr/bin|$folder/usr/bin|" usr/lib/systemd/user/ziqbleconnect.service >ziqbleconnect.service
+    sed "s|/usr/bin|$folder/usr/bin|" "usr/lib/systemd/user/$1" >"$2"
     # It also complains about other units of the machine.
-    complaints=$(XDG_RUNTIME_DIR=$folder systemd-analyze --user --man=no verify "$folder/ziqbleconnect.service" 2>&1 |
-        grep ziqbleconnect) || return 0
+    complaints=$(XDG_RUNTIME_DIR=$folder systemd-analyze --user --man=no verify "$folder/$2" 2>&1 |
+        grep ziqble) || return 0
     fail "$complaints"
 }
 

@@ -15,8 +15,9 @@ set(CPACK_PACKAGE_DESCRIPTION
 serial profile and serves two local sockets: one for commands in short text
 lines, one for the bytes of the link.
 
-The package also holds ZIQBLEConnect-sim, the same program in a simulated
-Bluetooth world, for the development of clients.")
+The package also holds ziqble, a client that makes a terminal, a serial
+port, a TCP port or a stream of them, and ZIQBLEConnect-sim, the same program
+in a simulated Bluetooth world, for the development of clients.")
 
 set(folder lib/${package})
 set(documents share/doc/${package})
@@ -48,13 +49,16 @@ endforeach()
 
 compressed(${packaging}/linux/ZIQBLEConnect.1 ZIQBLEConnect.1 share/man/man1)
 link(ZIQBLEConnect.1.gz share/man/man1/ZIQBLEConnect-sim.1.gz)
+compressed(${packaging}/linux/ziqble.1 ziqble.1 share/man/man1)
+install(FILES ${packaging}/linux/ziqble.bash-completion DESTINATION share/bash-completion/completions RENAME ziqble)
 if(TARGET ZIQBLEConnect)
-  install(FILES ${packaging}/linux/ziqbleconnect.service DESTINATION lib/systemd/user)
+  install(FILES ${packaging}/linux/ziqbleconnect.service ${packaging}/linux/ziqble-serve@.service DESTINATION lib/systemd/user)
 endif()
 
 compressed(${packaging}/linux/changelog changelog ${documents})
 configure_file(${packaging}/copyright ${package_files}/copyright @ONLY)
 install(FILES ${package_files}/copyright DESTINATION ${documents})
 set(docs ${PROJECT_SOURCE_DIR}/docs)
-install(FILES ${docs}/linux.md ${docs}/protocol.md ${docs}/ends.md ${docs}/failures.md ${docs}/scenario.md ${docs}/drivers-db.md DESTINATION ${documents})
+install(FILES ${docs}/linux.md ${docs}/protocol.md ${docs}/recipes.md ${docs}/ends.md ${docs}/failures.md ${docs}/scenario.md ${docs}/drivers-db.md
+        DESTINATION ${documents})
 install(FILES ${docs}/example_client.py DESTINATION ${documents}/examples)
