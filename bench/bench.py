@@ -3,6 +3,7 @@ import argparse
 import json
 import os
 import platform
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -10,7 +11,7 @@ import threading
 import time
 from pathlib import Path
 
-from relays import ADDRESS, Bridge, Linux, Socat, Wine, stop
+from relays import ADDRESS, Bridge, Linux, Served, Socat, SocatPort, Wine, stop
 
 # A few hundred credits are used up before the thread that brings new ones has woken up. So the bridge itself is measured with
 # plenty of credits; the figures for fewer credits are shown beside it.
@@ -65,6 +66,7 @@ class Bench:
     def __init__(self, host, folder):
         self.host, self.folder = host, folder
         self.rows = []
+        self.served = []
         self.accounts = []
         self.runs = 0
 
@@ -136,11 +138,52 @@ class Bench:
         times = sorted(startup_milliseconds(self.host, self.fresh_folder()) for _ in range(9))
         self.row("start to waiting for a client, median in ms", lambda result: result, times[len(times) // 2])
 
+    def serve(self, seconds):
+        """What "ziqble serve" adds to the bridge: the same loads on its serial port, on socat's, and on the bare data pipe."""
+        if self.host is not Linux:
+            return
+
+        def measure(mode, **settings):
+            peripheral = {"address": ADDRESS, "name": "BENCH", "tx_mtu": 244, "serial": "echo", **settings}
+            results = []
+            for make in Served, SocatPort:
+                print(f"serial port: {make.name} ...", file=sys.stderr, flush=True)
+                with make(self.fresh_folder(), peripheral) as relay:
+                    results.append(mode(relay))
+            return [*results, self.bridge("beside the serial ports", mode, serial="echo", **settings)]
+
+        def echo(relay):
+            return throughput(relay, "echo", seconds)
+
+        def round_trip(relay):
+            return run_load(relay, "rtt", seconds)
+
+        echoes, paced = [measure(echo, **PLENTY)], [measure(echo, link=LINK_2M)]
+        # The slowest trips are those that the machine held up: one round alone tells little about them, so it is the median of five.
+        trips = [measure(round_trip, **PLENTY) for _ in range(5)]
+        paced_trips = [measure(round_trip, link=LINK_2M) for _ in range(5)]
+        for title, form, rounds, figure in (
+                ("both at once, MB/s each way", "{:.1f}", echoes, lambda result: result["rate"] / 1e6),
+                ("both at once, own CPU seconds per MB moved", "{:.4f}", echoes, lambda result: result["cpu"]),
+                ("paced, both at once, MB/s each way", "{:.3f}", paced, lambda result: result["rate"] / 1e6),
+                ("paced, both at once, own CPU seconds per MB moved", "{:.4f}", paced, lambda result: result["cpu"]),
+                ("round trip of 20 bytes, p50 in ms", "{:.3f}", trips, lambda result: result["p50"] * 1e3),
+                ("round trip of 20 bytes, p99 in ms", "{:.3f}", trips, lambda result: result["p99"] * 1e3),
+                ("paced round trip of 20 bytes, p50 in ms", "{:.3f}", paced_trips, lambda result: result["p50"] * 1e3),
+                ("paced round trip of 20 bytes, p99 in ms", "{:.3f}", paced_trips, lambda result: result["p99"] * 1e3)):
+            ours, peer, bare = (statistics.median(map(figure, side)) for side in zip(*rounds))
+            self.served.append([title, *map(form.format, (ours, peer, bare)), f"{ours / peer:.2f}", f"{ours / bare:.2f}"])
+
     def report(self):
         columns = 4 if self.host is Linux else 2
         print(f"\n{platform.platform()}, {os.cpu_count()} cores; pace {PACE / 1000:.1f} kB/s each way\n")
         for cells in (["measure", self.host.NAME, "socat", "ratio"], ["---", "--:", "--:", "--:"], *self.rows):
             print(f"| {' | '.join(cells[:columns])} |")
+        if self.served:
+            print()
+            for cells in (["measure", "ziqble serve --pty", "socat PTY", "bare data pipe", "ziqble : socat", "ziqble : bare"],
+                          ["---", "--:", "--:", "--:", "--:", "--:"], *self.served):
+                print(f"| {' | '.join(cells)} |")
         print("\nWhat the simulated peripherals counted:\n")
         for account in self.accounts:
             print(f"    {account}")
@@ -196,6 +239,7 @@ def main():
         bench.round_trip("round trip of 20 bytes", chosen.seconds)
         bench.paced(chosen.paced_seconds)
         bench.round_trip("paced round trip of 20 bytes", chosen.seconds, SOCAT_PACE, link=LINK_2M)
+        bench.serve(chosen.seconds)
         bench.startup()
         bench.report()
 

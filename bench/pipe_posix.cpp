@@ -1,11 +1,14 @@
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <stdexcept>
 #include <thread>
@@ -14,13 +17,28 @@
 
 using namespace std::chrono_literals;
 
+namespace {
+
+bool isTerminal(const std::string& name) {
+    struct stat status {};
+    return ::stat(name.c_str(), &status) == 0 && S_ISCHR(status.st_mode);
+}
+
+}  // namespace
+
 struct Pipe::Impl {
-    int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int socket = -1;
 
     ~Impl() { ::close(socket); }
 };
 
 Pipe::Pipe(const std::string& name) : impl_(std::make_unique<Impl>()) {
+    if (isTerminal(name)) {
+        impl_->socket = ::open(name.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        return;
+    }
+    impl_->socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ::signal(SIGPIPE, SIG_IGN);
     const timeval stall{kStallSeconds, 0};
     ::setsockopt(impl_->socket, SOL_SOCKET, SO_SNDTIMEO, &stall, sizeof stall);
     sockaddr_un address{};
@@ -41,13 +59,13 @@ std::size_t Pipe::readSome(std::span<std::uint8_t> buffer) {
     pollfd wait{impl_->socket, POLLIN, 0};
     if (::poll(&wait, 1, kStallSeconds * 1000) <= 0)
         throw std::runtime_error("nothing was received for too long");
-    const ssize_t count = ::recv(impl_->socket, buffer.data(), buffer.size(), 0);
+    const ssize_t count = ::read(impl_->socket, buffer.data(), buffer.size());
     return count > 0 ? static_cast<std::size_t>(count) : 0;
 }
 
 bool Pipe::writeAll(std::span<const std::uint8_t> bytes) {
     while (!bytes.empty()) {
-        const ssize_t count = ::send(impl_->socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const ssize_t count = ::write(impl_->socket, bytes.data(), bytes.size());
         if (count <= 0) return false;
         bytes = bytes.subspan(static_cast<std::size_t>(count));
     }

@@ -15,6 +15,7 @@ class Linux:
     """The program and its client as this machine runs them."""
     PROGRAM = [ROOT / "build/linux/ZIQBLEConnect-sim"]
     LOAD = [ROOT / "build/linux/bench/pipe_load"]
+    ZIQBLE = [ROOT / "build/linux/ziqble"]
     NAME = "ZIQBLEConnect-sim"
 
     @staticmethod
@@ -128,6 +129,49 @@ class Bridge(Relay):
         self.account = self.errors.read_text().strip()
         if not re.search(r"\bviolations 0\b", self.account):
             raise RuntimeError(f"violations, or no account of the peripheral: {self.account!r}")
+
+
+class Served(Relay):
+    """A serial port of "ziqble serve", over the program; CPU and memory are those of ziqble."""
+    name, load = "ziqble serve", Linux.LOAD
+
+    def __init__(self, folder, peripheral):
+        self.near, events, scenario = folder / "tty", folder / "events", folder / "scenario.json"
+        scenario.write_text(json.dumps({"peripherals": [peripheral]}))
+        pipes = folder / "command", folder / "data"
+        self.program = subprocess.Popen([*Linux.PROGRAM, "--cmdPipe", pipes[0], "--datPipe", pipes[1]],
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                        env=os.environ | {"ZIQBLE_SCENARIO": str(scenario)})
+        self.process = subprocess.Popen([*Linux.ZIQBLE, "--cmd-pipe", pipes[0], "--dat-pipe", pipes[1], "serve", ADDRESS,
+                                         "--wait", "--pty", self.near, "--events", events], stderr=subprocess.DEVNULL)
+        try:
+            wait_until(lambda: events.exists() and '"up"' in events.read_text(), 20, "the link")
+        except BaseException:
+            self.close()
+            raise
+
+    def close(self):
+        stop(self.process)
+        stop(self.program)
+
+
+class SocatPort(Relay):
+    """A serial port that socat makes of the program's data pipe: what a relay with a pseudo terminal costs at least."""
+    name, load = "socat", Linux.LOAD
+
+    def __init__(self, folder, peripheral):
+        self.near, self.bridge = folder / "tty", Bridge(Linux, folder, peripheral)
+        self.process = subprocess.Popen(["socat", f"PTY,link={self.near},raw,echo=0", f"UNIX-CONNECT:{self.bridge.near}"],
+                                        stderr=subprocess.DEVNULL)
+        try:
+            wait_until(self.near.exists, 20, "socat's serial port")
+        except BaseException:
+            self.close()
+            raise
+
+    def close(self):
+        stop(self.process)
+        self.bridge.close()
 
 
 class Socat(Relay):
