@@ -17,9 +17,8 @@ struct LinkOptions {
 Awaitable<> bringLinkUp(Bridge& bridge, const LinkOptions& options);
 
 // What became of the bytes of one link by the bridge's counters: "sent", "received", "lost_to_peripheral",
-// "lost_from_peripheral", the last two null when the bridge has gone and they are not known. After a lost
-// link
-// ("link_lost") they are the least that was lost: the bridge does not count what was under way.
+// "lost_from_peripheral", the last two null when the bridge has gone and they are not known. After the loss
+// of a link ("link_lost") they are the least that was lost: the bridge does not count what was under way.
 std::string accountText(const nlohmann::json& account);
 
 class Link {
