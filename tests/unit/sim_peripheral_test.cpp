@@ -94,7 +94,8 @@ struct Host {
         EXPECT_EQ(write(crrx, {granted}), kSuccess);
     }
     auto start(sim::CharacteristicKind kind, const Bytes& value) {
-        return at(kind).writeValueAsync(value, platform::GattWriteOption::writeWithoutResponse);
+        using enum platform::GattWriteOption;
+        return at(kind).writeValueAsync(value, kind == rx ? writeWithoutResponse : writeWithResponse);
     }
     Status write(sim::CharacteristicKind kind, const Bytes& value) { return await(start(kind, value)); }
     std::size_t creditsGranted() const {
@@ -140,7 +141,10 @@ TEST(SimPeripheral, BreachesOfTheProfileAreRefusedAndCounted) {
     for (const auto& [kind, value] : breaches)
         EXPECT_EQ(host.write(kind, value), kRefused);
     EXPECT_EQ(host.subscribe(rx), kRefused);
-    EXPECT_EQ(peripheral.counters().violations, 9U);
+    using enum platform::GattWriteOption;
+    EXPECT_EQ(await(host.at(rx).writeValueAsync(Bytes{1}, writeWithResponse)), kRefused);
+    EXPECT_EQ(await(host.at(crrx).writeValueAsync(Bytes{1}, writeWithoutResponse)), kRefused);
+    EXPECT_EQ(peripheral.counters().violations, 11U);
     EXPECT_EQ(peripheral.counters().bytesIn, 264U);
 }
 

@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "faulty.h"
 #include "world.h"
 
 namespace sim {
@@ -55,6 +56,10 @@ namespace platform {
 AdapterList findAdapters() {
     AdapterList list;
     if (const auto world = sim::currentWorld()) {
+        if (const auto fault = world->pass({sim::FaultPoint::Call::adapters})) {
+            list.error = sim::listError(*world->runtime(), *fault, SystemError::noMoreItems);
+            return list;
+        }
         for (const auto& scenario : world->scenario().adapters) {
             list.adapters.push_back(std::make_shared<sim::SimAdapter>(scenario, world));
         }

@@ -1,4 +1,5 @@
-// Advertisements: while a watcher listens, every peripheral is heard about every 20 ms.
+// Advertisements: while a watcher listens, every peripheral is heard about every 20 ms. Names are in the scan
+// responses, which an active scan asks for.
 #include "platform/advertisement.h"
 
 #include <algorithm>
@@ -17,13 +18,17 @@ using Listeners = bluetooth::CallbackList<const AdvertisementReceivedEventArgs*>
 // One scan, from start to stop.
 class Scan final : public ServiceThread {
   public:
-    Scan(const World& world, std::shared_ptr<Listeners> listeners)
+    Scan(const World& world, platform::ScanningMode mode, std::shared_ptr<Listeners> listeners)
         : runtime_(world.runtime()),
           listeners_(std::move(listeners)),
           period_(std::max(1.0, 20 / world.scenario().timeScale.value_or(1))) {
         for (const auto& peripheral : world.peripherals()) {
             const auto& scenario = peripheral->scenario();
-            advertisements_.push_back({scenario.address, scenario.advertises, scenario.name});
+            const bool named = mode == platform::ScanningMode::active;
+            const bool together = named && !scenario.nameApart;
+            advertisements_.push_back(
+                {scenario.address, scenario.advertises, together ? scenario.name : std::wstring()});
+            if (named && !together) advertisements_.push_back({scenario.address, {}, scenario.name});
         }
     }
 
@@ -51,8 +56,7 @@ class Watcher final : public platform::AdvertisementWatcher {
     explicit Watcher(std::shared_ptr<World> world) : world_(std::move(world)) {}
     ~Watcher() override { stop(); }
 
-    // Peripherals answer scan requests and passive listeners alike.
-    void setScanningMode(platform::ScanningMode) override {}
+    void setScanningMode(platform::ScanningMode mode) override { mode_ = mode; }
 
     platform::Subscription onReceived(ReceivedHandler handler) override {
         return addCallback(listeners_, std::move(handler));
@@ -60,7 +64,8 @@ class Watcher final : public platform::AdvertisementWatcher {
 
     void start() override {
         if (scan_) return;
-        scan_ = std::make_shared<Scan>(*world_, listeners_);
+        world_->noteScan(mode_);
+        scan_ = std::make_shared<Scan>(*world_, mode_, listeners_);
         world_->runtime()->launch(scan_);
     }
 
@@ -71,6 +76,7 @@ class Watcher final : public platform::AdvertisementWatcher {
   private:
     const std::shared_ptr<World> world_;
     const std::shared_ptr<Listeners> listeners_ = std::make_shared<Listeners>();
+    platform::ScanningMode mode_ = platform::ScanningMode::passive;
     std::shared_ptr<Scan> scan_;
 };
 

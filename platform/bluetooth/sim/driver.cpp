@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "faulty.h"
 #include "platform/runtime.h"
 #include "world.h"
 
@@ -22,7 +23,8 @@ class SimDriverDevice final : public platform::DriverDevice {
     }
 
     SystemError compatibleDriver(std::uint32_t index, platform::DriverInfo& out) const override {
-        if (!built_ || index >= scenario_.compatible.size()) return SystemError::noMoreItems;
+        if (!built_) return SystemError::noMoreItems;
+        if (index >= scenario_.compatible.size()) return scenario_.endError;
         out = scenario_.compatible[index];
         return SystemError::none;
     }
@@ -41,6 +43,10 @@ namespace platform {
 DriverDeviceList bluetoothDriverDevices() {
     DriverDeviceList list;
     if (const auto world = sim::currentWorld()) {
+        if (const auto fault = world->pass({sim::FaultPoint::Call::drivers})) {
+            list.error = sim::listError(*world->runtime(), *fault, SystemError::none);
+            return list;
+        }
         for (const auto& scenario : world->scenario().drivers) {
             list.devices.push_back(std::make_shared<sim::SimDriverDevice>(scenario));
         }

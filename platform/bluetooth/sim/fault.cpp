@@ -54,6 +54,9 @@ std::optional<FaultPoint> parseFaultPoint(std::string_view text) {
     if (text == "pair") return FaultPoint{Call::pair};
     if (text == "session") return FaultPoint{Call::session};
     if (text == "radios") return FaultPoint{Call::radios};
+    if (text == "radio:state") return FaultPoint{Call::radioState};
+    if (text == "adapters") return FaultPoint{Call::adapters};
+    if (text == "drivers") return FaultPoint{Call::drivers};
     if (text == "notify:TX") return FaultPoint{Call::notify, CharacteristicKind::tx};
 
     const auto colon = text.find(':');
@@ -87,7 +90,11 @@ bool isPossible(const FaultPoint& point, FaultAction action) {
         case FaultPoint::Call::session:
             return isOneOf({error, throwError, disconnect, hang});
         case FaultPoint::Call::radios:
+        case FaultPoint::Call::radioState:
             return !isOneOf({disconnect, unreachable, protocolError, accessDenied});
+        case FaultPoint::Call::adapters:
+        case FaultPoint::Call::drivers:
+            return isOneOf({null, error, hang});
         default:
             return true;
     }

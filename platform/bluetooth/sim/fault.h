@@ -24,12 +24,17 @@ struct FaultPoint {
         notify,
         pair,
         session,
-        radios  // of the world, the others of a peripheral
+        // Of the world, the others of a peripheral:
+        radios,
+        radioState,
+        adapters,
+        drivers
     };
 
     Call call = Call::device;
     CharacteristicKind characteristic = CharacteristicKind::tx;  // of subscribe, write and notify
 
+    bool ofWorld() const { return call >= Call::radios; }
     bool operator==(const FaultPoint&) const = default;
 };
 

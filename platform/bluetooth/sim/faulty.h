@@ -71,4 +71,8 @@ platform::AsyncOperationPtr<Result> faultyOperation(TioPeripheral& peripheral, c
 // The same for the calls that answer at once with a list: returns when the list stays empty.
 void applyFault(TioPeripheral& peripheral, const Fault& fault);
 
+// The same for the lists of adapters and drivers, which carry a system error: the error's low 16 bits, or
+// `none` for a list that is just empty.
+platform::SystemError listError(WorldRuntime& runtime, const Fault& fault, platform::SystemError none);
+
 }  // namespace sim

@@ -54,8 +54,8 @@ class Characteristic final : public platform::GattCharacteristic,
 
     // Either option gets the peripheral's answer: the simulation hides nothing.
     AsyncOperationPtr<GattCommunicationStatus> writeValueAsync(std::span<const std::uint8_t> value,
-                                                               platform::GattWriteOption) override {
-        return link_->peripheral().write(*link_, kind_, value);
+                                                               platform::GattWriteOption option) override {
+        return link_->peripheral().write(*link_, kind_, value, option);
     }
 
     AsyncOperationPtr<GattCommunicationStatus> writeClientCharacteristicConfigurationDescriptorAsync(

@@ -4,6 +4,36 @@
 
 namespace sim {
 
+namespace {
+
+// Little-endian.
+std::size_t numberIn(std::span<const std::uint8_t> value) {
+    std::size_t number = 0;
+    for (auto byte = value.rbegin(); byte != value.rend(); ++byte)
+        number = number << 8 | *byte;
+    return number;
+}
+
+std::string nameOf(CharacteristicKind kind) {
+    return std::string(kCharacteristicNames[indexOf(kind)]);
+}
+
+std::string writeText(CharacteristicKind kind, std::span<const std::uint8_t> value, bool withResponse) {
+    const bool number = (kind == CharacteristicKind::crrx && value.size() == 1) ||
+                        (kind == CharacteristicKind::rxMtu && value.size() == 2);
+    return "write " + nameOf(kind) + " " +
+           (number ? std::to_string(numberIn(value)) : std::to_string(value.size()) + " bytes") +
+           (withResponse ? " with response" : " without response");
+}
+
+std::string subscriptionText(CharacteristicKind kind,
+                             platform::GattClientCharacteristicConfigurationDescriptorValue value) {
+    static constexpr std::array kValues = {"none", "notify", "indicate"};
+    return "subscribe " + nameOf(kind) + " " + kValues.at(static_cast<std::size_t>(value));
+}
+
+}  // namespace
+
 Link::~Link() {
     peripheral_->forget(*this);
 }
@@ -110,8 +140,19 @@ std::uint64_t TioPeripheral::faultsHappened() const {
     return faults_.happened();
 }
 
+std::vector<std::string> TioPeripheral::hostRequests() const {
+    const std::lock_guard lock(mutex_);
+    return connection_.requests;
+}
+
+bool TioPeripheral::takesNotes() const {
+    constexpr std::size_t kMostRequests = 1000;  // a bench runs for days
+    return connection_.requests.size() < kMostRequests;
+}
+
 platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::write(Link& link, CharacteristicKind kind,
-                                                                        std::span<const std::uint8_t> value) {
+                                                                        std::span<const std::uint8_t> value,
+                                                                        platform::GattWriteOption option) {
     std::unique_lock lock(mutex_);
     if (!reachableLocked(link)) return completed(Status::unreachable);
     if (const auto fault = passLocked({FaultPoint::Call::write, kind})) {
@@ -119,6 +160,10 @@ platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::write(Link& li
         return faultyOperation<Status>(*this, *fault);
     }
     const bool data = kind == CharacteristicKind::rx;
+    const bool withResponse = option == platform::GattWriteOption::writeWithResponse;
+    if (takesNotes()) connection_.requests.push_back(writeText(kind, value, withResponse));
+    // Data can be written without response only, everything else with one only.
+    if (data == withResponse) return completed(refuse());
     if (data && !(connection_.waiting.empty() && connection_.in.take())) return waitForInterval(value);
 
     return completed(accept(kind, value));
@@ -134,6 +179,7 @@ platform::AsyncOperationPtr<TioPeripheral::Status> TioPeripheral::subscribe(
         lock.unlock();
         return faultyOperation<Status>(*this, *fault);
     }
+    if (takesNotes()) connection_.requests.push_back(subscriptionText(kind, value));
     if (kind == CharacteristicKind::rx || kind == CharacteristicKind::crrx ||
         kind == CharacteristicKind::rxMtu) {
         return completed(refuse());
@@ -180,6 +226,12 @@ void TioPeripheral::removeDelivery(Link& link, CharacteristicKind kind,
                                    const std::shared_ptr<ValueDelivery>& delivery) {
     const std::lock_guard lock(mutex_);
     std::erase(link.deliveries_[indexOf(kind)], delivery);
+}
+
+platform::SystemError listError(WorldRuntime& runtime, const Fault& fault, platform::SystemError none) {
+    if (fault.action == FaultAction::hang) runtime.waitForEnd();
+    if (fault.action != FaultAction::error) return none;
+    return static_cast<platform::SystemError>(static_cast<std::uint32_t>(fault.code) & 0xFFFF);
 }
 
 void applyFault(TioPeripheral& peripheral, const Fault& fault) {

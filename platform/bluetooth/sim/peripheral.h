@@ -60,6 +60,10 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     // How many calls the host has made to it, and how many of the scenario's faults have happened.
     std::uint64_t hostCalls() const { return hostCalls_; }
     std::uint64_t faultsHappened() const;
+    // What the host has asked of it on the latest connection, in order: "subscribe TXMTU indicate",
+    // "write RXMTU 244 with response", "write RX 20 bytes without response". The first thousand; what a fault
+    // kept away is not among them.
+    std::vector<std::string> hostRequests() const;
     // The scenario's faults happen no more; what hangs goes on hanging.
     void repair();
 
@@ -68,7 +72,8 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
     void forget(Link& link);                             // called by the link's end
     std::optional<Fault> pass(const FaultPoint& point);  // the host makes a call
     platform::AsyncOperationPtr<Status> write(Link& link, CharacteristicKind kind,
-                                              std::span<const std::uint8_t> value);
+                                              std::span<const std::uint8_t> value,
+                                              platform::GattWriteOption option);
     platform::AsyncOperationPtr<Status> subscribe(
         Link& link, CharacteristicKind kind,
         platform::GattClientCharacteristicConfigurationDescriptorValue value);
@@ -102,9 +107,11 @@ class TioPeripheral : public std::enable_shared_from_this<TioPeripheral> {
         Pacer in;
         Pacer out;
         std::deque<WaitingWrite> waiting;
+        std::vector<std::string> requests;
         bool tickAhead = false;
     };
 
+    bool takesNotes() const;
     bool connectLocked(Link& link);
     bool reachableLocked(Link& link);
     void dropLocked();

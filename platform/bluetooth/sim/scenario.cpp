@@ -156,6 +156,7 @@ DriverScenario readDriver(const json& value, const std::string& path) {
     Fields fields(value, path);
     fields.read("build_error", driver.buildError, readSystemError);
     fields.list("compatible", driver.compatible, readDriverInfo);
+    fields.read("end_error", driver.endError, readSystemError);
     fields.rejectOthers();
     return driver;
 }
@@ -192,9 +193,11 @@ FaultRule readFault(const json& value, const std::string& path) {
     fields.with("on", [&](const json& item, const std::string& at) {
         const auto point = parseFaultPoint(readText(item, at));
         if (!point) failAt(at, "a fault point such as services or write:RX", item);
-        const bool ofWorld = point->call == FaultPoint::Call::radios;
-        if (ofWorld != path.starts_with("faults"))
-            failAt(at, ofWorld ? "a fault point of a peripheral" : "radios, the fault point of the world",
+        const bool wantsWorld = path.starts_with("faults");
+        if (point->ofWorld() != wantsWorld)
+            failAt(at,
+                   wantsWorld ? "a fault point of the world: radios, radio:state, adapters or drivers"
+                              : "a fault point of a peripheral",
                    item);
         rule.point = *point;
         hasPoint = true;
@@ -253,6 +256,7 @@ PeripheralScenario readPeripheral(const json& value, const std::string& path) {
         peripheral.advertises.reset();
         if (!item.is_null()) peripheral.advertises = readList(item, at, readUuid);
     });
+    fields.read("name_apart", peripheral.nameApart, readFlag);
     readServices(fields, peripheral);
     fields.with("characteristics", [&](const json& item, const std::string& at) {
         peripheral.characteristics.fill(false);

@@ -39,6 +39,7 @@ struct AdapterScenario {
 struct DriverScenario {
     platform::SystemError buildError = platform::SystemError::none;
     std::vector<platform::DriverInfo> compatible;
+    platform::SystemError endError = platform::SystemError::noMoreItems;
 };
 
 enum class SerialBehaviour { echo, sink, source };
@@ -60,6 +61,7 @@ struct PeripheralScenario {
     std::uint64_t address = 0x001A7DDA7113;
     std::wstring name = L"TIO-SIM";
     std::optional<std::vector<platform::Guid>> advertises = std::vector{kTioService};
+    bool nameApart = false;
     std::vector<platform::Guid> services = {kTioService};
     std::vector<platform::Guid> cachedServices = {kTioService};
     std::vector<platform::Guid> uncachedServices = {kTioService};

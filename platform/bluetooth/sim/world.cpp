@@ -92,6 +92,16 @@ std::vector<platform::RadioState> World::radioRequests() const {
     return radioRequests_;
 }
 
+void World::noteScan(platform::ScanningMode mode) {
+    const std::lock_guard lock(requestsMutex_);
+    scans_.push_back(mode);
+}
+
+std::vector<platform::ScanningMode> World::scans() const {
+    const std::lock_guard lock(requestsMutex_);
+    return scans_;
+}
+
 void World::noteScanCommand(std::span<const std::uint8_t> command) {
     const std::lock_guard lock(requestsMutex_);
     scanCommands_.emplace_back(command.begin(), command.end());

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "peripheral.h"
+#include "platform/advertisement.h"
 #include "platform/radio.h"
 #include "scenario.h"
 #include "world_runtime.h"
@@ -41,6 +42,10 @@ class World {
     void noteRadioRequest(platform::RadioState state);
     std::vector<platform::RadioState> radioRequests() const;
 
+    // The modes of the scans that were started, in order.
+    void noteScan(platform::ScanningMode mode);
+    std::vector<platform::ScanningMode> scans() const;
+
     // The scan commands that the adapters were sent, in order, refused ones too.
     void noteScanCommand(std::span<const std::uint8_t> command);
     std::vector<std::vector<std::uint8_t>> scanCommands() const;
@@ -64,6 +69,7 @@ class World {
     mutable std::mutex requestsMutex_;  // for all below
     FaultTable faults_;
     std::vector<platform::RadioState> radioRequests_;
+    std::vector<platform::ScanningMode> scans_;
     std::vector<std::vector<std::uint8_t>> scanCommands_;
 };
 
