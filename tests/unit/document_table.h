@@ -35,7 +35,7 @@ inline std::vector<TableRow> tableRows(const std::string& name) {
     std::vector<TableRow> rows;
     TableRow row;
     for (std::string line; std::getline(document, line);) {
-        if (line.starts_with("## ")) row.section = line.substr(3);
+        if (line.starts_with("##")) row.section = trimmed(line.substr(line.find(' ')));
         if (!line.starts_with("|")) {
             row.header.clear();
             continue;

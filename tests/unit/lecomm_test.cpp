@@ -132,6 +132,16 @@ TEST(Link, GrantsThirtyCreditsWheneverTenAreLeft) {
     EXPECT_EQ(asked(link, "write CRRX 40 with response"), 1);
 }
 
+TEST(Link, RefusesAnAddressThatIsNone) {
+    test::LogCapture log;
+    test::Link link("{}");
+    link.connect(L" 00:1a:7d\n");
+    EXPECT_EQ(link.line(), "ERROR TIO");
+    EXPECT_TRUE(link.ended());
+    EXPECT_EQ(log.troubles(), std::vector<std::string>{"ERROR: invalid BLE address format  00:1a:7d\\x0a"});
+    EXPECT_EQ(link.peripheral().hostCalls(), 0U);
+}
+
 TEST(Link, TellsOfNotificationsWithoutValues) {
     test::LogCapture log;
     test::Link link("{}");

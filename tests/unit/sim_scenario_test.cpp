@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <regex>
 
 #include "platform/bluetooth/sim/scenario.h"
 #include "platform/runtime.h"
 #include "tests/e2e/harness.h"
+#include "tests/unit/document_table.h"
 
 namespace {
 
@@ -57,6 +59,90 @@ TEST(SimScenario, ErrorsNameTheKeyAndTheValue) {
         EXPECT_NE(message.find(ofPeripheral ? "peripherals[0]." + key : key), std::string::npos) << message;
         EXPECT_NE(message.find(found), std::string::npos) << message;
     }
+}
+
+// A scenario in which the object that a key of docs/scenario.md belongs to has these members. The key may
+// name an object in it: "link.interval_us", "compatible[].date".
+std::string scenarioWith(const std::string& section, const std::string& key, const std::string& members) {
+    const auto nest = [](const std::string& name, const std::string& json) {
+        const bool list = name.ends_with("[]");
+        return "{\"" + name.substr(0, name.size() - (list ? 2 : 0)) +
+               "\": " + (list ? "[" + json + "]" : json) + "}";
+    };
+    const auto dot = key.find('.');
+    std::string json = "{" + members + "}";
+    if (dot != std::string::npos) json = nest(key.substr(0, dot), json);
+    return section.ends_with("[]") ? nest(section, json) : json;
+}
+
+struct Values {
+    std::vector<std::string> good, bad;
+    std::string expected;  // of the error's text
+};
+
+// From what the document says of a key's type; a list has the value in each place.
+Values valuesOf(const std::string& type) {
+    Values values;
+    std::smatch found;
+    if (std::regex_search(type, found, std::regex(R"((\d+) to (\d+))"))) {
+        const auto lowest = std::stoll(found[1]), highest = std::stoll(found[2]);
+        values = {{found[1], found[2]},
+                  {std::to_string(lowest - 1), std::to_string(highest + 1), "\"1\""},
+                  "from " + found[1].str() + " to " + found[2].str()};
+    } else if (type == "true or false") {
+        values = {{"true", "false"}, {"1"}, "true or false"};
+    } else if (type.starts_with("text")) {
+        values = {{}, {"5"}, "expected "};
+        if (type == "text") values.good = {"\"some other\"", "\"\""};
+    } else if (type.starts_with('"')) {
+        values.bad = {"\"Nonsense\"", "1"};
+        values.expected = "one of";
+        const std::regex quoted(R"("[^"]+")");
+        for (std::sregex_iterator name(type.begin(), type.end(), quoted); name != std::sregex_iterator();
+             ++name) {
+            values.good.push_back(name->str());
+            values.expected += " " + name->str();
+        }
+    }
+    if (type.find("three numbers") == std::string::npos) return values;
+    for (auto* list : {&values.good, &values.bad}) {
+        for (auto& value : *list)
+            value = "[" + value + ", " + value + ", " + value + "]";
+    }
+    return values;
+}
+
+void checkKey(const std::string& section, const std::string& key, const std::string& usual,
+              const Values& values) {
+    SCOPED_TRACE(section + " " + key);
+    const std::string name = key.substr(key.find('.') + 1);
+    const auto with = [&](const std::string& value) {
+        return parseScenario(scenarioWith(section, key, "\"" + name + "\": " + value));
+    };
+    const auto defaults = parseScenario(scenarioWith(section, key, ""));
+    EXPECT_EQ(with(usual), defaults);
+    if (!key.starts_with("link.")) {  // its keys need each other
+        for (const auto& value : values.good)
+            EXPECT_TRUE(with(value) != defaults || value.find(usual) != std::string::npos) << value;
+    }
+    for (const auto& value : values.bad) {
+        const auto message = refusal([&] { with(value); });
+        EXPECT_NE(message.find(name), std::string::npos) << message;
+        EXPECT_NE(message.find(values.expected), std::string::npos) << value << ": " << message;
+    }
+}
+
+TEST(SimScenario, KeysHaveTheTypesBoundsAndDefaultsOfTheDocument) {
+    int checked = 0;
+    for (const auto& row : test::tableRows("scenario.md")) {
+        if (row.header[0] != "key" || row.cells[0] == "serial" || row.cells[0] == "time_scale") continue;
+        if (row.cells[2].find_first_of("0123456789[\"tf") != 0) continue;  // a default in words
+        for (const std::string& key : test::split(row.cells[0], ',')) {
+            checkKey(row.section, key, row.cells[2], valuesOf(row.cells[1]));
+            ++checked;
+        }
+    }
+    EXPECT_GE(checked, 35);
 }
 
 TEST(SimScenario, GivenKeysReplaceDefaults) {

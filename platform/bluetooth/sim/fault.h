@@ -54,6 +54,8 @@ enum class FaultAction {
 struct Fault {
     FaultAction action = FaultAction::null;
     platform::HResult code = 0;  // of error and throwError
+
+    bool operator==(const Fault&) const = default;
 };
 
 struct FaultRule {
@@ -61,6 +63,8 @@ struct FaultRule {
     std::uint32_t after = 0;
     std::uint32_t times = 1;  // 0: for ever
     Fault fault;
+
+    bool operator==(const FaultRule&) const = default;
 };
 
 // From their texts in a scenario; nothing for any other text.

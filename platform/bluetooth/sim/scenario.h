@@ -25,6 +25,8 @@ struct RadioScenario {
     platform::RadioState state = platform::RadioState::on;
     std::chrono::milliseconds switchDelay{0};
     bool stuck = false;
+
+    bool operator==(const RadioScenario&) const = default;
 };
 
 struct AdapterScenario {
@@ -34,12 +36,16 @@ struct AdapterScenario {
     platform::SystemError nameError = platform::SystemError::none;
     platform::SystemError versionError = platform::SystemError::none;
     std::array<platform::SystemError, 3> scanCommandErrors{};  // plain, 1809+, 1903+
+
+    bool operator==(const AdapterScenario&) const = default;
 };
 
 struct DriverScenario {
     platform::SystemError buildError = platform::SystemError::none;
     std::vector<platform::DriverInfo> compatible;
     platform::SystemError endError = platform::SystemError::noMoreItems;
+
+    bool operator==(const DriverScenario&) const = default;
 };
 
 enum class SerialBehaviour { echo, sink, source };
@@ -47,6 +53,8 @@ enum class SerialBehaviour { echo, sink, source };
 struct LinkScenario {
     std::chrono::microseconds interval{0};  // both zero: no pacing
     std::uint32_t packetsPerInterval = 0;
+
+    bool operator==(const LinkScenario&) const = default;
 };
 
 struct PairingScenario {
@@ -55,6 +63,8 @@ struct PairingScenario {
     bool custom = true;
     std::uint32_t kind = 1;
     std::int32_t result = 0;
+
+    bool operator==(const PairingScenario&) const = default;
 };
 
 struct PeripheralScenario {
@@ -75,6 +85,8 @@ struct PeripheralScenario {
     LinkScenario link;
     PairingScenario pairing;
     std::vector<FaultRule> faults;
+
+    bool operator==(const PeripheralScenario&) const = default;
 };
 
 struct Scenario {
@@ -86,6 +98,8 @@ struct Scenario {
     std::vector<DriverScenario> drivers;
     std::vector<PeripheralScenario> peripherals = {PeripheralScenario{}};
     std::vector<FaultRule> faults;  // of the calls that no peripheral answers
+
+    bool operator==(const Scenario&) const = default;
 };
 
 // Relative paths in the text are relative to the folder. Throws platform::BluetoothConfigError; its text

@@ -20,6 +20,8 @@ struct DriverInfo {
     std::wstring provider;
     FileTime date;              // UTC
     std::uint64_t version = 0;  // four 16-bit parts, the most significant first
+
+    bool operator==(const DriverInfo&) const = default;
 };
 
 // One present device of the Bluetooth class.

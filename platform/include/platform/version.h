@@ -9,6 +9,8 @@ struct OsVersion {
     std::uint32_t major = 0;
     std::uint32_t minor = 0;
     std::uint32_t build = 0;
+
+    bool operator==(const OsVersion&) const = default;
 };
 
 // The system's true version: it decides which GATT calls can be used. Asked anew at each call. Any thread,
