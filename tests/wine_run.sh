@@ -1,10 +1,9 @@
 #!/usr/bin/env bash
 # Runs a Windows program under Wine: wine_run.sh PROGRAM [ARGUMENT...]
-# It runs in a Wine prefix in the folder build, which is made at the first call and set to Windows 10. ZIQBLE_WINE_PREFIX gives
-# another name for the prefix than "wine". No display is needed.
+# It runs in the Wine prefix build/wine, which is made at the first call and set to Windows 10. No display is needed.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-export WINEPREFIX=$root/build/${ZIQBLE_WINE_PREFIX:-wine} WINEDEBUG=-all
+export WINEPREFIX=$root/build/wine WINEDEBUG=-all
 # Keeps Wine from offering to install other software, and from making menu entries on the machine.
 export WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d"
 unset DISPLAY WAYLAND_DISPLAY
@@ -27,8 +26,7 @@ settings() {
     done
 }
 
-# Ends Wine's server afterwards: the drivers in the server that made the prefix wait for one another for most of a minute, and no
-# service starts meanwhile.
+# Ends Wine's server afterwards, so that start_wine can start one that stays.
 make_prefix() {
     "${wine[@]}" wineboot --init && settings >"$WINEPREFIX/new.reg" &&
         "${wine[@]}" regedit /S "Z:$WINEPREFIX/new.reg" && wineserver -k && mv "$WINEPREFIX/new.reg" "$WINEPREFIX/settings.reg"

@@ -1,4 +1,13 @@
-// The Windows back end's adapters and drivers, with the devices that tests/wine_devices puts into Wine.
+// The Windows back end's adapters and drivers, and the parts of the program that use them. The system's calls
+// end in this file, which takes the place of the imports. Like the system it refuses what is passed wrongly.
+#include <windows.h>
+
+#include <bluetoothapis.h>
+#include <setupapi.h>
+
+#include <fstream>
+#include <map>
+
 #include "blescanner/blehelper.h"
 #include "blescanner/btdrivercheck.h"
 #include "log_capture.h"
@@ -6,87 +15,190 @@
 #include "platform/driver.h"
 #include "platform/text.h"
 #include "sleep_recorder.h"
-#include "tests/e2e/harness.h"
-#include "tests/wine_devices/test_devices.h"
 
 // Has to come after the system's headers.
 #include <gtest/gtest.h>
 
-#include <fstream>
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// Errors are Windows error numbers; 0: success.
+struct Radio {
+    std::wstring name;
+    DWORD nameError = 0;
+    DWORD infoError = 0;
+    std::vector<DWORD> commandErrors = {};
+    std::vector<Bytes> commands = {};          // that it got
+    std::vector<std::size_t> replySizes = {};  // the room for each answer
+};
+
+struct Driver {
+    std::wstring description, manufacturer, provider;
+    SYSTEMTIME date;  // UTC
+    std::uint64_t version;
+};
+
+struct Device {
+    DWORD listError = 0;
+    std::vector<Driver> drivers = {};
+    bool listed = false;
+};
+
+// What the machine has, and what of it is open.
+struct Machine {
+    std::vector<Radio> radios;
+    DWORD devicesError = 0;
+    std::vector<Device> devices;
+    int searches = 0;
+    int deviceSets = 0;
+    std::map<HANDLE, std::size_t> radioHandles;  // of open and of closed radios
+};
+Machine machine;
+
+BOOL answer(DWORD error) {
+    ::SetLastError(error);
+    return error == 0;
+}
+
+// All handles of radios belong to one object, which is gone when the last one is closed.
+std::wstring radioObject() {
+    return L"ziqble radios of " + std::to_wstring(::GetCurrentProcessId());
+}
+bool radiosAreClosed() {
+    return !::OpenEventW(SYNCHRONIZE, FALSE, radioObject().c_str());
+}
+
+BOOL openRadio(std::size_t index, HANDLE* radio) {
+    if (index >= machine.radios.size()) return answer(ERROR_NO_MORE_ITEMS);
+    *radio = ::CreateEventW(nullptr, TRUE, FALSE, radioObject().c_str());
+    machine.radioHandles[*radio] = index;
+    return TRUE;
+}
+
+// All bytes but the two versions depend on their place, so that a version read from a wrong place shows.
+void giveInfo(std::span<std::uint8_t> reply) {
+    for (std::size_t at = 0; at < reply.size(); ++at)
+        reply[at] = static_cast<std::uint8_t>(at | 0x80);
+    reply[278] = 200;
+    reply[291] = 9;
+}
+
+BOOL WINAPI deviceIoControl(HANDLE handle, DWORD code, void* input, DWORD inputSize, void* output,
+                            DWORD outputSize, DWORD* returned, OVERLAPPED* overlapped) {
+    const auto found = machine.radioHandles.find(handle);
+    if (found == machine.radioHandles.end() || !returned || overlapped)
+        return answer(ERROR_INVALID_PARAMETER);
+    Radio& radio = machine.radios[found->second];
+    if (code == 0x00410000 && inputSize == 0 && outputSize == 292) {
+        giveInfo({static_cast<std::uint8_t*>(output), outputSize});
+        return answer(radio.infoError);
+    }
+    if (code != 0x0041118C) return answer(ERROR_INVALID_FUNCTION);
+    const auto* const bytes = static_cast<const std::uint8_t*>(input);
+    radio.commands.emplace_back(bytes, bytes + inputSize);
+    radio.replySizes.push_back(outputSize);
+    return answer(radio.commandErrors.at(radio.commands.size() - 1));
+}
+
+HDEVINFO WINAPI getClassDevs(const GUID* deviceClass, const wchar_t* enumerator, HWND, DWORD flags) {
+    constexpr GUID kBluetooth = {
+        0xE0CBF06C, 0xCD8B, 0x4647, {0xBB, 0x8A, 0x26, 0x3B, 0x43, 0xF0, 0xF9, 0x74}};
+    const bool valid = *deviceClass == kBluetooth && !enumerator && flags == DIGCF_PRESENT;
+    if (!answer(valid ? machine.devicesError : ERROR_INVALID_PARAMETER)) return INVALID_HANDLE_VALUE;
+    ++machine.deviceSets;
+    return &machine;
+}
+
+BOOL WINAPI destroyDeviceInfoList(HDEVINFO) {
+    --machine.deviceSets;
+    return TRUE;
+}
+
+BOOL WINAPI enumDeviceInfo(HDEVINFO set, DWORD index, SP_DEVINFO_DATA* device) {
+    if (set != &machine || device->cbSize != sizeof *device) return answer(ERROR_INVALID_PARAMETER);
+    if (index >= machine.devices.size()) return answer(ERROR_NO_MORE_ITEMS);
+    device->DevInst = index;
+    return TRUE;
+}
+
+BOOL WINAPI buildDriverInfoList(HDEVINFO set, SP_DEVINFO_DATA* info, DWORD type) {
+    if (set != &machine || machine.deviceSets == 0 || type != SPDIT_COMPATDRIVER)
+        return answer(ERROR_INVALID_PARAMETER);
+    Device& device = machine.devices.at(info->DevInst);
+    device.listed = device.listError == 0;
+    return answer(device.listError);
+}
+
+// Windows gives the date as midnight in UTC.
+BOOL WINAPI enumDriverInfo(HDEVINFO set, SP_DEVINFO_DATA* info, DWORD type, DWORD index,
+                           SP_DRVINFO_DATA_W* out) {
+    if (set != &machine || type != SPDIT_COMPATDRIVER || out->cbSize != sizeof(SP_DRVINFO_DATA_V2_W))
+        return answer(ERROR_INVALID_PARAMETER);
+    const Device& device = machine.devices.at(info->DevInst);
+    if (!device.listed || index >= device.drivers.size()) return answer(ERROR_NO_MORE_ITEMS);
+    const Driver& driver = device.drivers[index];
+    driver.description.copy(out->Description, LINE_LEN);
+    driver.manufacturer.copy(out->MfgName, LINE_LEN);
+    driver.provider.copy(out->ProviderName, LINE_LEN);
+    out->DriverVersion = driver.version;
+    return ::SystemTimeToFileTime(&driver.date, &out->DriverDate);
+}
+
+}  // namespace
+
+// bluetoothapis.h does not declare its functions as imports, so these are simply used in the place of the
+// system's.
+HBLUETOOTH_RADIO_FIND WINAPI BluetoothFindFirstRadio(BLUETOOTH_FIND_RADIO_PARAMS* parameters, HANDLE* radio) {
+    if (parameters->dwSize != sizeof *parameters) return answer(ERROR_REVISION_MISMATCH), nullptr;
+    if (!openRadio(0, radio)) return nullptr;
+    ++machine.searches;
+    return new std::size_t(0);
+}
+BOOL WINAPI BluetoothFindNextRadio(HBLUETOOTH_RADIO_FIND search, HANDLE* radio) {
+    return openRadio(++*static_cast<std::size_t*>(search), radio);
+}
+BOOL WINAPI BluetoothFindRadioClose(HBLUETOOTH_RADIO_FIND search) {
+    delete static_cast<std::size_t*>(search);
+    --machine.searches;
+    return TRUE;
+}
+DWORD WINAPI BluetoothGetRadioInfo(HANDLE handle, BLUETOOTH_RADIO_INFO* info) {
+    if (info->dwSize != sizeof *info) return ERROR_REVISION_MISMATCH;
+    const Radio& radio = machine.radios[machine.radioHandles.at(handle)];
+    radio.name.copy(info->szName, BLUETOOTH_MAX_NAME_SIZE);
+    return radio.nameError;
+}
+
+extern "C" {
+decltype(&::DeviceIoControl) __imp_DeviceIoControl = &deviceIoControl;
+decltype(&::SetupDiGetClassDevsW) __imp_SetupDiGetClassDevsW = &getClassDevs;
+decltype(&::SetupDiDestroyDeviceInfoList) __imp_SetupDiDestroyDeviceInfoList = &destroyDeviceInfoList;
+decltype(&::SetupDiEnumDeviceInfo) __imp_SetupDiEnumDeviceInfo = &enumDeviceInfo;
+decltype(&::SetupDiBuildDriverInfoList) __imp_SetupDiBuildDriverInfoList = &buildDriverInfoList;
+decltype(&::SetupDiEnumDriverInfoW) __imp_SetupDiEnumDriverInfoW = &enumDriverInfo;
+}
 
 namespace blescanner {
 namespace {
 
-using namespace wine_devices;
-using Bytes = std::vector<std::uint8_t>;
-using Texts = std::vector<std::string>;
-
-const DriverPackage kPackages[] = {
-    {"Old radio", "M", "P", {2016, 5, 0, 1, 0, 0, 0, 0}, {1, 2, 3, 4}},
-    {"Known radio", "An Intel Co", "Q", {2020, 1, 0, 31, 0, 0, 0, 0}, {10, 0, 19041, 65535}},
-};
-
-}  // namespace
-
-// Wine 8 does not fill in a driver's date and version. This does it as Windows would: the date as midnight in
-// UTC.
-extern "C" decltype(&::SetupDiEnumDriverInfoW) __real___imp_SetupDiEnumDriverInfoW;
-
-static BOOL WINAPI enumDriverInfo(HDEVINFO set, SP_DEVINFO_DATA* device, DWORD type, DWORD index,
-                                  SP_DRVINFO_DATA_W* driver) {
-    if (!__real___imp_SetupDiEnumDriverInfoW(set, device, type, index, driver)) return FALSE;
-    for (const auto& package : kPackages) {
-        if (platform::widen(package.description) != driver->Description) continue;
-        ::SystemTimeToFileTime(&package.date, &driver->DriverDate);
-        driver->DriverVersion = 0;
-        for (const unsigned part : package.version)
-            driver->DriverVersion = driver->DriverVersion << 16 | part;
-    }
-    return TRUE;
-}
-
-extern "C" {
-decltype(&::SetupDiEnumDriverInfoW) __wrap___imp_SetupDiEnumDriverInfoW = &enumDriverInfo;
-}
-
-namespace {
-
-class WindowsRadios : public ::testing::Test {
+class WindowsDevices : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() { driver_ = std::make_unique<RadioDriver>(); }
-    static void TearDownTestSuite() { driver_.reset(); }
     void TearDown() override {
-        for (const auto end = std::chrono::steady_clock::now() + e2e::kDeadline;
-             openFiles() != 0 && std::chrono::steady_clock::now() < end;)
-            ::Sleep(1);
-        EXPECT_EQ(openFiles(), 0);
+        EXPECT_TRUE(radiosAreClosed());
+        EXPECT_EQ(std::pair(machine.searches, machine.deviceSets), std::pair(0, 0));
+        machine = {};
     }
-    static LONG openFiles() {
-        const auto reports = driver_->reports();
-        return reports[0].openFiles + reports[1].openFiles + reports[2].openFiles;
-    }
-
-    // Returns the command bytes that the first radio got.
-    static std::vector<Bytes> setIntervals() {
+    static void setIntervals() {
         scanIntervalsConfigured = false;
         const test::SleepRecorder recorder;
         setScanIntervals();
         EXPECT_TRUE(waitForScanConfigThread(std::chrono::seconds(20)));
-        const RadioReport report = driver_->reports()[0];
-        std::vector<Bytes> commands;
-        for (ULONG index = 0; index < report.commandCount; ++index) {
-            const auto& command = report.commands[index];
-            commands.emplace_back(command.input, command.input + command.inputSize);
-            EXPECT_EQ(command.outputSize, index == 0 ? 40U : 0U);
-        }
-        return commands;
     }
-
-    static inline std::unique_ptr<RadioDriver> driver_;
 };
 
-TEST_F(WindowsRadios, NamesAndVersionsOfThoseThatAnswer) {
-    driver_->setUp({{L"K\u00FCche", 0, 0, {}, 9, 200}, {L"B", 31, 0, {}, 9, 9}, {L"C", 0, 5, {}, 9, 9}});
+TEST_F(WindowsDevices, NamesAndVersionsOfTheRadiosThatAnswer) {
+    machine.radios = {{L"K\u00FCche"}, {L"B", 31}, {L"C", 0, 5}};
     const test::LogCapture log;
     std::vector<RadioVersionInfo> list;
     EXPECT_TRUE(enumerateRadioVersions(list));
@@ -95,62 +207,64 @@ TEST_F(WindowsRadios, NamesAndVersionsOfThoseThatAnswer) {
     EXPECT_TRUE(log.find("getBLEProtocolSupport: No LMP version read! 5"));
 }
 
-TEST_F(WindowsRadios, ScanCommands) {
+TEST_F(WindowsDevices, ScanCommands) {
     const Bytes plain = {0, 0, 0, 0, 29, 0, 29, 0};
     const Bytes for1809 = {0, 0, 0, 0, 0, 0, 0, 0, 29, 0, 29, 0, 29, 0, 29, 0};
     const Bytes for1903 = {0, 0, 0, 0, 0, 0, 0, 0, 29, 0, 29, 0, 29, 0, 29, 0, 29, 0, 0, 0, 0, 0, 0, 0};
-    const std::tuple<RadioSetup, std::vector<Bytes>, std::string> cases[] = {
-        {{L"A", 0, 0, {0, 0, 0}, 9, 9}, {plain}, "Scan config thread terminated..."},
-        {{L"A", 0, 0, {997, 0, 0}, 9, 9}, {plain}, "Configured BLE scan interval!"},
-        {{L"A", 0, 0, {87, 0, 5}, 9, 9},
-         {plain, for1809, for1903},
-         "[1903+] error in INTERVAL _COMMAND code 5"},
+    const std::tuple<std::vector<DWORD>, std::vector<Bytes>, std::string> cases[] = {
+        {{0}, {plain}, "Scan config thread terminated..."},
+        {{ERROR_IO_PENDING}, {plain}, "Configured BLE scan interval!"},
+        {{87, 0, 5}, {plain, for1809, for1903}, "[1903+] error in INTERVAL _COMMAND code 5"},
     };
-    for (const auto& [radio, commands, line] : cases) {
-        driver_->setUp({radio, radio});
+    for (const auto& [errors, commands, line] : cases) {
+        machine.radios = {{L"A", 0, 0, errors}, {L"B"}};
         const test::LogCapture log;
-        EXPECT_EQ(setIntervals(), commands);
+        setIntervals();
+        EXPECT_EQ(machine.radios[0].commands, commands);
+        std::vector<std::size_t> replySizes(commands.size());
+        replySizes[0] = 40;
+        EXPECT_EQ(machine.radios[0].replySizes, replySizes);
         EXPECT_TRUE(log.find(line)) << line;
-        EXPECT_EQ(driver_->reports()[1].commandCount, 0U);
+        EXPECT_TRUE(machine.radios[1].commands.empty());
     }
 }
 
-TEST_F(WindowsRadios, NoRadios) {
-    driver_->setUp({});
+TEST_F(WindowsDevices, NoRadios) {
     const test::LogCapture log;
     std::vector<RadioVersionInfo> list;
     EXPECT_FALSE(enumerateRadioVersions(list));
-    EXPECT_EQ(setIntervals(), std::vector<Bytes>{});
+    setIntervals();
     EXPECT_FALSE(scanIntervalsConfigured);
     EXPECT_TRUE(log.find("setScanInterval: Could not find BLE device to work with! 259"));
 }
 
-TEST_F(WindowsRadios, NoHandleStaysOpen) {
-    const BluetoothDevice device(kPackages);
-    const DriversDb noDrivers;
-    std::size_t before = 0;
-    for (int round = 0; round <= 20; ++round) {
-        driver_->setUp({{L"A", 0, 0, {5, 5, 5}, 9, 9}, {L"B", 31, 0, {}, 9, 9}});
-        std::vector<RadioVersionInfo> list;
-        enumerateRadioVersions(list);
-        setIntervals();
-        checkBluetoothDrivers([&]() -> const DriversDb& { return noDrivers; });
-        if (round == 0) before = e2e::ownResources().handles;
-    }
-    EXPECT_LE(e2e::ownResources().handles, before + e2e::kResourceNoise);
+TEST_F(WindowsDevices, DriverListsThatFail) {
+    const auto lines = [] {
+        const test::LogCapture log;
+        checkBluetoothDrivers();
+        return log.texts();
+    };
+    using Texts = std::vector<std::string>;
+    machine.devices = {{13}};
+    EXPECT_EQ(lines(), Texts{"Driver check: SetupDiBuildDriverInfoList err - 13"});
+    machine.devicesError = 5;
+    EXPECT_EQ(lines(), Texts{"Driver check: SetupDiGetClassDevs failed: 5"});
 }
 
 // The test runs two hours east of UTC. The date in the listing is shifted once, that in the warning twice.
-TEST(WindowsDrivers, ListingAndWarnings) {
+TEST_F(WindowsDevices, DriverListingAndWarnings) {
     const auto text = [](const platform::CalendarTime& time) {
         return platform::toUtf8(platform::formatLongDateAndTime(time));
     };
     std::ofstream(platform::driversDbPath()) << "An Intel Co,10.0.19041.65535,Get 2.\n";
-    const BluetoothDevice device(kPackages);
+    machine.devices = {
+        {0, {{L"Old radio", L"M", L"P", {2016, 5, 0, 1, 0, 0, 0, 0}, 0x0001'0002'0003'0004}}},
+        {0, {{L"Known radio", L"An Intel Co", L"Q", {2020, 1, 0, 31, 0, 0, 0, 0}, 0x000A'0000'4A61'FFFF}}},
+    };
     const test::LogCapture log;
     checkBluetoothDrivers();
     std::filesystem::remove(platform::driversDbPath());
-    const Texts expected = {
+    const std::vector<std::string> expected = {
         "---------------",
         "Driver description Old radio",
         "Driver manufacturer M",

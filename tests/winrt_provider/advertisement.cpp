@@ -1,10 +1,9 @@
 #include "platform/advertisement.h"
 
 #include <windows.devices.bluetooth.advertisement.h>
+#include <windows.foundation.h>
 
-#include "tests/winrt_provider/async.h"
 #include "tests/winrt_provider/events.h"
-#include "tests/winrt_provider/guid.h"
 #include "tests/winrt_provider/provider.h"
 
 namespace provider {
@@ -13,120 +12,57 @@ namespace {
 
 namespace advertising = ABI::Windows::Devices::Bluetooth::Advertisement;
 using ReceivedHandler =
-    foundation::ITypedEventHandler<advertising::BluetoothLEAdvertisementWatcher*,
-                                   advertising::BluetoothLEAdvertisementReceivedEventArgs*>;
-using GuidList = foundation::Collections::IVector<GUID>;
+    ABI::Windows::Foundation::ITypedEventHandler<advertising::BluetoothLEAdvertisementWatcher*,
+                                                 advertising::BluetoothLEAdvertisementReceivedEventArgs*>;
+using GuidList = ABI::Windows::Foundation::Collections::IVector<GUID>;
 
 class Guids final : public Object<Guids, GuidList> {
   public:
-    static constexpr const wchar_t* kClassName = L"IVector<Guid>";
-
-    explicit Guids(const std::vector<platform::Guid>& guids) {
-        for (const auto& guid : guids)
-            guids_.push_back(toAbi(guid));
-    }
+    explicit Guids(const std::vector<platform::Guid>& guids) : guids_(guids) {}
 
     HRESULT GetAt(UINT32 index, GUID* out) override {
-        if (index >= guids_.size()) return kOutOfBounds;
-        *out = guids_[index];
-        return S_OK;
+        return index < guids_.size() ? give(out, [&] { return guids_[index]; }) : kOutOfBounds;
     }
     HRESULT get_Size(UINT32* out) override {
-        *out = static_cast<UINT32>(guids_.size());
-        return S_OK;
+        return give(out, [&] { return guids_.size(); });
     }
-    HRESULT GetView(foundation::Collections::IVectorView<GUID>**) override { return E_NOTIMPL; }
-    HRESULT IndexOf(GUID, UINT32*, BOOLEAN*) override { return E_NOTIMPL; }
-    HRESULT SetAt(UINT32, GUID) override { return E_NOTIMPL; }
-    HRESULT InsertAt(UINT32, GUID) override { return E_NOTIMPL; }
-    HRESULT RemoveAt(UINT32) override { return E_NOTIMPL; }
-    HRESULT Append(GUID) override { return E_NOTIMPL; }
-    HRESULT RemoveAtEnd() override { return E_NOTIMPL; }
-    HRESULT Clear() override { return E_NOTIMPL; }
-    HRESULT GetMany(UINT32, UINT32, GUID*, UINT32*) override { return E_NOTIMPL; }
-    HRESULT ReplaceAll(UINT32, GUID*) override { return E_NOTIMPL; }
 
   private:
-    std::vector<GUID> guids_;
+    const std::vector<platform::Guid> guids_;
 };
 
-struct AdvertisementSlots : advertising::IBluetoothLEAdvertisement {
-    using Interface = advertising::IBluetoothLEAdvertisement;
-    HRESULT get_Flags(IInspectable**) override { return E_NOTIMPL; }
-    HRESULT put_Flags(IInspectable*) override { return E_NOTIMPL; }
-    HRESULT put_LocalName(HSTRING) override { return E_NOTIMPL; }
-    HRESULT get_ManufacturerData(IInspectable**) override { return E_NOTIMPL; }
-    HRESULT get_DataSections(IInspectable**) override { return E_NOTIMPL; }
-    HRESULT GetManufacturerDataByCompanyId(UINT16, IInspectable**) override { return E_NOTIMPL; }
-    HRESULT GetSectionsByType(BYTE, IInspectable**) override { return E_NOTIMPL; }
-};
-
-class Advertisement final : public Object<Advertisement, AdvertisementSlots> {
+class Advertisement final : public Object<Advertisement, advertising::IBluetoothLEAdvertisement> {
   public:
-    static constexpr const wchar_t* kClassName =
-        L"Windows.Devices.Bluetooth.Advertisement.BluetoothLEAdvertisement";
+    explicit Advertisement(const platform::AdvertisementReceivedEventArgs& args) : args_(args) {}
 
-    explicit Advertisement(platform::AdvertisementReceivedEventArgs args) : args_(std::move(args)) {}
-
-    HRESULT get_LocalName(HSTRING* out) override { return handOut(args_.localName, out); }
+    HRESULT get_LocalName(HSTRING* out) override {
+        return give(out, [&] { return args_.localName; });
+    }
     HRESULT get_ServiceUuids(GuidList** out) override {
-        *out = nullptr;
-        if (!args_.serviceUuids) return S_OK;
-        return guarded([&] { handOut(make<Guids>(*args_.serviceUuids), out); });
+        return give(out, [&] { return args_.serviceUuids ? make<Guids>(*args_.serviceUuids) : nullptr; });
     }
 
   private:
     const platform::AdvertisementReceivedEventArgs args_;
 };
 
-struct ReceivedSlots : advertising::IBluetoothLEAdvertisementReceivedEventArgs {
-    using Interface = advertising::IBluetoothLEAdvertisementReceivedEventArgs;
-    HRESULT get_RawSignalStrengthInDBm(INT16*) override { return E_NOTIMPL; }
-    HRESULT get_AdvertisementType(INT32*) override { return E_NOTIMPL; }
-    HRESULT get_Timestamp(INT64*) override { return E_NOTIMPL; }
-};
-
-class Received final : public Object<Received, ReceivedSlots> {
+class Received final : public Object<Received, advertising::IBluetoothLEAdvertisementReceivedEventArgs> {
   public:
-    static constexpr const wchar_t* kClassName =
-        L"Windows.Devices.Bluetooth.Advertisement.BluetoothLEAdvertisementReceivedEventArgs";
-
-    explicit Received(platform::AdvertisementReceivedEventArgs args) : args_(std::move(args)) {}
+    explicit Received(const platform::AdvertisementReceivedEventArgs& args) : args_(args) {}
 
     HRESULT get_BluetoothAddress(UINT64* out) override {
-        *out = args_.bluetoothAddress;
-        return S_OK;
+        return give(out, [&] { return args_.bluetoothAddress; });
     }
     HRESULT get_Advertisement(advertising::IBluetoothLEAdvertisement** out) override {
-        *out = nullptr;
-        return guarded([&] { handOut(make<Advertisement>(args_), out); });
+        return give(out, [&] { return make<Advertisement>(args_); });
     }
 
   private:
     const platform::AdvertisementReceivedEventArgs args_;
 };
 
-struct WatcherSlots : advertising::IBluetoothLEAdvertisementWatcher {
-    using Interface = advertising::IBluetoothLEAdvertisementWatcher;
-    HRESULT get_MinSamplingInterval(INT64*) override { return E_NOTIMPL; }
-    HRESULT get_MaxSamplingInterval(INT64*) override { return E_NOTIMPL; }
-    HRESULT get_MinOutOfRangeTimeout(INT64*) override { return E_NOTIMPL; }
-    HRESULT get_MaxOutOfRangeTimeout(INT64*) override { return E_NOTIMPL; }
-    HRESULT get_Status(INT32*) override { return E_NOTIMPL; }
-    HRESULT get_ScanningMode(advertising::BluetoothLEScanningMode*) override { return E_NOTIMPL; }
-    HRESULT get_SignalStrengthFilter(IInspectable**) override { return E_NOTIMPL; }
-    HRESULT put_SignalStrengthFilter(IInspectable*) override { return E_NOTIMPL; }
-    HRESULT get_AdvertisementFilter(IInspectable**) override { return E_NOTIMPL; }
-    HRESULT put_AdvertisementFilter(IInspectable*) override { return E_NOTIMPL; }
-    HRESULT add_Stopped(IUnknown*, EventRegistrationToken*) override { return E_NOTIMPL; }
-    HRESULT remove_Stopped(EventRegistrationToken) override { return E_NOTIMPL; }
-};
-
-class Watcher final : public Object<Watcher, WatcherSlots> {
+class Watcher final : public Object<Watcher, advertising::IBluetoothLEAdvertisementWatcher> {
   public:
-    static constexpr const wchar_t* kClassName =
-        L"Windows.Devices.Bluetooth.Advertisement.BluetoothLEAdvertisementWatcher";
-
     HRESULT put_ScanningMode(advertising::BluetoothLEScanningMode mode) override {
         return guarded([&] { watcher_->setScanningMode(static_cast<platform::ScanningMode>(mode)); });
     }
@@ -138,29 +74,22 @@ class Watcher final : public Object<Watcher, WatcherSlots> {
     }
     HRESULT add_Received(ReceivedHandler* handler, EventRegistrationToken* out) override {
         const auto tell = [this, handler = ComPtr<ReceivedHandler>(handler)](const auto* args) {
-            if (const auto sender = self()) {
+            if (const auto sender = self())
                 handler->Invoke(sender.Get(), args ? make<Received>(*args).Get() : nullptr);
-            }
         };
-        return guarded([&] { *out = registrations_.add(watcher_->onReceived(tell)); });
+        return registrations_.add(out, [&] { return watcher_->onReceived(tell); });
     }
-    HRESULT remove_Received(EventRegistrationToken token) override {
-        registrations_.remove(token);
-        return S_OK;
-    }
+    HRESULT remove_Received(EventRegistrationToken token) override { return registrations_.remove(token); }
 
   private:
     const std::unique_ptr<platform::AdvertisementWatcher> watcher_ = platform::createAdvertisementWatcher();
     EventRegistrations registrations_;
 };
 
-class Factory final : public Object<Factory, IActivationFactory> {
+class Factory final : public FactoryOf<Factory> {
   public:
-    static constexpr const wchar_t* kClassName = L"BluetoothLEAdvertisementWatcher factory";
-
     HRESULT ActivateInstance(IInspectable** out) override {
-        *out = nullptr;
-        return guarded([&] { *out = make<Watcher>().Detach(); });
+        return give(out, [] { return make<Watcher>(); });
     }
 };
 

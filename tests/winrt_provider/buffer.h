@@ -15,8 +15,8 @@ namespace streams = ABI::Windows::Storage::Streams;
 
 ComPtr<streams::IBuffer> makeBuffer(std::vector<std::uint8_t> bytes);
 
-// The bytes of a buffer, whoever has made it. They are valid as long as the buffer lives. Throws
-// PlatformError when the buffer does not give them.
+// The bytes of a buffer, which are valid as long as the buffer lives. Throws PlatformError when it is not one
+// of makeBuffer's.
 std::span<const std::uint8_t> bytesOf(streams::IBuffer* buffer);
 
 }  // namespace provider

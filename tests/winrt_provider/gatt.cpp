@@ -1,223 +1,239 @@
-// Services, sessions and what look-ups return.
-#include "tests/winrt_provider/gatt.h"
+// Devices, their services, sessions and characteristics.
+#include "platform/gatt.h"
 
-#include "tests/winrt_provider/characteristic.h"
-#include "tests/winrt_provider/closable.h"
+#include <windows.devices.bluetooth.genericattributeprofile.h>
+#include <windows.devices.bluetooth.h>
+
+#include "platform/pairing.h"
+#include "tests/winrt_provider/async.h"
+#include "tests/winrt_provider/buffer.h"
 #include "tests/winrt_provider/events.h"
-#include "tests/winrt_provider/guid.h"
+#include "tests/winrt_provider/provider.h"
 
 namespace provider {
 
 namespace {
 
-using ABI::Windows::Devices::Bluetooth::BluetoothCacheMode;
-using foundation::IAsyncOperation;
-using foundation::IClosable;
-using CharacteristicView = foundation::Collections::IVectorView<gatt::GattCharacteristic*>;
-using CharacteristicsOperation = IAsyncOperation<gatt::GattCharacteristicsResult*>;
+namespace devices = ABI::Windows::Devices::Bluetooth;
+namespace gatt = devices::GenericAttributeProfile;
+using CharacteristicView = IVectorView<gatt::GattCharacteristic*>;
+using ServiceView = IVectorView<gatt::GattDeviceService*>;
+using StatusOperation = IAsyncOperation<gatt::GattCommunicationStatus>;
 using ServicesOperation = IAsyncOperation<gatt::GattDeviceServicesResult*>;
+using ValueChangedHandler =
+    foundation::ITypedEventHandler<gatt::GattCharacteristic*, gatt::GattValueChangedEventArgs*>;
 using StatusChangedHandler =
     foundation::ITypedEventHandler<gatt::GattSession*, gatt::GattSessionStatusChangedEventArgs*>;
 
+platform::Guid fromAbi(const GUID& guid) {
+    return std::bit_cast<platform::Guid>(guid);
+}
+
+class ValueChanged final : public Object<ValueChanged, gatt::IGattValueChangedEventArgs> {
+  public:
+    explicit ValueChanged(std::span<const std::uint8_t> value)
+        : value_(makeBuffer({value.begin(), value.end()})) {}
+
+    HRESULT get_CharacteristicValue(streams::IBuffer** out) override { return value_.CopyTo(out); }
+
+  private:
+    const ComPtr<streams::IBuffer> value_;
+};
+
+class Characteristic final : public Object<Characteristic, gatt::IGattCharacteristic> {
+  public:
+    explicit Characteristic(std::shared_ptr<platform::GattCharacteristic> characteristic)
+        : characteristic_(std::move(characteristic)) {}
+
+    HRESULT get_Uuid(GUID* out) override {
+        return give(out, [&] { return characteristic_->uuid(); });
+    }
+    HRESULT WriteValueWithOptionAsync(streams::IBuffer* value, gatt::GattWriteOption option,
+                                      StatusOperation** out) override {
+        return give(out, [&] {
+            return wrap<gatt::GattCommunicationStatus>(characteristic_->writeValueAsync(
+                bytesOf(value), static_cast<platform::GattWriteOption>(option)));
+        });
+    }
+    HRESULT WriteClientCharacteristicConfigurationDescriptorAsync(
+        gatt::GattClientCharacteristicConfigurationDescriptorValue value, StatusOperation** out) override {
+        using Value = platform::GattClientCharacteristicConfigurationDescriptorValue;
+        return give(out, [&] {
+            return wrap<gatt::GattCommunicationStatus>(
+                characteristic_->writeClientCharacteristicConfigurationDescriptorAsync(
+                    static_cast<Value>(value)));
+        });
+    }
+
+    HRESULT add_ValueChanged(ValueChangedHandler* handler, EventRegistrationToken* out) override {
+        const auto tell = [this, handler = ComPtr<ValueChangedHandler>(handler)](auto*, const auto* args) {
+            const auto value = args ? make<ValueChanged>(args->value) : nullptr;
+            if (const auto sender = self())
+                raise([sender, handler, value] { handler->Invoke(sender.Get(), value.Get()); });
+        };
+        return registrations_.add(out, [&] { return characteristic_->onValueChanged(tell); });
+    }
+    HRESULT remove_ValueChanged(EventRegistrationToken token) override {
+        return registrations_.remove(token);
+    }
+
+  private:
+    const std::shared_ptr<platform::GattCharacteristic> characteristic_;
+    EventRegistrations registrations_;
+};
+
 class StatusChanged final : public Object<StatusChanged, gatt::IGattSessionStatusChangedEventArgs> {
   public:
-    static constexpr const wchar_t* kClassName =
-        L"Windows.Devices.Bluetooth.GenericAttributeProfile.GattSessionStatusChangedEventArgs";
-
     explicit StatusChanged(platform::GattSessionStatus status) : status_(status) {}
 
-    HRESULT get_Error(INT32*) override { return E_NOTIMPL; }
     HRESULT get_Status(gatt::GattSessionStatus* out) override {
-        *out = static_cast<gatt::GattSessionStatus>(status_);
-        return S_OK;
+        return give(out, [&] { return status_; });
     }
 
   private:
     const platform::GattSessionStatus status_;
 };
 
-struct SessionSlots : gatt::IGattSession {
-    using Interface = gatt::IGattSession;
-    HRESULT get_DeviceId(IInspectable**) override { return E_NOTIMPL; }
-    HRESULT get_CanMaintainConnection(boolean*) override { return E_NOTIMPL; }
-    HRESULT put_MaintainConnection(boolean) override { return E_NOTIMPL; }
-    HRESULT get_MaintainConnection(boolean*) override { return E_NOTIMPL; }
-    HRESULT get_MaxPduSize(UINT16*) override { return E_NOTIMPL; }
-    HRESULT get_SessionStatus(gatt::GattSessionStatus*) override { return E_NOTIMPL; }
-    HRESULT add_MaxPduSizeChanged(IUnknown*, EventRegistrationToken*) override { return E_NOTIMPL; }
-    HRESULT remove_MaxPduSizeChanged(EventRegistrationToken) override { return E_NOTIMPL; }
-};
-
-class Session final : public Object<Session, SessionSlots, IClosable> {
+class Session final : public Object<Session, gatt::IGattSession> {
   public:
-    static constexpr const wchar_t* kClassName =
-        L"Windows.Devices.Bluetooth.GenericAttributeProfile.GattSession";
-
     explicit Session(std::shared_ptr<platform::GattSession> session) : session_(std::move(session)) {}
 
     HRESULT add_SessionStatusChanged(StatusChangedHandler* handler, EventRegistrationToken* out) override {
-        const auto tell =
-            [this, handler = ComPtr<StatusChangedHandler>(handler)](platform::GattSessionStatus status) {
-                if (const auto sender = self())
-                    handler->Invoke(sender.Get(), make<StatusChanged>(status).Get());
-            };
-        return guarded([&] { *out = registrations_.add(session_->onSessionStatusChanged(tell)); });
+        const auto tell = [this, handler = ComPtr<StatusChangedHandler>(handler)](auto status) {
+            if (const auto sender = self()) handler->Invoke(sender.Get(), make<StatusChanged>(status).Get());
+        };
+        return registrations_.add(out, [&] { return session_->onSessionStatusChanged(tell); });
     }
     HRESULT remove_SessionStatusChanged(EventRegistrationToken token) override {
-        registrations_.remove(token);
-        return S_OK;
-    }
-    HRESULT Close() override {
-        session_.close();
-        return S_OK;
+        return registrations_.remove(token);
     }
 
   private:
-    Closable<platform::GattSession> session_;
+    const std::shared_ptr<platform::GattSession> session_;
     EventRegistrations registrations_;
 };
 
-struct CharacteristicsResultSlots : gatt::IGattCharacteristicsResult {
-    using Interface = gatt::IGattCharacteristicsResult;
-    HRESULT get_ProtocolError(IInspectable**) override { return E_NOTIMPL; }
-};
-
-class CharacteristicsResult final : public Object<CharacteristicsResult, CharacteristicsResultSlots> {
+class CharacteristicsResult final : public Object<CharacteristicsResult, gatt::IGattCharacteristicsResult> {
   public:
-    static constexpr const wchar_t* kClassName =
-        L"Windows.Devices.Bluetooth.GenericAttributeProfile.GattCharacteristicsResult";
-
     explicit CharacteristicsResult(platform::GattCharacteristicsResult result) : result_(std::move(result)) {}
 
     HRESULT get_Status(gatt::GattCommunicationStatus* out) override {
-        *out = static_cast<gatt::GattCommunicationStatus>(result_.status);
-        return S_OK;
+        return give(out, [&] { return result_.status; });
     }
     HRESULT get_Characteristics(CharacteristicView** out) override {
-        return guarded([&] { handOut(result_.characteristics, wrapCharacteristic, out); });
+        return give(
+            out, [&] { return viewOf<gatt::GattCharacteristic*, Characteristic>(result_.characteristics); });
     }
 
   private:
     const platform::GattCharacteristicsResult result_;
 };
 
-struct ServiceSlots : gatt::IGattDeviceService {
-    using Interface = gatt::IGattDeviceService;
-    HRESULT GetIncludedServices(GUID, ServiceView**) override { return E_NOTIMPL; }
-    HRESULT get_DeviceId(HSTRING*) override { return E_NOTIMPL; }
-    HRESULT get_AttributeHandle(UINT16*) override { return E_NOTIMPL; }
-};
-
-struct Service3Slots : gatt::IGattDeviceService3 {
-    using Interface = gatt::IGattDeviceService3;
-    HRESULT get_DeviceAccessInformation(IInspectable**) override { return E_NOTIMPL; }
-    HRESULT get_SharingMode(INT32*) override { return E_NOTIMPL; }
-    HRESULT RequestAccessAsync(IInspectable**) override { return E_NOTIMPL; }
-    HRESULT OpenAsync(INT32, IInspectable**) override { return E_NOTIMPL; }
-    HRESULT GetCharacteristicsAsync(CharacteristicsOperation**) override { return E_NOTIMPL; }
-    HRESULT GetCharacteristicsWithCacheModeAsync(BluetoothCacheMode, CharacteristicsOperation**) override {
-        return E_NOTIMPL;
-    }
-    HRESULT GetCharacteristicsForUuidWithCacheModeAsync(GUID, BluetoothCacheMode,
-                                                        CharacteristicsOperation**) override {
-        return E_NOTIMPL;
-    }
-    HRESULT GetIncludedServicesAsync(ServicesOperation**) override { return E_NOTIMPL; }
-    HRESULT GetIncludedServicesWithCacheModeAsync(BluetoothCacheMode, ServicesOperation**) override {
-        return E_NOTIMPL;
-    }
-    HRESULT GetIncludedServicesForUuidAsync(GUID, ServicesOperation**) override { return E_NOTIMPL; }
-    HRESULT GetIncludedServicesForUuidWithCacheModeAsync(GUID, BluetoothCacheMode,
-                                                         ServicesOperation**) override {
-        return E_NOTIMPL;
-    }
-};
-
-class Service final : public Object<Service, ServiceSlots, Service3Slots, IClosable> {
+class Service final : public Object<Service, gatt::IGattDeviceService, gatt::IGattDeviceService3> {
   public:
-    static constexpr const wchar_t* kClassName =
-        L"Windows.Devices.Bluetooth.GenericAttributeProfile.GattDeviceService";
-
     explicit Service(std::shared_ptr<platform::GattDeviceService> service) : service_(std::move(service)) {}
 
-    HRESULT QueryInterface(REFIID iid, void** out) override {
-        if (iid != __uuidof(gatt::IGattDeviceService3) || !olderWindows())
-            return Object::QueryInterface(iid, out);
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
+    bool offers(REFIID iid) const { return iid != __uuidof(gatt::IGattDeviceService3) || !olderWindows(); }
 
     HRESULT get_Uuid(GUID* out) override {
-        return guarded([&] { *out = toAbi(service_->uuid()); });
+        return give(out, [&] { return service_->uuid(); });
     }
     HRESULT GetCharacteristics(GUID uuid, CharacteristicView** out) override {
-        *out = nullptr;
-        return guarded(
-            [&] { handOut(service_->getCharacteristics(fromAbi(uuid)), wrapCharacteristic, out); });
+        return give(out, [&] {
+            const std::optional list = service_->getCharacteristics(fromAbi(uuid));
+            return viewOf<gatt::GattCharacteristic*, Characteristic>(list);
+        });
     }
-
-    HRESULT GetCharacteristicsForUuidAsync(GUID uuid, CharacteristicsOperation** out) override {
-        const auto convert = [](const auto& result, gatt::IGattCharacteristicsResult** object) {
-            handOut(make<CharacteristicsResult>(result), object);
-        };
-        *out = nullptr;
-        return guarded(
-            [&] { handOut(service_->getCharacteristicsForUuidAsync(fromAbi(uuid)), convert, out); });
+    HRESULT GetCharacteristicsForUuidAsync(GUID uuid,
+                                           IAsyncOperation<gatt::GattCharacteristicsResult*>** out) override {
+        return give(out, [&] {
+            return wrap<gatt::GattCharacteristicsResult*>(
+                service_->getCharacteristicsForUuidAsync(fromAbi(uuid)),
+                [](const auto& result) { return make<CharacteristicsResult>(result); });
+        });
     }
     HRESULT get_Session(gatt::IGattSession** out) override {
-        *out = nullptr;
-        return guarded([&] { handOut(make<Session>(service_->session()), out); });
-    }
-
-    HRESULT Close() override {
-        service_.close();
-        return S_OK;
+        return give(out, [&] { return make<Session>(service_->session()); });
     }
 
   private:
-    Closable<platform::GattDeviceService> service_;
+    const std::shared_ptr<platform::GattDeviceService> service_;
 };
 
-struct ServicesResultSlots : gatt::IGattDeviceServicesResult {
-    using Interface = gatt::IGattDeviceServicesResult;
-    HRESULT get_ProtocolError(IInspectable**) override { return E_NOTIMPL; }
-};
-
-ComPtr<gatt::IGattDeviceService> wrapService(const std::shared_ptr<platform::GattDeviceService>& service) {
-    return ComPtr<gatt::IGattDeviceService>(static_cast<ServiceSlots*>(make<Service>(service).Get()));
-}
-
-class ServicesResult final : public Object<ServicesResult, ServicesResultSlots> {
+class ServicesResult final : public Object<ServicesResult, gatt::IGattDeviceServicesResult> {
   public:
-    static constexpr const wchar_t* kClassName =
-        L"Windows.Devices.Bluetooth.GenericAttributeProfile.GattDeviceServicesResult";
-
     explicit ServicesResult(platform::GattDeviceServicesResult result) : result_(std::move(result)) {}
 
     HRESULT get_Status(gatt::GattCommunicationStatus* out) override {
-        *out = static_cast<gatt::GattCommunicationStatus>(result_.status);
-        return S_OK;
+        return give(out, [&] { return result_.status; });
     }
     HRESULT get_Services(ServiceView** out) override {
-        return guarded([&] { handOut(result_.services, wrapService, out); });
+        return give(out, [&] { return viewOf<gatt::GattDeviceService*, Service>(result_.services); });
     }
 
   private:
     const platform::GattDeviceServicesResult result_;
 };
 
+class Device final : public Object<Device, devices::IBluetoothLEDevice, devices::IBluetoothLEDevice3> {
+  public:
+    explicit Device(std::shared_ptr<platform::BluetoothLEDevice> device) : device_(std::move(device)) {}
+
+    bool offers(REFIID iid) const { return iid != __uuidof(devices::IBluetoothLEDevice3) || !olderWindows(); }
+
+    HRESULT get_GattServices(ServiceView** out) override {
+        return give(out, [&] {
+            const std::optional list = device_->gattServices();
+            return viewOf<gatt::GattDeviceService*, Service>(list);
+        });
+    }
+    HRESULT get_ConnectionStatus(devices::BluetoothConnectionStatus* out) override {
+        return give(out, [&] { return device_->connectionStatus(); });
+    }
+    HRESULT GetGattServicesWithCacheModeAsync(devices::BluetoothCacheMode mode,
+                                              ServicesOperation** out) override {
+        return give(out, [&] {
+            return services(device_->getGattServicesAsync(static_cast<platform::BluetoothCacheMode>(mode)));
+        });
+    }
+    HRESULT GetGattServicesForUuidAsync(GUID uuid, ServicesOperation** out) override {
+        return give(out, [&] { return services(device_->getGattServicesForUuidAsync(fromAbi(uuid))); });
+    }
+
+  private:
+    static ComPtr<ServicesOperation> services(
+        platform::AsyncOperationPtr<platform::GattDeviceServicesResult> operation) {
+        return wrap<gatt::GattDeviceServicesResult*>(
+            std::move(operation), [](const auto& result) { return make<ServicesResult>(result); });
+    }
+
+    const std::shared_ptr<platform::BluetoothLEDevice> device_;
+};
+
+class Factory final
+    : public FactoryOf<Factory, devices::IBluetoothLEDeviceStatics, devices::IBluetoothLEDeviceStatics2> {
+  public:
+    HRESULT FromBluetoothAddressAsync(UINT64 address,
+                                      IAsyncOperation<devices::BluetoothLEDevice*>** out) override {
+        return give(out, [&] {
+            return wrap<devices::BluetoothLEDevice*>(
+                platform::bluetoothLEDeviceFromAddressAsync(address),
+                [](const auto& device) { return device ? make<Device>(device) : nullptr; });
+        });
+    }
+    HRESULT GetDeviceSelectorFromBluetoothAddress(UINT64 address, HSTRING* out) override {
+        return give(out, [&] { return platform::deviceSelectorFromBluetoothAddress(address); });
+    }
+};
+
 }  // namespace
 
-void handOutServices(const ServiceList& services, ServiceView** out) {
-    handOut(services, wrapService, out);
+OpenObjects openObjects() {
+    return {Service::live(), Device::live(), Session::live()};
 }
 
-void handOutServices(platform::AsyncOperationPtr<platform::GattDeviceServicesResult> operation,
-                     ServicesOperation** out) {
-    const auto convert = [](const auto& result, gatt::IGattDeviceServicesResult** object) {
-        handOut(make<ServicesResult>(result), object);
-    };
-    handOut(std::move(operation), convert, out);
+ComPtr<IActivationFactory> bluetoothLEDeviceFactory() {
+    return make<Factory>();
 }
 
 }  // namespace provider

@@ -1,5 +1,5 @@
-// What all objects of the provider have in common: reference counting, interfaces, and the counts of live
-// objects that the provider reports when the process ends.
+// What all objects of the provider have in common: reference counting, interfaces, results, and the counts of
+// live objects that the provider reports when the process ends.
 //
 // Threads: any. On x86-64 there is only one calling convention, so none is named here.
 #pragma once
@@ -11,16 +11,17 @@
 #include <winstring.h>
 #include <wrl/client.h>
 
-#include <algorithm>
-#include <array>
 #include <atomic>
-#include <concepts>
+#include <bit>
 #include <new>
 #include <string>
+#include <tuple>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 #include "platform/error.h"
+#include "platform/guid.h"
 
 namespace provider {
 
@@ -28,13 +29,16 @@ using Microsoft::WRL::ComPtr;
 
 inline constexpr platform::HResult kOutOfBounds = platform::hresult(0x8000000B);
 
+// The runtime's name of an asynchronous operation with this result.
+std::wstring operationName(const std::type_info& result);
+
 // Counts the live objects of one class. The counts form a list of static objects, so that the report at the
 // end of the process needs no lock and no memory that may be freed already.
 class ObjectCount {
   public:
-    explicit ObjectCount(const wchar_t* className) noexcept;
+    explicit ObjectCount(const std::type_info& type) noexcept;
 
-    const wchar_t* const className;
+    const char* const className;
     std::atomic<long> live = 0;
     ObjectCount* next = nullptr;
 
@@ -61,8 +65,28 @@ inline void check(HRESULT result) {
     if (FAILED(result)) throw platform::PlatformError(result);
 }
 
-inline HRESULT handOut(const std::wstring& text, HSTRING* out) noexcept {
-    return ::WindowsCreateString(text.data(), static_cast<UINT32>(text.size()), out);
+// Hand a value out in the form that the binary interface has for it.
+inline void handOut(const std::wstring& text, HSTRING* out) {
+    check(::WindowsCreateString(text.data(), static_cast<UINT32>(text.size()), out));
+}
+inline void handOut(const platform::Guid& guid, GUID* out) {
+    *out = std::bit_cast<GUID>(guid);
+}
+template <class Class, class Interface>
+void handOut(ComPtr<Class> object, Interface** out) {
+    *out = object.Detach();
+}
+template <class Value, class Out>
+requires std::is_enum_v<Value> || std::is_arithmetic_v<Value>
+void handOut(Value value, Out* out) {
+    *out = static_cast<Out>(value);
+}
+
+// A method that hands out what the body returns.
+template <class Out, class Body>
+HRESULT give(Out* out, const Body& body) noexcept {
+    *out = {};
+    return guarded([&] { handOut(body(), out); });
 }
 
 inline std::wstring textOf(HSTRING text) {
@@ -74,39 +98,28 @@ inline std::wstring textOf(HSTRING text) {
 // True when the version that the system reports is older than the newer GATT calls.
 bool olderWindows();
 
-// The interface that a base class implements: its member type Interface if it has one, otherwise the base
-// class itself.
-template <class Base>
-struct InterfaceOf {
-    using Type = Base;
-};
-template <class Base>
-requires requires {
-    typename Base::Interface;
-}
-struct InterfaceOf<Base> {
-    using Type = typename Base::Interface;
-};
-
-// Implements the interfaces of `Bases`; the first one is the default interface. `Self` has a static
-// kClassName.
-template <class Self, class... Bases>
-class Object : public Bases... {
+// Implements the interfaces; the first one is the default interface. `Self` may hide some of them with a
+// function offers() of its own.
+template <class Self, class... Interfaces>
+class Object : public Interfaces... {
   public:
     Object() { ++count_.live; }
     virtual ~Object() { --count_.live; }
     Object(const Object&) = delete;
     Object& operator=(const Object&) = delete;
 
+    static long live() { return count_.live; }
+    bool offers(REFIID) const { return true; }
+
     HRESULT QueryInterface(REFIID iid, void** out) override {
         *out = nullptr;
-        if (iid == __uuidof(IUnknown) || iid == __uuidof(IInspectable) || iid == __uuidof(IAgileObject)) {
-            *out = asDefault();
-        }
+        if (!static_cast<Self*>(this)->offers(iid)) return E_NOINTERFACE;
+        if (iid == __uuidof(IUnknown) || iid == __uuidof(IInspectable) || iid == __uuidof(IAgileObject))
+            *out = static_cast<Default*>(this);
         const auto offer = [&]<class Interface>() {
             if (iid == __uuidof(Interface)) *out = static_cast<Interface*>(this);
         };
-        (offer.template operator()<InterfaceType<Bases>>(), ...);
+        (offer.template operator()<Interfaces>(), ...);
         if (!*out) return E_NOINTERFACE;
         AddRef();
         return S_OK;
@@ -118,22 +131,13 @@ class Object : public Bases... {
         return left;
     }
 
-    HRESULT GetIids(ULONG* count, IID** out) {
-        const std::array iids{__uuidof(InterfaceType<Bases>)...};
-        *count = 0;
-        *out = static_cast<IID*>(::CoTaskMemAlloc(sizeof iids));
-        if (!*out) return E_OUTOFMEMORY;
-        std::copy(iids.begin(), iids.end(), *out);
-        *count = static_cast<ULONG>(iids.size());
-        return S_OK;
-    }
-    HRESULT GetRuntimeClassName(HSTRING* out) { return handOut(Self::kClassName, out); }
-    HRESULT GetTrustLevel(TrustLevel* out) {
-        *out = BaseTrust;
-        return S_OK;
-    }
+    HRESULT GetIids(ULONG*, IID**) override { return E_NOTIMPL; }
+    HRESULT GetRuntimeClassName(HSTRING*) override { return E_NOTIMPL; }
+    HRESULT GetTrustLevel(TrustLevel*) override { return E_NOTIMPL; }
 
   protected:
+    using Default = std::tuple_element_t<0, std::tuple<Interfaces...>>;
+
     // A reference for a callback, which holds none itself. Null when the last reference has just been
     // released.
     ComPtr<Self> self() {
@@ -147,29 +151,21 @@ class Object : public Bases... {
     }
 
   private:
-    template <class Base>
-    using InterfaceType = typename InterfaceOf<Base>::Type;
-
-    void* asDefault() {
-        void* first = nullptr;
-        ((first = first ? first : static_cast<InterfaceType<Bases>*>(this)), ...);
-        return first;
-    }
-
-    inline static ObjectCount count_{Self::kClassName};
+    inline static ObjectCount count_{typeid(Self)};
     std::atomic<ULONG> references_ = 0;
 };
 
 // A new object with its first reference.
-template <class Type, class... Arguments>
-ComPtr<Type> make(Arguments&&... arguments) {
-    return ComPtr<Type>(new Type(std::forward<Arguments>(arguments)...));
+template <class Class, class... Arguments>
+ComPtr<Class> make(Arguments&&... arguments) {
+    return ComPtr<Class>(new Class(std::forward<Arguments>(arguments)...));
 }
 
-// Hands over a reference to the caller, as the interface that it asked for.
-template <class Type, class Interface>
-void handOut(ComPtr<Type> object, Interface** out) {
-    *out = object.Detach();
-}
+// The factory of a class; as it stands for one that has static methods only.
+template <class Self, class... Statics>
+class FactoryOf : public Object<Self, IActivationFactory, Statics...> {
+  public:
+    HRESULT ActivateInstance(IInspectable**) override { return E_NOTIMPL; }
+};
 
 }  // namespace provider

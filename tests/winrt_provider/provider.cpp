@@ -9,7 +9,8 @@
 // summary is printed. At that time other threads still run, so this step may take locks. Live objects are
 // counted when the system tells the library that the process ends. By then the program's last objects are
 // gone, and all other threads were ended wherever they were, perhaps with a lock held. So this step takes no
-// lock and no memory.
+// lock and no memory. Services, devices and sessions are looked at already in the first step, and before the
+// program's static objects are gone: what is open by then has kept a peripheral connected for too long.
 #include "tests/winrt_provider/provider.h"
 
 #include <array>
@@ -19,11 +20,14 @@
 
 #include "platform/bluetooth/sim/world.h"
 #include "platform/runtime.h"
+#include "tests/winrt_provider/events.h"
 #include "win32/system_function.h"
 
 namespace provider {
 
 namespace {
+
+constexpr std::wstring_view kDeviceClass = L"Windows.Devices.Bluetooth.BluetoothLEDevice";
 
 struct Class {
     std::wstring_view name;
@@ -33,7 +37,7 @@ struct Class {
 constexpr std::array kClasses = {
     Class{L"Windows.Devices.Bluetooth.Advertisement.BluetoothLEAdvertisementWatcher",
           advertisementWatcherFactory},
-    Class{L"Windows.Devices.Bluetooth.BluetoothLEDevice", bluetoothLEDeviceFactory},
+    Class{kDeviceClass, bluetoothLEDeviceFactory},
     Class{L"Windows.Devices.Enumeration.DeviceInformation", deviceInformationFactory},
     Class{L"Windows.Devices.Radios.Radio", radioFactory},
     Class{L"Windows.Storage.Streams.DataReader", dataReaderFactory},
@@ -51,8 +55,19 @@ void print(const char* text) noexcept {
 
 int endWorld() {
     world->world().end();
+    endEventThreads();
     for (const auto& line : world->world().summary())
         print((line + "\n").c_str());
+    return 0;
+}
+
+int reportOpenObjects() {
+    const OpenObjects open = openObjects();
+    if (open.services + open.devices + open.sessions == 0) return 0;
+    std::array<char, 256> line{};
+    std::snprintf(line.data(), line.size(), "winrt: not closed: %ld services %ld devices %ld sessions\n",
+                  open.services, open.devices, open.sessions);
+    print(line.data());
     return 0;
 }
 
@@ -61,8 +76,8 @@ sim::Scenario configuredScenario() {
     return file && *file ? sim::readScenario(file) : sim::Scenario();
 }
 
-// Registers the function with the C library itself. The usual way in a DLL would run it at the DLL's end,
-// which is too late.
+// Registers the function with the C library itself, which calls the last one first. The usual way in a DLL
+// would run it at the DLL's end, which is too late.
 void atProgramEnd(int (*function)()) {
     using Register = decltype(function)(decltype(function));
     if (const auto enlist = platform::systemFunction<Register>(L"msvcrt.dll", "_onexit")) enlist(function);
@@ -83,6 +98,8 @@ void startWorld() {
 HRESULT factoryOf(std::wstring_view name, IActivationFactory** out) {
     static std::once_flag started;
     std::call_once(started, startWorld);
+    static std::once_flag watched;
+    if (name == kDeviceClass) std::call_once(watched, [] { atProgramEnd(reportOpenObjects); });
     for (const auto& item : kClasses) {
         if (item.name != name) continue;
         handOut(item.factory(), out);
@@ -100,7 +117,7 @@ void reportLiveObjects() noexcept {
     print(line.data());
     for (auto* count = ObjectCount::first(); count; count = count->next) {
         if (count->live == 0) continue;
-        std::snprintf(line.data(), line.size(), "provider: %ls %ld\n", count->className, count->live.load());
+        std::snprintf(line.data(), line.size(), "provider: %s %ld\n", count->className, count->live.load());
         print(line.data());
     }
 }

@@ -12,13 +12,10 @@ ComPtr<IActivationFactory> dataWriterFactory();
 ComPtr<IActivationFactory> deviceInformationFactory();
 ComPtr<IActivationFactory> radioFactory();
 
-// The factory of a class that has static methods only.
-struct StaticsOnly : IActivationFactory {
-    using Interface = IActivationFactory;
-    HRESULT ActivateInstance(IInspectable** out) override {
-        *out = nullptr;
-        return E_NOTIMPL;
-    }
+// What the program has got and not yet released. It keeps the connection to a peripheral up.
+struct OpenObjects {
+    long services, devices, sessions;
 };
+OpenObjects openObjects();
 
 }  // namespace provider
