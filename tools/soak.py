@@ -1,5 +1,6 @@
-"""The soak test: soak.py PROGRAM [MINUTES] [--seed N] [--sessions N] [--scale N] [--sanitized]"""
+"""The soak test: soak.py PROGRAM [MINUTES] [--seed N] [--sessions N] [--scale N] [--players N] [--sanitized]"""
 import argparse
+import os
 import random
 import shutil
 import signal
@@ -7,12 +8,16 @@ import subprocess
 import sys
 import tempfile
 import time
+from functools import partial
+from itertools import count
+from multiprocessing import Pool
 from pathlib import Path
 
 from bridge_client import Deviation
 from soak_round import Round, Tally
 from soak_sessions import KINDS, talk
 
+SESSIONS = 80  # of a round
 IDLE_CHECK_EVERY = 5  # sessions
 
 
@@ -23,72 +28,88 @@ def arguments():
     parser.add_argument("--seed", type=int, default=random.SystemRandom().getrandbits(32))
     parser.add_argument("--sessions", type=int, help="ends after that many sessions instead")
     parser.add_argument("--scale", type=float, default=50, help="the simulated world's time scale")
+    # The program and its clients mostly wait for one another.
+    parser.add_argument("--players", type=int, default=4 * os.cpu_count(), help="how many rounds run at once")
     parser.add_argument("--sanitized", action="store_true", help="memory is not checked")
     return parser.parse_args()
 
 
-class Soak:
-    def __init__(self, options, folder):
-        self.options, self.folder = options, folder
+def exit_when_terminated(message):
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(message))
+
+
+class Player:
+    """Plays one round after the other. What a round does follows from the seed and the round's number alone."""
+
+    def __init__(self, options, folder, end):
+        self.options, self.folder, self.end = options, folder, end
         self.tally = Tally()
-        self.end = time.monotonic() + 60 * options.minutes
-        self.session = 0
-        self.round = None
         self.doing = "start"
 
     def over(self):
-        if self.options.sessions:
-            return self.session >= self.options.sessions
-        return time.monotonic() > self.end
+        return not self.options.sessions and time.monotonic() > self.end
 
-    def run(self):
-        while not self.over():
-            self.play_round()
-
-    def play_round(self):
-        options, number = self.options, self.tally.rounds
+    def play_round(self, number):
+        options = self.options
         rng = random.Random(f"{options.seed}/{number}")
+        sessions = min(SESSIONS, options.sessions - number * SESSIONS) if options.sessions else SESSIONS
         folder = self.folder / f"round{number}"
         self.doing = "start"
-        self.round = Round(options.program.resolve(), folder, rng, options.scale, self.tally, not options.sanitized)
+        round_ = Round(options.program.resolve(), folder, rng, options.scale, self.tally, not options.sanitized)
         try:
-            self.play_sessions(number, rng)
+            self.play_sessions(round_, number, sessions, rng)
         except (Deviation, OSError, subprocess.TimeoutExpired) as problem:
-            self.explain(problem)
+            self.explain(problem, round_, number)
         finally:
-            self.round.stop()
+            round_.stop()
         shutil.rmtree(folder)
 
-    def play_sessions(self, number, rng):
-        self.round.program.wait_until_serving()
-        for count in range(rng.randint(60, 100)):
+    def play_sessions(self, round_, number, sessions, rng):
+        round_.program.wait_until_serving()
+        for session in range(sessions):
             if self.over():
                 break
-            self.play_session(number, count)
+            self.play_session(round_, session, random.Random(f"{self.options.seed}/{number}/{session}"))
         self.doing = "end"
-        self.round.check_idle()
+        round_.check_idle()
         if rng.random() < 0.5:
-            talk(self.round, rng)
-        self.round.end(by_signal=rng.random() < 0.5)
+            talk(round_, rng)
+        round_.end(by_signal=rng.random() < 0.5)
 
-    def play_session(self, number, count):
-        rng = random.Random(f"{self.options.seed}/{number}/{count}")
+    def play_session(self, round_, session, rng):
         # The first session is a plain one, in which the program sets up what it keeps for good.
-        kind = rng.choices(list(KINDS), KINDS.values())[0] if count else talk
-        self.doing = f"session {count} ({kind.__name__})"
-        kind(self.round, rng)
-        self.round.check_running()
-        self.session += 1
+        kind = rng.choices(list(KINDS), KINDS.values())[0] if session else talk
+        self.doing = f"session {session} ({kind.__name__})"
+        kind(round_, rng)
+        round_.check_running()
         self.tally.sessions[kind.__name__] += 1
-        if count % IDLE_CHECK_EVERY == 0:
-            self.round.check_idle()
+        if session % IDLE_CHECK_EVERY == 0:
+            round_.check_idle()
 
-    def explain(self, problem):
-        for line in self.round.program.log_lines(40):
+    def explain(self, problem, round_, number):
+        for line in round_.program.log_lines(40):
             print(line.rstrip()[:160], file=sys.stderr)
-        sys.stderr.write(self.round.program.errors.read_text(errors="replace"))
-        sys.exit(f"error: {problem}\nseed {self.options.seed}, round {self.tally.rounds}, {self.doing}; "
-                 f"scenario, log and standard error are in {self.round.program.log.parent}")
+        sys.stderr.write(round_.program.errors.read_text(errors="replace"))
+        raise Deviation(f"{problem}\nseed {self.options.seed}, round {number}, {self.doing}; "
+                        f"scenario, log and standard error are in {round_.program.log.parent}")
+
+
+def play(options, folder, end, first):
+    player = Player(options, folder, end)
+    for number in count(first, options.players):
+        if player.over() or (options.sessions and number * SESSIONS >= options.sessions):
+            return player.tally
+        player.play_round(number)
+
+
+def play_all(options, folder):
+    """Returns the sum of what all players have seen; the first fault ends them all."""
+    end = time.monotonic() + 60 * options.minutes
+    total = Tally()
+    with Pool(options.players, exit_when_terminated, (1,)) as players:
+        for tally in players.imap_unordered(partial(play, options, folder, end), range(options.players)):
+            total.add(tally)
+    return total
 
 
 def listed(counter):
@@ -113,12 +134,15 @@ def main():
     options = arguments()
     print(f"Seed {options.seed}", flush=True)
     start = time.monotonic()
-    soak = Soak(options, Path(tempfile.mkdtemp(prefix="ziqble-soak-")))
-    soak.run()
-    shutil.rmtree(soak.folder)
-    report(soak.tally, options.seed, time.monotonic() - start)
+    folder = Path(tempfile.mkdtemp(prefix="ziqble-soak-"))
+    try:
+        tally = play_all(options, folder)
+    except Deviation as problem:
+        sys.exit(f"error: {problem}")
+    shutil.rmtree(folder)
+    report(tally, options.seed, time.monotonic() - start)
 
 
 if __name__ == "__main__":
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit("error: terminated"))
+    exit_when_terminated("error: terminated")
     main()

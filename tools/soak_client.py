@@ -14,7 +14,7 @@ LOSSES = {
     "write failed": re.compile(rb"Link: a write of (\d+) bytes failed, they may be lost"),
     "given up": re.compile(rb"Data pipe: (\d+) bytes for the client given up"),
 }
-NO_CREDITS = b"Link: the peripheral grants no credits"
+EVENTS = {"no credits": b"Link: the peripheral grants no credits", "watched": b"Starting communication loop"}
 
 
 class LogWatch:
@@ -25,12 +25,13 @@ class LogWatch:
         self.rest = b""
         self.lost = dict.fromkeys(LOSSES, 0)
         self.times = dict.fromkeys(LOSSES, 0)
-        self.no_credits = 0
+        self.events = dict.fromkeys(EVENTS, 0)
 
     def read(self):
         *lines, self.rest = (self.rest + self.file.read()).split(b"\n")
         for line in lines:
-            self.no_credits += NO_CREDITS in line
+            for name, text in EVENTS.items():
+                self.events[name] += text in line
             for name, pattern in LOSSES.items():
                 if found := pattern.search(line):
                     self.lost[name] += int(found[1])
@@ -40,9 +41,9 @@ class LogWatch:
         self.read()
         return sum(self.lost.values())
 
-    def stalls(self):
+    def count(self, event):
         self.read()
-        return self.no_credits
+        return self.events[event]
 
 
 class Link:

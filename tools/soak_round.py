@@ -12,8 +12,9 @@ from bridge_client import Program, check, wait_until
 from soak_client import DEADLINE, DataPipe, Link, LogWatch, Shell, check_source, missing_bytes
 from soak_scenario import World
 
-STATS = re.compile(r"RX (\d+) bytes\. TX (\d+) bytes\. LC -?\d+\. RC -?\d+\. V10\.0\.\d+;BLE ON;LE=Sim Adapter\+9\|;"
+STATS = re.compile(r"RX (\d+) bytes\. TX (\d+) bytes\. LC (\d+)\. RC \d+\. V10\.0\.\d+;BLE ON;LE=Sim Adapter\+9\|;"
                    r"(TIOCONNECTED|TIODISCONNECTED)")
+MOST_CREDITS = 40  # that the peripheral may have
 MOST_MEMORY = 20e6
 MOST_GROWTH = 1.5e6  # after the warm-up; each peripheral of a round keeps its buffers
 WARM_UP = 5  # checks of the memory before growth counts
@@ -27,6 +28,11 @@ class Tally:
         self.sessions, self.lines, self.lost, self.losses = Counter(), Counter(), Counter(), Counter()
         self.rounds = self.sent = self.received = self.compared = self.gap_bytes = self.no_credits = 0
         self.memory = self.threads = self.descriptors = 0
+
+    def add(self, other):
+        for name, value in vars(other).items():
+            highest = name in ("memory", "threads", "descriptors")
+            setattr(self, name, max(getattr(self, name), value) if highest else getattr(self, name) + value)
 
 
 class Round:
@@ -68,8 +74,8 @@ class Round:
         """Returns bytes received, bytes sent, and whether a link is running."""
         line = self.shell().ask("stats")
         found = STATS.fullmatch(line)
-        check(found, f"unexpected statistics: {line!r}")
-        return int(found[1]), int(found[2]), found[3] == "TIOCONNECTED"
+        check(found and int(found[3]) <= MOST_CREDITS, f"unexpected statistics: {line!r}")
+        return int(found[1]), int(found[2]), found[4] == "TIOCONNECTED"
 
     # The link
 
@@ -77,6 +83,7 @@ class Round:
         """Sends a "connect" for each peripheral, without a pause between them."""
         self.starting = [Link(one) for one in peripherals]
         shell = self.shell()
+        self.watched_before = self.log.count("watched")
         shell.send("".join(f"connect {one.address}\n" for one in peripherals).encode())
         for one in peripherals:
             shell.reply(f"connect {one.address}")
@@ -88,6 +95,10 @@ class Round:
         """Waits until the client is told of the link; returns whether it came up."""
         self.shell().wait(self.link.told, f"the outcome of the link to {self.link.name}")
         return not self.link.over()
+
+    def wait_until_watched(self):
+        """The program begins to watch the connection just after it has told that the link is up."""
+        wait_until(lambda: self.log.count("watched") > self.watched_before, DEADLINE, "the watch over the connection")
 
     def open_data(self):
         try:
@@ -248,7 +259,7 @@ class Round:
         self.check_errors()
         self.tally.losses.update(self.log.times)
         self.tally.lost.update(self.log.lost)
-        self.tally.no_credits += self.log.no_credits
+        self.tally.no_credits += self.log.events["no credits"]
         self.tally.rounds += 1
 
     def check_errors(self):

@@ -49,9 +49,9 @@ def fill(round_, payload, piece):
 
 def stall(round_, payload):
     """Without credits the program cannot send what it has read, and logs that when the link ends."""
-    stalls = round_.log.stalls()
+    stalls = round_.log.count("no credits")
     round_.data.push(payload)
-    wait_until(lambda: round_.log.stalls() > stalls, DEADLINE, "the log line about missing credits")
+    wait_until(lambda: round_.log.count("no credits") > stalls, DEADLINE, "the log line about missing credits")
     lost = round_.log.lost["not sent"]
     round_.disconnect()
     wait_until(lambda: round_.log.lost_bytes() and round_.log.lost["not sent"] == lost + len(payload), DEADLINE,
@@ -222,7 +222,8 @@ def lescan(round_, rng):
 
 
 def resetbt(round_, rng):
-    up = rng.random() < 0.5 and round_.bring_up(round_.world.choose(rng, steady=True))
+    if up := rng.random() < 0.5 and round_.bring_up(round_.world.choose(rng, steady=True)):
+        round_.wait_until_watched()
     if round_.link:  # the session before may have left it
         round_.link.allowed |= OVER
     round_.shell().expect("resetbt", "OK")
