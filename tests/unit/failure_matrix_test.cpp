@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-struct Case {
+struct Cell {
     std::string generation, point, after, times, action, expected;
     bool duringTransfer = false;
 };
@@ -33,9 +33,9 @@ std::vector<std::string> cells(const std::string& line) {
     return found;
 }
 
-std::vector<Case> readCases() {
+std::vector<Cell> readCases() {
     std::ifstream document(ZIQBLE_SOURCE_DIR "/docs/failures.md");
-    std::vector<Case> cases;
+    std::vector<Cell> cases;
     std::vector<std::string> header;
     bool duringTransfer = false;
     for (std::string line; std::getline(document, line);) {
@@ -56,11 +56,11 @@ std::vector<Case> readCases() {
     return cases;
 }
 
-bool isSecondGrant(const Case& item) {
+bool isSecondGrant(const Cell& item) {
     return item.duringTransfer && item.point == "write:CRRX";
 }
 
-std::string scenario(const Case& item) {
+std::string scenario(const Cell& item) {
     static const std::map<std::string, std::string> actions = {
         {"error", "error:0x80004005"}, {"closed", "error:0x80000013"}, {"throw", "throw:0x80004005"}};
     const auto spelled = actions.find(item.action);
@@ -93,7 +93,7 @@ void expectLines(test::Link& link, const std::string& expected) {
 
 // Waits for a fault that no line tells of. The packet that failed counts as sent; the second grant is made
 // after the thirtieth packet of 20 bytes.
-void waitForTheFault(test::Link& link, const Case& item) {
+void waitForTheFault(test::Link& link, const Cell& item) {
     if (item.point == "write:RX" && item.action == "hang") return;
     const auto& context = link.context();
     const auto end = std::chrono::steady_clock::now() + e2e::kDeadline;
@@ -104,7 +104,7 @@ void waitForTheFault(test::Link& link, const Case& item) {
 }
 
 // Checks whether the session has ended by itself, before the test stops it.
-void expectStateBeforeStop(test::Link& link, const Case& item) {
+void expectStateBeforeStop(test::Link& link, const Cell& item) {
     const auto tells = [&](const char* line) { return item.expected.find(line) != std::string::npos; };
     if (item.expected == "waits") {
         EXPECT_FALSE(blescanner::waitForLinkSessions(0ms));
@@ -117,7 +117,7 @@ void expectStateBeforeStop(test::Link& link, const Case& item) {
     }
 }
 
-void play(const Case& item) {
+void play(const Cell& item) {
     test::Link link(scenario(item));
     link.connect();
     if (item.duringTransfer) {
@@ -158,7 +158,7 @@ TEST(FailureMatrix, TheClientGetsWhatTheDocumentSays) {
     ASSERT_GT(cases.size(), 200U);
     play(cases.front());
     const auto before = e2e::ownResources();
-    for (const Case& item : cases) {
+    for (const Cell& item : cases) {
         SCOPED_TRACE(item.generation + " " + item.point + " " + item.after + "+" + item.times + " " +
                      item.action);
         play(item);

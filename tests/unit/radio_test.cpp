@@ -18,7 +18,7 @@ std::string radio(const std::string& state, const std::string& more = "") {
 }
 
 // Has one driver, so that its line in the log shows that the driver check has run.
-std::string scenario(const std::string& radios) {
+std::string worldWith(const std::string& radios) {
     return R"({"radios": )" + radios +
            R"(, "drivers": [{"compatible": [{"date": "2016-05-01T12:00:00Z"}]}]})";
 }
@@ -34,7 +34,7 @@ TEST(CheckBluetoothRadio, ResultCounterAndDriverCheck) {
         {"[" + radio("Disabled") + "," + radio("Unknown") + "]", off, 2, 1},
     };
     for (const auto& [radios, result, counted, driversListed] : cases) {
-        sim::WorldScope world(scenario(radios));
+        sim::WorldScope world(worldWith(radios));
         test::LogCapture log;
         std::uint32_t counter = 7;
         EXPECT_EQ(checkBluetoothRadio(counter, false, programEnd()), result) << radios;
@@ -60,7 +60,7 @@ TEST(SwitchRadios, PacedByTheState) {
         {"[" + radio("Disabled", stuck) + "]", {1500, 1500, 1000}, {}},
     };
     const auto sleepsOf = [](void (*operation)(), const std::string& radios) {
-        sim::WorldScope world(scenario(radios));
+        sim::WorldScope world(worldWith(radios));
         test::SleepRecorder recorder;
         operation();
         return recorder.sleeps();

@@ -20,7 +20,7 @@ constexpr std::size_t kLongestRead = 512;  // of bluetoothd from the socket (Blu
 // The same as for a call: if bluetoothd takes nothing for that long, it will not.
 constexpr std::chrono::milliseconds kWriteTime = kCallTime;
 
-constexpr const char* kAcquired = "WriteAcquired";
+constexpr const char* kWriteAcquired = "WriteAcquired";
 
 }  // namespace
 
@@ -60,8 +60,8 @@ std::shared_ptr<const PacketWriter::Channel> PacketWriter::channel() {
 
 std::shared_ptr<const PacketWriter::Channel> PacketWriter::acquire() const {
     connection_->requireLink();
-    if (!connection_->bus().objects().get<bool>(path_, kGattCharacteristic, kAcquired)) return nullptr;
-    connection_->awaitReturn(path_, kAcquired);
+    if (!connection_->bus().objects().get<bool>(path_, kGattCharacteristic, kWriteAcquired)) return nullptr;
+    connection_->awaitReturn(path_, kWriteAcquired);
     try {
         const std::map<std::string, sdbus::Variant> options;
         auto [socket, mtu] = connection_->bus().call<sdbus::UnixFd, std::uint16_t>(
@@ -84,7 +84,7 @@ void PacketWriter::giveBack(std::shared_ptr<const Channel> channel) {
         channel_ = std::make_shared<const Channel>(Channel{Descriptor(), channel->longest});
     }
     channel.reset();
-    connection_->awaitReturn(path_, kAcquired);
+    connection_->awaitReturn(path_, kWriteAcquired);
 }
 
 bool PacketWriter::waitUntilWritable(int socket) const {

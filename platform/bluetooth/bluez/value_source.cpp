@@ -19,7 +19,7 @@ constexpr std::size_t kLongestValue = 512;  // of any attribute (Bluetooth Core,
 // BlueZ 5.66 answers at once, or never where the peripheral refuses (src/gatt-client.c,
 // register_notify_io_cb).
 constexpr std::chrono::seconds kAcquireTime{10};
-constexpr const char* kAcquired = "NotifyAcquired";
+constexpr const char* kNotifyAcquired = "NotifyAcquired";
 
 // One packet is one value. bluetoothd fills the socket and this thread empties it. While the handler blocks,
 // packets stay in the socket.
@@ -94,7 +94,7 @@ class SignalSource final : public ValueSource {
 };
 
 Descriptor acquireNotify(Connection& connection, const std::string& path) {
-    connection.awaitReturn(path, kAcquired);
+    connection.awaitReturn(path, kNotifyAcquired);
     const std::map<std::string, sdbus::Variant> options;
     auto [socket, mtu] = connection.bus().call<sdbus::UnixFd, std::uint16_t>(
         {path, kGattCharacteristic, "AcquireNotify", kAcquireTime}, options);
@@ -107,7 +107,7 @@ std::unique_ptr<ValueSource> subscribe(const std::shared_ptr<Connection>& connec
                                        ValueSource::Handler handler) {
     connection->requireLink();
     // BlueZ offers a descriptor for notifications only. Indications are few and come as signals.
-    if (connection->bus().objects().get<bool>(path, kGattCharacteristic, kAcquired)) {
+    if (connection->bus().objects().get<bool>(path, kGattCharacteristic, kNotifyAcquired)) {
         try {
             return std::make_unique<DescriptorSource>(acquireNotify(*connection, path), std::move(handler));
         } catch (const PlatformError& error) {
