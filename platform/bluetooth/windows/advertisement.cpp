@@ -9,7 +9,7 @@ namespace platform {
 
 namespace {
 
-namespace abi = ABI::Windows::Devices::Bluetooth::Advertisement;
+namespace advertising = ABI::Windows::Devices::Bluetooth::Advertisement;
 using winrt::ComPtr;
 using GuidList = ABI::Windows::Foundation::Collections::IVector<GUID>;
 
@@ -25,34 +25,35 @@ std::optional<std::vector<Guid>> guidsOf(const ComPtr<GuidList>& list) {
     return guids;
 }
 
-AdvertisementReceivedEventArgs received(const ComPtr<abi::IBluetoothLEAdvertisementReceivedEventArgs>& args) {
+AdvertisementReceivedEventArgs received(
+    const ComPtr<advertising::IBluetoothLEAdvertisementReceivedEventArgs>& args) {
     AdvertisementReceivedEventArgs result;
     result.bluetoothAddress =
-        winrt::valueOf(args, &abi::IBluetoothLEAdvertisementReceivedEventArgs::get_BluetoothAddress);
+        winrt::valueOf(args, &advertising::IBluetoothLEAdvertisementReceivedEventArgs::get_BluetoothAddress);
     const auto advertisement =
-        winrt::objectOf(args, &abi::IBluetoothLEAdvertisementReceivedEventArgs::get_Advertisement);
+        winrt::objectOf(args, &advertising::IBluetoothLEAdvertisementReceivedEventArgs::get_Advertisement);
     if (!advertisement) return result;
     result.serviceUuids =
-        guidsOf(winrt::objectOf(advertisement, &abi::IBluetoothLEAdvertisement::get_ServiceUuids));
-    result.localName = winrt::textOf(advertisement, &abi::IBluetoothLEAdvertisement::get_LocalName);
+        guidsOf(winrt::objectOf(advertisement, &advertising::IBluetoothLEAdvertisement::get_ServiceUuids));
+    result.localName = winrt::textOf(advertisement, &advertising::IBluetoothLEAdvertisement::get_LocalName);
     return result;
 }
 
 class WindowsAdvertisementWatcher final : public AdvertisementWatcher {
   public:
-    explicit WindowsAdvertisementWatcher(ComPtr<abi::IBluetoothLEAdvertisementWatcher> watcher)
+    explicit WindowsAdvertisementWatcher(ComPtr<advertising::IBluetoothLEAdvertisementWatcher> watcher)
         : watcher_(std::move(watcher)) {}
 
     void setScanningMode(ScanningMode mode) override {
-        winrt::check(watcher_->put_ScanningMode(static_cast<abi::BluetoothLEScanningMode>(mode)));
+        winrt::check(watcher_->put_ScanningMode(static_cast<advertising::BluetoothLEScanningMode>(mode)));
     }
 
     Subscription onReceived(ReceivedHandler handler) override {
-        using Args = abi::IBluetoothLEAdvertisementReceivedEventArgs;
-        return winrt::subscribe<abi::IBluetoothLEAdvertisementWatcher, Args>(
-            watcher_, &abi::IBluetoothLEAdvertisementWatcher::add_Received,
-            &abi::IBluetoothLEAdvertisementWatcher::remove_Received,
-            [handler = std::move(handler)](abi::IBluetoothLEAdvertisementWatcher*, Args* args) {
+        using Args = advertising::IBluetoothLEAdvertisementReceivedEventArgs;
+        return winrt::subscribe<advertising::IBluetoothLEAdvertisementWatcher, Args>(
+            watcher_, &advertising::IBluetoothLEAdvertisementWatcher::add_Received,
+            &advertising::IBluetoothLEAdvertisementWatcher::remove_Received,
+            [handler = std::move(handler)](advertising::IBluetoothLEAdvertisementWatcher*, Args* args) {
                 if (!args) return handler(nullptr);
                 const auto advertisement = received(args);
                 handler(&advertisement);
@@ -63,7 +64,7 @@ class WindowsAdvertisementWatcher final : public AdvertisementWatcher {
     void stop() override { winrt::check(watcher_->Stop()); }
 
   private:
-    const ComPtr<abi::IBluetoothLEAdvertisementWatcher> watcher_;
+    const ComPtr<advertising::IBluetoothLEAdvertisementWatcher> watcher_;
 };
 
 }  // namespace
@@ -71,8 +72,9 @@ class WindowsAdvertisementWatcher final : public AdvertisementWatcher {
 std::unique_ptr<AdvertisementWatcher> createAdvertisementWatcher() {
     const auto watchers = winrt::activationFactory<IActivationFactory>(
         RuntimeClass_Windows_Devices_Bluetooth_Advertisement_BluetoothLEAdvertisementWatcher);
-    return std::make_unique<WindowsAdvertisementWatcher>(winrt::query<abi::IBluetoothLEAdvertisementWatcher>(
-        winrt::objectOf(watchers, &IActivationFactory::ActivateInstance)));
+    return std::make_unique<WindowsAdvertisementWatcher>(
+        winrt::query<advertising::IBluetoothLEAdvertisementWatcher>(
+            winrt::objectOf(watchers, &IActivationFactory::ActivateInstance)));
 }
 
 }  // namespace platform

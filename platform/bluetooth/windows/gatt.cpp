@@ -17,13 +17,13 @@ namespace platform {
 namespace {
 
 namespace devices = ABI::Windows::Devices::Bluetooth;
-namespace abi = devices::GenericAttributeProfile;
+namespace gatt = devices::GenericAttributeProfile;
 namespace buffers = ABI::Windows::Storage::Streams;
 using namespace winrt;
 using ABI::Windows::Foundation::IAsyncOperation;
 using ABI::Windows::Foundation::Collections::IVectorView;
-using CharacteristicView = IVectorView<abi::GattCharacteristic*>;
-using ServiceView = IVectorView<abi::GattDeviceService*>;
+using CharacteristicView = IVectorView<gatt::GattCharacteristic*>;
+using ServiceView = IVectorView<gatt::GattDeviceService*>;
 
 // The longest attribute value has 512 bytes (Bluetooth Core, vol 3, F 3.2.9); what is beyond this is cut.
 using ValueBytes = std::array<std::uint8_t, 1024>;
@@ -60,114 +60,114 @@ class Streams {
 };
 
 AsyncOperationPtr<GattCommunicationStatus> makeWriteOperation(
-    ComPtr<IAsyncOperation<abi::GattCommunicationStatus>> operation) {
+    ComPtr<IAsyncOperation<gatt::GattCommunicationStatus>> operation) {
     return makeOperation<GattCommunicationStatus>(
         std::move(operation),
-        [](abi::GattCommunicationStatus status) { return static_cast<GattCommunicationStatus>(status); });
+        [](gatt::GattCommunicationStatus status) { return static_cast<GattCommunicationStatus>(status); });
 }
 
 class WindowsCharacteristic final : public GattCharacteristic {
   public:
-    WindowsCharacteristic(ComPtr<abi::IGattCharacteristic> characteristic,
+    WindowsCharacteristic(ComPtr<gatt::IGattCharacteristic> characteristic,
                           std::shared_ptr<const Streams> streams)
         : characteristic_(std::move(characteristic)), streams_(std::move(streams)) {}
 
     Guid uuid() const override {
-        return fromRuntime(valueOf(characteristic_, &abi::IGattCharacteristic::get_Uuid));
+        return fromRuntime(valueOf(characteristic_, &gatt::IGattCharacteristic::get_Uuid));
     }
 
     AsyncOperationPtr<GattCommunicationStatus> writeValueAsync(std::span<const std::uint8_t> value,
                                                                GattWriteOption option) override {
-        ComPtr<IAsyncOperation<abi::GattCommunicationStatus>> operation;
+        ComPtr<IAsyncOperation<gatt::GattCommunicationStatus>> operation;
         check(characteristic_->WriteValueWithOptionAsync(streams_->bufferOf(value).Get(),
-                                                         static_cast<abi::GattWriteOption>(option),
+                                                         static_cast<gatt::GattWriteOption>(option),
                                                          operation.GetAddressOf()));
         return makeWriteOperation(std::move(operation));
     }
 
     AsyncOperationPtr<GattCommunicationStatus> writeClientCharacteristicConfigurationDescriptorAsync(
         GattClientCharacteristicConfigurationDescriptorValue value) override {
-        ComPtr<IAsyncOperation<abi::GattCommunicationStatus>> operation;
+        ComPtr<IAsyncOperation<gatt::GattCommunicationStatus>> operation;
         check(characteristic_->WriteClientCharacteristicConfigurationDescriptorAsync(
-            static_cast<abi::GattClientCharacteristicConfigurationDescriptorValue>(value),
+            static_cast<gatt::GattClientCharacteristicConfigurationDescriptorValue>(value),
             operation.GetAddressOf()));
         return makeWriteOperation(std::move(operation));
     }
 
     Subscription onValueChanged(ValueChangedHandler handler) override {
-        return subscribe<abi::IGattCharacteristic, abi::IGattValueChangedEventArgs>(
-            characteristic_, &abi::IGattCharacteristic::add_ValueChanged,
-            &abi::IGattCharacteristic::remove_ValueChanged,
-            [handler = std::move(handler), streams = streams_](abi::IGattCharacteristic* sender,
-                                                               abi::IGattValueChangedEventArgs* args) {
+        return subscribe<gatt::IGattCharacteristic, gatt::IGattValueChangedEventArgs>(
+            characteristic_, &gatt::IGattCharacteristic::add_ValueChanged,
+            &gatt::IGattCharacteristic::remove_ValueChanged,
+            [handler = std::move(handler), streams = streams_](gatt::IGattCharacteristic* sender,
+                                                               gatt::IGattValueChangedEventArgs* args) {
                 deliver(handler, streams, sender, args);
             });
     }
 
   private:
     static void deliver(const ValueChangedHandler& handler, const std::shared_ptr<const Streams>& streams,
-                        abi::IGattCharacteristic* sender, abi::IGattValueChangedEventArgs* args) {
+                        gatt::IGattCharacteristic* sender, gatt::IGattValueChangedEventArgs* args) {
         std::optional<WindowsCharacteristic> from;
         if (sender) from.emplace(sender, streams);
         WindowsCharacteristic* const seen = from ? &*from : nullptr;
         if (!args) return handler(seen, nullptr);
         ValueBytes storage;
-        const auto buffer = objectOf(ComPtr<abi::IGattValueChangedEventArgs>(args),
-                                     &abi::IGattValueChangedEventArgs::get_CharacteristicValue);
+        const auto buffer = objectOf(ComPtr<gatt::IGattValueChangedEventArgs>(args),
+                                     &gatt::IGattValueChangedEventArgs::get_CharacteristicValue);
         const GattValueChangedEventArgs value{streams->bytesOf(buffer.Get(), storage)};
         handler(seen, &value);
     }
 
-    const ComPtr<abi::IGattCharacteristic> characteristic_;
+    const ComPtr<gatt::IGattCharacteristic> characteristic_;
     const std::shared_ptr<const Streams> streams_;
 };
 
 std::vector<std::shared_ptr<GattCharacteristic>> characteristicsOf(const ComPtr<CharacteristicView>& view) {
     const auto streams = std::make_shared<const Streams>();
     return elementsOf<std::shared_ptr<GattCharacteristic>>(
-        view, [&streams](ComPtr<abi::IGattCharacteristic> characteristic) {
+        view, [&streams](ComPtr<gatt::IGattCharacteristic> characteristic) {
             return std::make_shared<WindowsCharacteristic>(std::move(characteristic), streams);
         });
 }
 
-GattCharacteristicsResult characteristicsResult(const ComPtr<abi::IGattCharacteristicsResult>& result) {
+GattCharacteristicsResult characteristicsResult(const ComPtr<gatt::IGattCharacteristicsResult>& result) {
     if (!result) return {};
-    const auto status = valueOf(result, &abi::IGattCharacteristicsResult::get_Status);
-    const auto view = objectOf(result, &abi::IGattCharacteristicsResult::get_Characteristics);
+    const auto status = valueOf(result, &gatt::IGattCharacteristicsResult::get_Status);
+    const auto view = objectOf(result, &gatt::IGattCharacteristicsResult::get_Characteristics);
     if (!view) return {static_cast<GattCommunicationStatus>(status), std::nullopt};
     return {static_cast<GattCommunicationStatus>(status), characteristicsOf(view)};
 }
 
 class WindowsSession final : public GattSession {
   public:
-    explicit WindowsSession(ComPtr<abi::IGattSession> session) : session_(std::move(session)) {}
+    explicit WindowsSession(ComPtr<gatt::IGattSession> session) : session_(std::move(session)) {}
 
     Subscription onSessionStatusChanged(StatusChangedHandler handler) override {
-        return subscribe<abi::IGattSession, abi::IGattSessionStatusChangedEventArgs>(
-            session_, &abi::IGattSession::add_SessionStatusChanged,
-            &abi::IGattSession::remove_SessionStatusChanged,
-            [handler = std::move(handler)](abi::IGattSession*,
-                                           abi::IGattSessionStatusChangedEventArgs* args) {
+        return subscribe<gatt::IGattSession, gatt::IGattSessionStatusChangedEventArgs>(
+            session_, &gatt::IGattSession::add_SessionStatusChanged,
+            &gatt::IGattSession::remove_SessionStatusChanged,
+            [handler = std::move(handler)](gatt::IGattSession*,
+                                           gatt::IGattSessionStatusChangedEventArgs* args) {
                 if (!args) return;
-                const auto status = valueOf(ComPtr<abi::IGattSessionStatusChangedEventArgs>(args),
-                                            &abi::IGattSessionStatusChangedEventArgs::get_Status);
+                const auto status = valueOf(ComPtr<gatt::IGattSessionStatusChangedEventArgs>(args),
+                                            &gatt::IGattSessionStatusChangedEventArgs::get_Status);
                 handler(static_cast<GattSessionStatus>(status));
             });
     }
 
   private:
-    const ComPtr<abi::IGattSession> session_;
+    const ComPtr<gatt::IGattSession> session_;
 };
 
 class WindowsService final : public GattDeviceService {
   public:
-    explicit WindowsService(ComPtr<abi::IGattDeviceService> service) : service_(std::move(service)) {}
+    explicit WindowsService(ComPtr<gatt::IGattDeviceService> service) : service_(std::move(service)) {}
 
-    Guid uuid() const override { return fromRuntime(valueOf(service_, &abi::IGattDeviceService::get_Uuid)); }
+    Guid uuid() const override { return fromRuntime(valueOf(service_, &gatt::IGattDeviceService::get_Uuid)); }
 
     AsyncOperationPtr<GattCharacteristicsResult> getCharacteristicsForUuidAsync(const Guid& uuid) override {
-        ComPtr<IAsyncOperation<abi::GattCharacteristicsResult*>> operation;
-        check(query<abi::IGattDeviceService3>(service_)->GetCharacteristicsForUuidAsync(
+        ComPtr<IAsyncOperation<gatt::GattCharacteristicsResult*>> operation;
+        check(query<gatt::IGattDeviceService3>(service_)->GetCharacteristicsForUuidAsync(
             toRuntime(uuid), operation.GetAddressOf()));
         return makeOperation<GattCharacteristicsResult>(std::move(operation), characteristicsResult);
     }
@@ -181,31 +181,31 @@ class WindowsService final : public GattDeviceService {
 
     std::shared_ptr<GattSession> session() override {
         auto session =
-            objectOf(query<abi::IGattDeviceService3>(service_), &abi::IGattDeviceService3::get_Session);
+            objectOf(query<gatt::IGattDeviceService3>(service_), &gatt::IGattDeviceService3::get_Session);
         if (!session) throw PlatformError(kEFail);
         return std::make_shared<WindowsSession>(std::move(session));
     }
 
   private:
-    const ComPtr<abi::IGattDeviceService> service_;
+    const ComPtr<gatt::IGattDeviceService> service_;
 };
 
 // Empty where there is no list.
 std::vector<std::shared_ptr<GattDeviceService>> servicesOf(const ComPtr<ServiceView>& view) {
     if (!view) return {};
-    return elementsOf<std::shared_ptr<GattDeviceService>>(view, [](ComPtr<abi::IGattDeviceService> service) {
+    return elementsOf<std::shared_ptr<GattDeviceService>>(view, [](ComPtr<gatt::IGattDeviceService> service) {
         return std::make_shared<WindowsService>(std::move(service));
     });
 }
 
 AsyncOperationPtr<GattDeviceServicesResult> makeServicesOperation(
-    ComPtr<IAsyncOperation<abi::GattDeviceServicesResult*>> operation) {
+    ComPtr<IAsyncOperation<gatt::GattDeviceServicesResult*>> operation) {
     return makeOperation<GattDeviceServicesResult>(
         std::move(operation),
-        [](const ComPtr<abi::IGattDeviceServicesResult>& result) -> GattDeviceServicesResult {
+        [](const ComPtr<gatt::IGattDeviceServicesResult>& result) -> GattDeviceServicesResult {
             if (!result) return {};
-            const auto status = valueOf(result, &abi::IGattDeviceServicesResult::get_Status);
-            const auto view = objectOf(result, &abi::IGattDeviceServicesResult::get_Services);
+            const auto status = valueOf(result, &gatt::IGattDeviceServicesResult::get_Status);
+            const auto view = objectOf(result, &gatt::IGattDeviceServicesResult::get_Services);
             if (!view) return {static_cast<GattCommunicationStatus>(status), std::nullopt};
             return {static_cast<GattCommunicationStatus>(status), servicesOf(view)};
         });
@@ -239,7 +239,7 @@ class WindowsDevice final : public BluetoothLEDevice {
     }
 
   private:
-    using ServicesOperation = IAsyncOperation<abi::GattDeviceServicesResult*>;
+    using ServicesOperation = IAsyncOperation<gatt::GattDeviceServicesResult*>;
 
     const ComPtr<devices::IBluetoothLEDevice> device_;
 };

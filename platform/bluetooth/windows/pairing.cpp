@@ -9,20 +9,20 @@ namespace platform {
 
 namespace {
 
-namespace abi = ABI::Windows::Devices::Enumeration;
+namespace enumeration = ABI::Windows::Devices::Enumeration;
 using ABI::Windows::Foundation::IAsyncOperation;
 using winrt::ComPtr;
 
 class WindowsPairingRequest final : public DevicePairingRequestedEventArgs {
   public:
-    explicit WindowsPairingRequest(abi::IDevicePairingRequestedEventArgs* args) : args_(args) {}
+    explicit WindowsPairingRequest(enumeration::IDevicePairingRequestedEventArgs* args) : args_(args) {}
 
     DevicePairingKinds pairingKind() const override {
         return static_cast<DevicePairingKinds>(
-            winrt::valueOf(args_, &abi::IDevicePairingRequestedEventArgs::get_PairingKind));
+            winrt::valueOf(args_, &enumeration::IDevicePairingRequestedEventArgs::get_PairingKind));
     }
     std::wstring pin() const override {
-        return winrt::textOf(args_, &abi::IDevicePairingRequestedEventArgs::get_Pin);
+        return winrt::textOf(args_, &enumeration::IDevicePairingRequestedEventArgs::get_Pin);
     }
     void accept() override { winrt::check(args_->Accept()); }
     void acceptWithPin(const std::wstring& pin) override {
@@ -30,20 +30,20 @@ class WindowsPairingRequest final : public DevicePairingRequestedEventArgs {
     }
 
   private:
-    const ComPtr<abi::IDevicePairingRequestedEventArgs> args_;
+    const ComPtr<enumeration::IDevicePairingRequestedEventArgs> args_;
 };
 
 class WindowsCustomPairing final : public DeviceInformationCustomPairing {
   public:
-    explicit WindowsCustomPairing(ComPtr<abi::IDeviceInformationCustomPairing> pairing)
+    explicit WindowsCustomPairing(ComPtr<enumeration::IDeviceInformationCustomPairing> pairing)
         : pairing_(std::move(pairing)) {}
 
     Subscription onPairingRequested(PairingRequestedHandler handler) override {
-        using Args = abi::IDevicePairingRequestedEventArgs;
-        return winrt::subscribe<abi::IDeviceInformationCustomPairing, Args>(
-            pairing_, &abi::IDeviceInformationCustomPairing::add_PairingRequested,
-            &abi::IDeviceInformationCustomPairing::remove_PairingRequested,
-            [handler = std::move(handler)](abi::IDeviceInformationCustomPairing*, Args* args) {
+        using Args = enumeration::IDevicePairingRequestedEventArgs;
+        return winrt::subscribe<enumeration::IDeviceInformationCustomPairing, Args>(
+            pairing_, &enumeration::IDeviceInformationCustomPairing::add_PairingRequested,
+            &enumeration::IDeviceInformationCustomPairing::remove_PairingRequested,
+            [handler = std::move(handler)](enumeration::IDeviceInformationCustomPairing*, Args* args) {
                 if (!args) return;
                 WindowsPairingRequest request(args);
                 handler(request);
@@ -52,76 +52,80 @@ class WindowsCustomPairing final : public DeviceInformationCustomPairing {
 
     AsyncOperationPtr<std::optional<DevicePairingResultStatus>> pairAsync(
         DevicePairingKinds kinds, DevicePairingProtectionLevel minimumLevel) override {
-        ComPtr<IAsyncOperation<abi::DevicePairingResult*>> operation;
+        ComPtr<IAsyncOperation<enumeration::DevicePairingResult*>> operation;
         winrt::check(pairing_->PairWithProtectionLevelAsync(
-            static_cast<abi::DevicePairingKinds>(kinds),
-            static_cast<abi::DevicePairingProtectionLevel>(minimumLevel), operation.GetAddressOf()));
+            static_cast<enumeration::DevicePairingKinds>(kinds),
+            static_cast<enumeration::DevicePairingProtectionLevel>(minimumLevel), operation.GetAddressOf()));
         using Result = std::optional<DevicePairingResultStatus>;
         return winrt::makeOperation<Result>(
-            std::move(operation), [](const ComPtr<abi::IDevicePairingResult>& result) -> Result {
+            std::move(operation), [](const ComPtr<enumeration::IDevicePairingResult>& result) -> Result {
                 if (!result) return std::nullopt;
                 return static_cast<DevicePairingResultStatus>(
-                    winrt::valueOf(result, &abi::IDevicePairingResult::get_Status));
+                    winrt::valueOf(result, &enumeration::IDevicePairingResult::get_Status));
             });
     }
 
   private:
-    const ComPtr<abi::IDeviceInformationCustomPairing> pairing_;
+    const ComPtr<enumeration::IDeviceInformationCustomPairing> pairing_;
 };
 
 class WindowsPairing final : public DeviceInformationPairing {
   public:
-    explicit WindowsPairing(ComPtr<abi::IDeviceInformationPairing> pairing) : pairing_(std::move(pairing)) {}
+    explicit WindowsPairing(ComPtr<enumeration::IDeviceInformationPairing> pairing)
+        : pairing_(std::move(pairing)) {}
 
     bool isPaired() const override {
-        return winrt::valueOf(pairing_, &abi::IDeviceInformationPairing::get_IsPaired) != 0;
+        return winrt::valueOf(pairing_, &enumeration::IDeviceInformationPairing::get_IsPaired) != 0;
     }
     bool canPair() const override {
-        return winrt::valueOf(pairing_, &abi::IDeviceInformationPairing::get_CanPair) != 0;
+        return winrt::valueOf(pairing_, &enumeration::IDeviceInformationPairing::get_CanPair) != 0;
     }
     // Looked for: custom pairing came later than pairing.
     std::shared_ptr<DeviceInformationCustomPairing> custom() override {
-        ComPtr<abi::IDeviceInformationPairing2> newer;
+        ComPtr<enumeration::IDeviceInformationPairing2> newer;
         if (FAILED(pairing_.As(&newer))) return nullptr;
-        auto custom = winrt::objectOf(newer, &abi::IDeviceInformationPairing2::get_Custom);
+        auto custom = winrt::objectOf(newer, &enumeration::IDeviceInformationPairing2::get_Custom);
         if (!custom) return nullptr;
         return std::make_shared<WindowsCustomPairing>(std::move(custom));
     }
 
   private:
-    const ComPtr<abi::IDeviceInformationPairing> pairing_;
+    const ComPtr<enumeration::IDeviceInformationPairing> pairing_;
 };
 
 class WindowsDeviceInformation final : public DeviceInformation {
   public:
-    explicit WindowsDeviceInformation(ComPtr<abi::IDeviceInformation> device) : device_(std::move(device)) {}
+    explicit WindowsDeviceInformation(ComPtr<enumeration::IDeviceInformation> device)
+        : device_(std::move(device)) {}
 
-    std::wstring id() const override { return winrt::textOf(device_, &abi::IDeviceInformation::get_Id); }
+    std::wstring id() const override {
+        return winrt::textOf(device_, &enumeration::IDeviceInformation::get_Id);
+    }
     std::shared_ptr<DeviceInformationPairing> pairing() override {
-        auto pairing = winrt::objectOf(winrt::query<abi::IDeviceInformation2>(device_),
-                                       &abi::IDeviceInformation2::get_Pairing);
+        auto pairing = winrt::objectOf(winrt::query<enumeration::IDeviceInformation2>(device_),
+                                       &enumeration::IDeviceInformation2::get_Pairing);
         if (!pairing) throw PlatformError(kEFail);
         return std::make_shared<WindowsPairing>(std::move(pairing));
     }
 
   private:
-    const ComPtr<abi::IDeviceInformation> device_;
+    const ComPtr<enumeration::IDeviceInformation> device_;
 };
 
 }  // namespace
 
 AsyncOperationPtr<DeviceInformationCollection> findAllDevicesAsync(const std::wstring& selector) {
-    const auto devices = winrt::activationFactory<abi::IDeviceInformationStatics>(
+    const auto devices = winrt::activationFactory<enumeration::IDeviceInformationStatics>(
         RuntimeClass_Windows_Devices_Enumeration_DeviceInformation);
-    ComPtr<IAsyncOperation<abi::DeviceInformationCollection*>> operation;
+    ComPtr<IAsyncOperation<enumeration::DeviceInformationCollection*>> operation;
     winrt::check(
         devices->FindAllAsyncAqsFilter(winrt::RuntimeString(selector).get(), operation.GetAddressOf()));
-    using View = ABI::Windows::Foundation::Collections::IVectorView<abi::DeviceInformation*>;
+    using View = ABI::Windows::Foundation::Collections::IVectorView<enumeration::DeviceInformation*>;
     return winrt::makeOperation<DeviceInformationCollection>(
         std::move(operation), [](const ComPtr<View>& view) -> DeviceInformationCollection {
             if (!view) return std::nullopt;
             return winrt::elementsOf<std::shared_ptr<DeviceInformation>>(
-                view, [](ComPtr<abi::IDeviceInformation> device) {
+                view, [](ComPtr<enumeration::IDeviceInformation> device) {
                     return std::make_shared<WindowsDeviceInformation>(std::move(device));
                 });
         });
