@@ -5,9 +5,9 @@
 #include <map>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "tests/eventually.h"
 #include "tests/unit/link_fixture.h"
 
 namespace {
@@ -87,19 +87,7 @@ void expectLines(test::Link& link, const std::string& expected) {
         std::string line = link.line();
         if (trimmed(wanted) == "STATUS CLOSED" && line == "TIO DROP") return;
         if (trimmed(wanted) == "TIO DROP" && line == "CONNECT TIO") line = link.line();
-        EXPECT_EQ(line, trimmed(wanted));
-    }
-}
-
-// Waits for a fault that no line tells of. The packet that failed counts as sent; the second grant is made
-// after the thirtieth packet of 20 bytes.
-void waitForTheFault(test::Link& link, const Cell& item) {
-    if (item.point == "write:RX" && item.action == "hang") return;
-    const auto& context = link.context();
-    const auto end = std::chrono::steady_clock::now() + e2e::kDeadline;
-    while (isSecondGrant(item) ? context.rxBytes < 600 : context.txBytes != 10) {
-        if (std::chrono::steady_clock::now() > end) FAIL() << "the fault has not come";
-        std::this_thread::sleep_for(1ms);
+        ASSERT_EQ(line, trimmed(wanted));
     }
 }
 
@@ -124,16 +112,12 @@ void play(const Cell& item) {
         ASSERT_EQ(link.line(), "CONNECT TIO");
         auto data = link.openData();
         data.send(isSecondGrant(item) ? std::string(40 * 20, 'x') : "one packet");
-        if (item.expected == "none") {
-            waitForTheFault(link, item);
-        } else {
-            expectLines(link, item.expected);
-        }
-    } else if (item.expected != "waits") {
-        expectLines(link, item.expected);
     }
-    // A call that hangs has to be made first; nothing tells when that is.
-    EXPECT_EQ(link.line(item.action == "hang" ? 100ms : 5ms), "");
+    if (item.expected != "waits" && item.expected != "none") {
+        ASSERT_NO_FATAL_FAILURE(expectLines(link, item.expected));
+    }
+    ASSERT_TRUE(test::eventually([&] { return link.peripheral().faultsHappened() > 0; }));
+    EXPECT_EQ(link.line(5ms), "");
 
     expectStateBeforeStop(link, item);
 
@@ -158,11 +142,20 @@ TEST(FailureMatrix, TheClientGetsWhatTheDocumentSays) {
     ASSERT_GT(cases.size(), 200U);
     play(cases.front());
     const auto before = e2e::ownResources();
+    const testing::TestResult& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
+    std::optional<std::chrono::steady_clock::time_point> end;
+    int failed = 0;
     for (const Cell& item : cases) {
         SCOPED_TRACE(item.generation + " " + item.point + " " + item.after + "+" + item.times + " " +
                      item.action);
+        const auto start = std::chrono::steady_clock::now();
+        const int failures = result.total_part_count();
         play(item);
-        if (HasFatalFailure()) return;
+        if (result.total_part_count() == failures) continue;
+        // A broken program fails in many cells, mostly at the end of a deadline.
+        if (!end) end = start + e2e::kDeadline;
+        ASSERT_LT(++failed, 5) << "the cells behind this one are left out";
+        ASSERT_LT(std::chrono::steady_clock::now(), *end) << "the cells behind this one are left out";
     }
     const auto settled = [&] {
         const auto now = e2e::ownResources();
