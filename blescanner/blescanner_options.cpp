@@ -9,12 +9,6 @@ namespace blescanner {
 
 namespace {
 
-void printHelp(const popl::OptionParser& parser, std::size_t timesAsked) {
-    if (timesAsked == 0) return;
-    if (timesAsked == 1) return print(parser.help(popl::Attribute::optional));
-    print(parser.help(timesAsked == 2 ? popl::Attribute::advanced : popl::Attribute::expert));
-}
-
 void printEach(const std::string& title, const std::vector<std::string>& arguments) {
     for (const std::string& argument : arguments)
         print(title + platform::printable(argument) + '\n');
@@ -29,7 +23,7 @@ void setUpLogFile(const std::string& givenName) {
 }
 
 void parse(popl::OptionParser& parser, const std::vector<std::string>& arguments) {
-    std::vector<const char*> argv{"ZIQBLEConnect"};
+    std::vector<const char*> argv{""};
     for (const std::string& argument : arguments)
         argv.push_back(argument.c_str());
     parser.parse(static_cast<int>(argv.size()), argv.data());
@@ -54,7 +48,7 @@ void setUpOptions(const std::vector<std::string>& arguments) {
         "f", "logfile", "Log to file in addition to stdout [default is none]");
     parse(parser, arguments);
 
-    printHelp(parser, help->count());
+    if (help->is_set()) print(parser.help());
     printEach("non_option_args: ", parser.non_option_args());
     printEach("unknown_options: ", parser.unknown_options());
     if (cmdPipe->is_set()) settings().cmdPipeName = platform::widen(cmdPipe->value());

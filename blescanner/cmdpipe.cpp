@@ -1,11 +1,9 @@
 #include "cmdpipe.h"
 
-#include <array>
 #include <chrono>
 #include <loguru.hpp>
 #include <utility>
 
-#include "platform/runtime.h"
 #include "platform/text.h"
 #include "settings.h"
 
@@ -19,7 +17,6 @@ constexpr std::int64_t kDataMsPerByte = 50;
 
 std::string lowBytes(const std::wstring& text) {
     std::string bytes;
-    bytes.reserve(text.size());
     for (const wchar_t unit : text)
         bytes.push_back(static_cast<char>(unit & 0xFF));
     return bytes;
@@ -28,16 +25,14 @@ std::string lowBytes(const std::wstring& text) {
 }  // namespace
 
 platform::SystemError CNamedPipe::create(const std::wstring& name) {
-    auto created = platform::Pipe::create(name);
+    auto created = creator(name);
     pipe_ = std::move(created.pipe);
     createError_ = created.error;
     return created.error;
 }
 
 void CNamedPipe::close() {
-    if (!pipe_) return;
-    pipe_->disconnect();
-    pipe_->close();
+    if (pipe_) pipe_->close();
 }
 
 void CNamedPipe::logClient() const {
@@ -46,32 +41,22 @@ void CNamedPipe::logClient() const {
     LOG_S(INFO) << "Client: (" << client.sessionId << "): " << platform::printable(client.computerName);
 }
 
-platform::IoResult CNamedPipe::finishWrite(platform::IoResult started, std::int64_t timeoutMs) {
-    if (started.error != platform::SystemError::ioPending) {
-        writeRequest_.event().reset();
-        return started;
-    }
-    platform::Event* const events[] = {&writeRequest_.event(), &platform::stopRequested()};
-    const auto signalled = platform::waitAny(events, std::chrono::milliseconds(timeoutMs));
-    const auto outcome = signalled == 0U ? pipe_->result(writeRequest_) : pipe_->cancel(writeRequest_);
-    writeRequest_.event().reset();
-    return outcome;
+platform::IoResult CNamedPipe::write(std::span<const std::uint8_t> bytes, std::int64_t msPerByte) {
+    const auto started = pipe_->startWrite(writeRequest_, bytes);
+    if (started.error != platform::SystemError::ioPending) return started;
+    const auto factor = static_cast<std::int64_t>(bytes.size()) + 1;
+    return pipe_->finish(writeRequest_, std::chrono::milliseconds(factor * msPerByte));
 }
 
-void CNamedPipe::writeText(std::wstring& text) {
+void CNamedPipe::writeText(const std::wstring& text) {
     const std::size_t end = text.ends_with(L"\r\n") ? text.size() - 2 : text.size();
     LOG_S(INFO) << "SHELL: " << platform::printable(text.substr(0, end))
                 << platform::toUtf8(text.substr(end));
     const std::string bytes = lowBytes(text);
-    text.clear();
-    if (!pipe_ || bytes.empty()) return;
-
     const auto data = reinterpret_cast<const std::uint8_t*>(bytes.data());
-    const auto length = static_cast<std::int64_t>(bytes.size());
-    const auto outcome = finishWrite(pipe_->startWrite(writeRequest_, {data, bytes.size()}),
-                                     (length + 1) * kReplyMsPerCharacter);
+    const auto outcome = write({data, bytes.size()}, kReplyMsPerCharacter);
     if (outcome.error == platform::SystemError::none) return;
-    if (outcome.error == platform::SystemError::operationAborted && pipe_->isOpen()) {
+    if (outcome.error == platform::SystemError::operationAborted) {
         LOG_S(WARNING) << "Command pipe: " << bytes.size() - outcome.bytes << " bytes of a reply given up";
         return;
     }
@@ -81,8 +66,7 @@ void CNamedPipe::writeText(std::wstring& text) {
 
 std::size_t CNamedPipe::writeBytes(std::span<const std::uint8_t> bytes) {
     if (!pipe_) return 0;
-    const auto length = static_cast<std::int64_t>(bytes.size());
-    const auto outcome = finishWrite(pipe_->startWrite(writeRequest_, bytes), (length + 1) * kDataMsPerByte);
+    const auto outcome = write(bytes, kDataMsPerByte);
     const bool failed = outcome.error != platform::SystemError::none;
     if (failed && outcome.error != platform::SystemError::operationAborted) {
         LOG_S(INFO) << "ERR(W)="

@@ -4,9 +4,11 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "platform/pipe.h"
 
@@ -20,6 +22,9 @@ namespace blescanner {
 // connects) and one thread writes.
 class CNamedPipe {
   public:
+    // What creates the host's pipes. Tests replace it by pipes that misbehave, while no other thread runs.
+    static inline std::function<platform::Pipe::Created(std::wstring_view)> creator = platform::Pipe::create;
+
     // Creates the pipe. After an error isOpen() is false.
     platform::SystemError create(const std::wstring& name);
 
@@ -30,8 +35,8 @@ class CNamedPipe {
     // Logs who has connected.
     void logClient() const;
 
-    // Sends a reply, one byte per UTF-16 unit, and empties the text. Gives up after 100 ms a character.
-    void writeText(std::wstring& text);
+    // Sends a reply, one byte per UTF-16 unit. Gives up after 100 ms a character.
+    void writeText(const std::wstring& text);
     // Sends bytes of the link, and returns how many of them the client's end took. Gives up after 50 ms a
     // byte.
     std::size_t writeBytes(std::span<const std::uint8_t> bytes);
@@ -51,7 +56,7 @@ class CNamedPipe {
     platform::IoRequest readRequest;
 
   private:
-    platform::IoResult finishWrite(platform::IoResult started, std::int64_t timeoutMs);
+    platform::IoResult write(std::span<const std::uint8_t> bytes, std::int64_t msPerByte);
 
     std::shared_ptr<platform::Pipe> pipe_;
     platform::SystemError createError_ = platform::SystemError::none;

@@ -30,7 +30,6 @@ void LineAccumulator::lower() {
 
 void LineAccumulator::clear() {
     text_.clear();
-    if (tooLong_) text_.shrink_to_fit();  // gives the memory back
     tooLong_ = false;
 }
 

@@ -9,8 +9,6 @@ namespace blescanner {
 
 void LinkNotification::open() {
     const std::lock_guard lock(mutex_);
-    lines_.clear();
-    event_.reset();
     open_ = true;
 }
 

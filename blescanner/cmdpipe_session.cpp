@@ -53,7 +53,6 @@ class ShellSession : private StopSignal {
     ~ShellSession() override {
         commands_.closeSession();
         dropClient();
-        shell_.close();
     }
     ShellSession(const ShellSession&) = delete;
     ShellSession& operator=(const ShellSession&) = delete;
@@ -185,9 +184,8 @@ ClientOutcome ShellSession::serveClient() {
     } catch (...) {
         LOG_S(ERROR) << "Unknown exception in processing command!";
     }
-    // Otherwise the first bytes of the next client would complete this client's read.
+    // Otherwise the next client would inherit this client's read.
     shell_.cancel(shell_.readRequest);
-    shell_.readRequest.event().reset();
     return outcome;
 }
 
@@ -215,7 +213,6 @@ void ShellSession::readAhead() {
         platform::IoResult read = shell_.startRead(shell_.readRequest, readBuffer_);
         if (read.error == SystemError::ioPending) read = shell_.result(shell_.readRequest);
         if (read.error != SystemError::none) break;
-        shell_.readRequest.event().reset();
         unread_.insert(unread_.end(), readBuffer_.begin(),
                        readBuffer_.begin() + static_cast<long>(read.bytes));
     }
@@ -253,7 +250,6 @@ ClientOutcome ShellSession::clientLoop() {
         platform::IoResult read = shell_.startRead(shell_.readRequest, readBuffer_);
         if (read.error == SystemError::ioPending) read = waitForRead();
         if (read.error == SystemError::ioPending) continue;
-        shell_.readRequest.event().reset();
 
         if (read.error == SystemError::none) {
             failures = 0;
@@ -281,10 +277,9 @@ platform::IoResult ShellSession::waitForRead() {
 }
 
 void ShellSession::deliverLinkLines() {
-    while (auto line = linkNotification().take()) {
-        const bool dropped = *line == L"TIO DROP\r\n";
+    while (const auto line = linkNotification().take()) {
         shell_.writeText(*line);
-        if (dropped) commands_.closeDataPipe();
+        if (*line == L"TIO DROP\r\n") commands_.closeDataPipe();
     }
 }
 

@@ -19,4 +19,10 @@ SystemError Pipe::connect() {
     return cancel(arrival).error;
 }
 
+IoResult Pipe::finish(IoRequest& request, std::chrono::milliseconds timeout) {
+    const std::array<Event*, 2> events{&request.event(), &stopRequested()};
+    waitAny(events, timeout);
+    return cancel(request);
+}
+
 }  // namespace platform

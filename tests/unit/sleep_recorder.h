@@ -24,6 +24,10 @@ class SleepRecorder {
         platform::setSleepObserver({});
         platform::setTimeScale(1);
     }
+    void clear() {
+        const std::lock_guard guard(mutex_);
+        sleeps_.clear();
+    }
     // Milliseconds as the program asked for them, of all threads, in order.
     std::vector<long long> sleeps() const {
         const std::lock_guard guard(mutex_);

@@ -22,8 +22,8 @@ struct IoResult {
 };
 
 // One outstanding operation with its event. Used by one thread at a time. The event is signalled when the
-// operation has finished, at once or later, well or not. Must outlive its operation: finish or cancel it
-// first.
+// operation has finished, at once or later, well or not, and reset when the next one is started. Must outlive
+// its operation: finish or cancel it first.
 class IoRequest {
   public:
     IoRequest();
@@ -84,6 +84,10 @@ class Pipe {
 
     // Ends the pending operation, if there is one, and returns its outcome: what it had moved by then.
     virtual IoResult cancel(IoRequest& request) = 0;
+
+    // Waits until the operation has ended, and returns its outcome. It is cancelled once the time-out has
+    // passed or the program was asked to stop.
+    virtual IoResult finish(IoRequest& request, std::chrono::milliseconds timeout);
 
     // Waits until the client has left or can read everything that was written even after disconnect(). Not
     // longer than the bound, nor than 1 s once the program was asked to stop. False: the client did not read

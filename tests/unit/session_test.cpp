@@ -1,0 +1,316 @@
+// The shell session: its start, its clients one after another, and its end.
+#include "blescanner/cmdpipe_notification.h"
+#include "platform/runtime.h"
+#include "tests/unit/shell_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using blescanner::linkNotification;
+using test::eventually;
+using test::ShellWorld;
+using test::Texts;
+using Sleeps = std::vector<long long>;
+
+constexpr const char* kConnect = "connect 00:1A:7D:DA:71:13\n";
+
+// A running session with its first client.
+class Session : public ShellWorld {
+  public:
+    explicit Session(const std::string& scenario = "{}") : ShellWorld(scenario) { nextClient(); }
+    ~Session() {
+        if (thread_.joinable()) end();
+    }
+
+    std::string command(const std::string& line) {
+        client.send(line);
+        return client.readUntil("\r\n");
+    }
+    void nextClient() {
+        client.close();
+        client = openShell();
+    }
+    bool waitForLog(std::string_view text, int times = 1) {
+        return eventually([&] { return log.count(text) >= times; });
+    }
+    // Without "exit", which would end this process's waits for good.
+    void end() {
+        control.connectFails = true;
+        client.send("quit\n");
+        join();
+    }
+    void join() { thread_.join(); }
+
+    e2e::PipeClient client;
+
+  private:
+    std::thread thread_{blescanner::runShellSession};
+};
+
+void connectLink(Session& session, e2e::PipeClient& data) {
+    ASSERT_EQ(session.command(kConnect), "OK\r\n");
+    ASSERT_EQ(session.client.readUntil("\r\n"), "CONNECT TIO\r\n");
+    data = session.openData();
+    data.send("abc");
+    EXPECT_EQ(data.readBytes(3), "abc");
+}
+
+TEST(Start, WithoutUsableBluetoothTellsWaitingClientsAndEnds) {
+    const std::string off = R"({"state": "Off", "stuck": true})", disabled = R"({"state": "Disabled"})";
+    const Sleeps switchingOn = {1000, 1000, 1000, 1000, 1000, 2000};
+    struct Case {
+        std::string scenario;
+        std::string line;
+        std::string line2;  // of a client that comes during the first two seconds
+        Sleeps sleeps;
+        int driverChecks = 1;
+        Texts problems = {};
+    };
+    const Case cases[] = {
+        {R"("radios": [])", "BLE NOT FOUND\r\n", "BLE NOT FOUND\r\n", {2000}},
+        {R"("radios": [)" + disabled + "]", "BLE DISABLED!\r\n", "BLE DISABLED!\r\n", {2000}, 2},
+        {R"("radios": [)" + off + "]", "BLE DISABLED!\r\n", "BLE DISABLED!\r\n", switchingOn, 2},
+        {R"("radios": [)" + off + "," + off + "]", "BLE DISABLED!\r\n", "BLE DISABLED!\r\n", {2000}},
+        {R"("adapters": [{"lmp": 5}])",
+         "",
+         "LE NOT SUPPORTED\r\n",
+         {2000, 500},
+         1,
+         {"WARNING: [WARNING] Bluetooth available on PC but no support for Bluetooth Low Energy (BLE) found!"}},
+    };
+    for (const Case& item : cases) {
+        for (const bool early : {true, false}) {
+            SCOPED_TRACE(item.scenario);
+            ShellWorld world("{" + item.scenario + R"(, "drivers": [{"compatible": [{}]}]})");
+            e2e::PipeClient client;
+            std::mutex mutex;
+            Sleeps sleeps;
+            if (early) world.onShellCreated = [&] { client = world.openShell(); };
+            platform::setSleepObserver([&](std::chrono::milliseconds duration) {
+                sleeps.push_back(duration.count());
+                if (!early && duration == 2000ms) client = world.openShell();
+            });
+            blescanner::runShellSession();
+            EXPECT_EQ(client.readUntil("nothing more"), early ? item.line + item.line2 : item.line2);
+            EXPECT_TRUE(client.waitForClose());
+            EXPECT_EQ(sleeps, item.sleeps);
+            EXPECT_EQ(world.log.count("---------------"), item.driverChecks);
+            EXPECT_EQ(world.log.troubles(), item.problems);
+            EXPECT_EQ(world.control.calls(), (Texts{"shell flush 5000", "shell disconnect"}));
+            EXPECT_FALSE(world.hasPipes());
+        }
+    }
+}
+
+TEST(Start, SwitchesASingleRadioOnAndServes) {
+    const std::tuple<const char*, std::vector<platform::RadioState>, int> cases[] = {
+        {R"("radios": [{"state": "Off"}])", {platform::RadioState::on}, 2},
+        {R"("radios": null)", {}, 0},
+        {R"("adapters": [])", {}, 1},
+    };
+    for (const auto& [scenario, requests, driverChecks] : cases) {
+        Session session("{" + std::string(scenario) + R"(, "drivers": [{"compatible": [{}]}]})");
+        EXPECT_EQ(session.command("disconnect\n"), "OK\r\n");
+        EXPECT_EQ(session.world().radioRequests(), requests);
+        EXPECT_EQ(session.log.count("---------------"), driverChecks) << scenario;
+        EXPECT_TRUE(session.log.find("Client: ("));
+    }
+}
+
+TEST(Start, EndsWithoutAPipe) {
+    ShellWorld world("{}");
+    blescanner::settings().cmdPipeName = (e2e::TemporaryFolder().path() / "gone" / "shell").wstring();
+    blescanner::runShellSession();
+    const auto problems = world.log.troubles();
+    ASSERT_EQ(problems.size(), 2U);
+    EXPECT_TRUE(problems[0].starts_with("ERROR: Could not create a named pipe: ")) << problems[0];
+    EXPECT_TRUE(problems[1].starts_with("ERROR: System error ")) << problems[1];
+    EXPECT_FALSE(world.log.find("Checking BLE availability"));
+}
+
+TEST(Clients, EachEndOfAClient) {
+    struct Case {
+        const char* name;
+        bool linkGoesOn;
+        Texts problems;
+        std::function<void(Session&)> end;
+    };
+    const Texts gone = {"ERROR: Client disconnected!"};
+    const std::string failed = "ERROR: SHELL PIPE ERR(R)= (5)";
+    const Case cases[] = {
+        {"quit", true, {}, [](Session& session) { session.client.send("quit\n"); }},
+        {"leaves", false, gone, [](Session& session) { session.client.close(); }},
+        {"leaves a line", false, gone,
+         [](Session& session) {
+             session.client.send("qu");
+             session.client.close();
+         }},
+        {"reads fail",
+         false,
+         {failed, failed, failed, failed, failed, gone[0]},
+         [](Session& session) {
+             for (const int times : {2, 3}) {
+                 session.control.failReads(times);
+                 EXPECT_TRUE(session.command("stats\n").ends_with(";TIOCONNECTED\r\n"));
+             }
+         }},
+    };
+    for (const Case& item : cases) {
+        SCOPED_TRACE(item.name);
+        Session session;
+        e2e::PipeClient data;
+        connectLink(session, data);
+        session.control.calls();
+        session.control.flushed = false;
+        const std::size_t slept = session.sleeps.sleeps().size();
+        item.end(session);
+        EXPECT_TRUE(session.waitForLog("  Disconnecting "));
+        session.control.flushed = true;
+        if (item.linkGoesOn) {
+            EXPECT_EQ(session.control.calls(), (Texts{"shell flush 5000", "shell disconnect"}));
+            data.send("d");
+            EXPECT_EQ(data.readBytes(1), "d");
+        } else {
+            EXPECT_EQ(session.control.calls(),
+                      (Texts{"data flush 250", "data close", "shell flush 5000", "shell disconnect"}));
+            EXPECT_TRUE(data.waitForClose());
+        }
+        EXPECT_EQ(session.sleeps.sleeps().size(), slept + (item.linkGoesOn ? 0 : 1));
+        EXPECT_EQ(session.sleeps.sleeps().back(), item.linkGoesOn ? session.sleeps.sleeps()[slept - 1] : 250);
+        session.nextClient();
+        EXPECT_TRUE(session.command("it\nstats\n")
+                        .ends_with(item.linkGoesOn ? ";TIOCONNECTED\r\n" : ";TIODISCONNECTED\r\n"));
+        Texts problems = session.log.troubles();
+        std::erase_if(problems, [](const std::string& problem) {
+            return problem.find("SHELL") == std::string::npos && problem.find("Client") == std::string::npos;
+        });
+        EXPECT_EQ(problems, item.problems);
+        EXPECT_EQ(session.log.count("Command pipe: closed before the client had read all of it"), 1);
+    }
+}
+
+TEST(Clients, AnErrorOfACommandEndsTheClientNotTheSession) {
+    Session session(R"({"faults": [{"on": "radios", "after": 1, "times": 1, "do": "throw:0x80004005"}]})");
+    session.client.send("stats\ndisconnect\n");
+    EXPECT_TRUE(session.client.waitForClose());
+    const auto problems = session.log.troubles();
+    ASSERT_EQ(problems.size(), 1U);
+    EXPECT_TRUE(problems[0].ends_with(" HRESULT: -2147467259")) << problems[0];
+    session.nextClient();
+    EXPECT_TRUE(session.command("stats\n").starts_with("RX "));
+    EXPECT_EQ(session.log.count("SHELL INPUT: disconnect"), 0) << "its other commands go with it";
+    session.end();
+    EXPECT_EQ(session.log.troubles().back(), "ERROR: Failed in call to CNamedPipe::ConnectClient, Error: 5");
+    EXPECT_TRUE(session.log.find("Done."));
+}
+
+TEST(Clients, ACommandThatHangs) {
+    const std::string hang = R"({"faults": [{"on": "radios", "after": 1, "times": 1, "do": "hang"}]})";
+    {
+        Session session(hang);
+        session.client.send("stats\ndisconnect\n");
+        ASSERT_TRUE(session.waitForLog("Retrieving list of radio devices...", 2));
+        session.client.close();
+        ASSERT_TRUE(session.waitForLog("Client disconnected!"));
+        session.nextClient();
+        EXPECT_TRUE(session.command("stats\n").starts_with("RX "));
+        EXPECT_EQ(session.log.count("SHELL INPUT: disconnect"), 0);
+    }
+    // What is sent while a command waits is executed afterwards; here the command ends with an error.
+    Session session(hang);
+    session.client.send("stats\n");
+    ASSERT_TRUE(session.waitForLog("Retrieving list of radio devices...", 2));
+    const int reads = session.control.reads;
+    ASSERT_TRUE(eventually([&] { return session.control.reads > reads; }));
+    session.world().runtime()->end();
+    EXPECT_TRUE(session.client.waitForClose());
+    session.nextClient();
+    EXPECT_EQ(session.command("disconnect\n"), "OK\r\n") << "it does not inherit the read";
+}
+
+TEST(LinkLines, ArriveWholeAndOnlyForAClient) {
+    Session session;
+    ASSERT_EQ(session.command("disconnect\n"), "OK\r\n");
+    linkNotification().post(L"STATUS CLOSED\r\n");
+    linkNotification().post(L"STATUS CLOSED\r\n");
+    EXPECT_EQ(session.client.readBytes(30), "STATUS CLOSED\r\nSTATUS CLOSED\r\n");
+    e2e::PipeClient data;
+    connectLink(session, data);
+    session.control.calls();
+    session.world().peripheral(0).dropLink();
+    data.send("x");
+    std::string lines = session.client.readUntil("TIO DROP\r\n");
+    EXPECT_TRUE(lines.ends_with("TIO DROP\r\n")) << lines;
+    EXPECT_TRUE(data.waitForClose());
+    EXPECT_EQ(session.control.calls(), (Texts{"data flush 250", "data close"}));
+    EXPECT_EQ(session.command("disconnect\n"), "OK\r\n") << "once";
+
+    session.client.send("quit\n");
+    ASSERT_TRUE(session.client.waitForClose());
+    EXPECT_TRUE(eventually([] { return !linkNotification().post(L"late\r\n"); }));
+    session.nextClient();
+    EXPECT_EQ(session.command("disconnect\n"), "OK\r\n");
+}
+
+// The program's end is for good, so each of these plays in a process of its own.
+TEST(ProgramEnd, LeavesNothingOpenAndKeepsItsReplies) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    struct Case {
+        const char* name;
+        void (*end)(Session&);
+        std::string reply;
+        std::string log;
+        Sleeps sleeps;
+    };
+    const auto waitForHang = [](Session& session) {
+        session.client.send("disconnect\nresetbt\nstats\nEXIT\n");
+        EXPECT_TRUE(session.waitForLog("SHELL INPUT: stats"));
+    };
+    static const auto hang = waitForHang;
+    const Case cases[] = {
+        {"exit",
+         [](Session& session) { session.client.send("exit\nstats\n"); },
+         "",
+         "Exiting on terminate APP command",
+         {250, 250}},
+        {"exit that waits behind a command",
+         [](Session& session) { hang(session); },
+         "OK\r\nOK\r\n",
+         "Exiting on terminate APP command",
+         {250, 1500, 1500, 1500, 1500, 1500, 1500, 1500, 1500, 1500, 1500, 1000}},
+        {"stop", [](Session&) { platform::requestStop(); }, "", "The program has been asked to stop", {}},
+        {"stop while nobody is there",
+         [](Session& session) {
+             session.client.send("quit\n");
+             EXPECT_TRUE(session.waitForLog("Waiting for a client", 2));
+             platform::requestStop();
+         },
+         "",
+         "The program has been asked to stop",
+         {}},
+    };
+    for (const Case& item : cases) {
+        const auto play = [&item] {
+            // The list of radios hangs when it is asked for the third time: behind the start and the reset.
+            Session session(R"({"faults": [{"on": "radios", "after": 2, "times": 1, "do": "hang"}]})");
+            e2e::PipeClient data;
+            connectLink(session, data);
+            session.sleeps.clear();
+            item.end(session);
+            session.join();
+            EXPECT_EQ(session.client.readUntil("nothing more"), item.reply);
+            EXPECT_TRUE(session.client.waitForClose());
+            EXPECT_TRUE(data.waitForClose());
+            EXPECT_TRUE(session.log.find(item.log)) << item.log;
+            EXPECT_EQ(session.sleeps.sleeps(), item.sleeps);
+            EXPECT_EQ(session.log.count("Client disconnected!") + session.log.count("ConnectClient"), 0);
+            EXPECT_TRUE(eventually([&] { return !session.world().peripheral(0).connected(); }));
+            EXPECT_FALSE(session.hasPipes());
+            EXPECT_TRUE(platform::isStopRequested());
+        };
+        SCOPED_TRACE(item.name);
+        EXPECT_EXIT((play(), platform::endProcess(HasFailure() ? 1 : 0)), testing::ExitedWithCode(0), "");
+    }
+}
+
+}  // namespace

@@ -1,0 +1,166 @@
+// The command pipe in this process, between the simulated world and a real client.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "blescanner/blehelper.h"
+#include "blescanner/cmdpipe.h"
+#include "blescanner/lecomm.h"
+#include "blescanner/settings.h"
+#include "platform/bluetooth/sim/world.h"
+#include "platform/text.h"
+#include "tests/e2e/harness.h"
+#include "tests/eventually.h"
+#include "tests/unit/log_capture.h"
+#include "tests/unit/sleep_recorder.h"
+
+namespace test {
+
+using platform::IoRequest;
+using platform::IoResult;
+using platform::SystemError;
+using Texts = std::vector<std::string>;
+
+// What pipes do on request, and what was asked of them. Threads: any.
+class PipeControl {
+  public:
+    // Notes "NAME WHAT".
+    void note(const std::string& what) {
+        const std::lock_guard lock(mutex_);
+        calls_.push_back(what);
+    }
+    // What was noted since the last call.
+    Texts calls() {
+        const std::lock_guard lock(mutex_);
+        return std::exchange(calls_, {});
+    }
+    void failReads(int times) {
+        const std::lock_guard lock(mutex_);
+        failingReads_ = times;
+    }
+    bool readFails() {
+        const std::lock_guard lock(mutex_);
+        return failingReads_ > 0 && failingReads_-- > 0;
+    }
+
+    std::atomic<bool> connectFails = false;
+    std::atomic<bool> flushed = true;
+    std::atomic<bool> stalled = false;  // time-outs of writes pass at once
+    std::atomic<int> reads = 0;
+
+  private:
+    std::mutex mutex_;
+    Texts calls_;
+    int failingReads_ = 0;
+};
+
+inline constexpr auto kFailure = static_cast<SystemError>(5);
+
+// A pipe of the host under that control.
+class WatchedPipe : public platform::Pipe {
+  public:
+    WatchedPipe(std::shared_ptr<Pipe> real, std::string name, PipeControl& control)
+        : real_(std::move(real)), name_(std::move(name)), control_(control) {}
+
+    SystemError startConnect(IoRequest& request) override {
+        return control_.connectFails ? kFailure : real_->startConnect(request);
+    }
+    IoResult startRead(IoRequest& request, std::span<std::uint8_t> buffer) override {
+        ++control_.reads;
+        return control_.readFails() ? IoResult{kFailure, 0} : real_->startRead(request, buffer);
+    }
+    IoResult startWrite(IoRequest& request, std::span<const std::uint8_t> buffer) override {
+        return real_->startWrite(request, buffer);
+    }
+    IoResult finish(IoRequest& request, std::chrono::milliseconds timeout) override {
+        if (!control_.stalled) return real_->finish(request, timeout);
+        control_.note(name_ + " wait " + std::to_string(timeout.count()));
+        return real_->cancel(request);
+    }
+    IoResult result(IoRequest& request) override { return real_->result(request); }
+    IoResult cancel(IoRequest& request) override { return real_->cancel(request); }
+    bool flush(std::chrono::milliseconds bound) override {
+        control_.note(name_ + " flush " + std::to_string(bound.count()));
+        return real_->flush(bound) && control_.flushed;
+    }
+    bool clientLeft() const override { return real_->clientLeft(); }
+    void disconnect() override {
+        control_.note(name_ + " disconnect");
+        real_->disconnect();
+    }
+    void close() override {
+        control_.note(name_ + " close");
+        real_->close();
+    }
+    bool isOpen() const override { return real_->isOpen(); }
+    platform::ClientIdentity client() const override { return real_->client(); }
+
+  private:
+    const std::shared_ptr<Pipe> real_;
+    const std::string name_;
+    PipeControl& control_;
+};
+
+// A world with its pipes, in which fixed sleeps are recorded and hardly take time.
+class ShellWorld {
+  public:
+    explicit ShellWorld(const std::string& scenario) : world_(std::in_place, scenario) {
+        loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
+        blescanner::scanIntervalsConfigured = true;
+        blescanner::settings().cmdPipeName = e2e::commandPipe(folder_.path()).wstring();
+        blescanner::settings().datPipeName = e2e::dataPipe(folder_.path()).wstring();
+        blescanner::CNamedPipe::creator = [this](std::wstring_view name) {
+            auto created = platform::Pipe::create(name);
+            const bool data = name == blescanner::settings().datPipeName;
+            if (created.pipe)
+                created.pipe = std::make_shared<WatchedPipe>(created.pipe, data ? "data" : "shell", control);
+            if (!data && onShellCreated) onShellCreated();
+            return created;
+        };
+    }
+    ~ShellWorld() {
+        blescanner::CNamedPipe::creator = platform::Pipe::create;
+        world_.reset();  // ends the calls of the world that a session may hang in
+        EXPECT_TRUE(blescanner::waitForLinkSessions(e2e::kDeadline));
+        blescanner::settings() = {};
+    }
+    ShellWorld(const ShellWorld&) = delete;
+    ShellWorld& operator=(const ShellWorld&) = delete;
+
+    e2e::PipeClient openShell() const { return open(e2e::commandPipe(folder_.path())); }
+    e2e::PipeClient openData() const { return open(e2e::dataPipe(folder_.path())); }
+    bool hasPipes() const {
+        return e2e::pipeExists(e2e::commandPipe(folder_.path())) ||
+               e2e::pipeExists(e2e::dataPipe(folder_.path()));
+    }
+    sim::World& world() { return world_->world(); }
+
+    PipeControl control;
+    LogCapture log;
+    std::function<void()> onShellCreated;
+
+  private:
+    static e2e::PipeClient open(const std::filesystem::path& pipe) {
+        e2e::PipeClient client;
+        EXPECT_TRUE(client.open(pipe));
+        return client;
+    }
+
+    const e2e::TemporaryFolder folder_;
+    std::optional<sim::WorldScope> world_;
+
+  public:
+    SleepRecorder sleeps;  // last: after the world, whose time scale it replaces
+};
+
+}  // namespace test
