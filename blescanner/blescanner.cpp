@@ -1,14 +1,12 @@
 #include "blescanner.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <loguru.hpp>
 #include <string_view>
-#include <thread>
 
 #include "blehelper.h"
 #include "cmdpipe.h"
@@ -31,27 +29,9 @@ constexpr std::chrono::milliseconds kWindDownTime{1500};
 constexpr std::chrono::milliseconds kCancelTime{100};
 constexpr std::chrono::seconds kLastOutputTime{2};
 
-// Only the writer's thread uses the stream.
 LogWriter& standardOutput() {
     // Never destroyed: it may hang in a write, and detached threads may log until the process has gone.
-    static LogWriter& writer = *new LogWriter([](std::string_view lines) {
-        // A terminal or pipe that another program has made non-blocking refuses for a while.
-        const auto refused = [] {
-            if (errno != EAGAIN) return false;
-            std::clearerr(stdout);
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            return true;
-        };
-        while (!lines.empty()) {
-            const std::size_t taken = std::fwrite(lines.data(), 1, lines.size(), stdout);
-            lines.remove_prefix(taken);
-            if (!lines.empty() && !refused()) return false;
-        }
-        while (std::fflush(stdout) != 0) {
-            if (!refused()) return false;
-        }
-        return true;
-    });
+    static LogWriter& writer = *new LogWriter(platform::writeStandardOutput);
     return writer;
 }
 
@@ -63,8 +43,6 @@ void logToStandardOutput(void*, const loguru::Message& line) {
 // init writes anything to it. The library never sees the real arguments, and it keeps pointers into the ones
 // that it gets.
 void setUpLogging() {
-    // Without a buffer, as a console may have none, each character would be written by itself.
-    std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
     static char programName[] = "ZIQBLEConnect.exe";
     static char* arguments[] = {programName, nullptr};
     int argumentCount = 1;

@@ -1,5 +1,8 @@
 #include "platform/runtime.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -69,6 +72,23 @@ HostRuntime::~HostRuntime() {
         const Disposition& saved = previousDispositions[--previousCount];
         ::sigaction(saved.signal, &saved.previous, nullptr);
     }
+}
+
+// Not by a stream: it forgets what is in its buffer when a terminal or pipe that another program has made
+// non-blocking refuses a write.
+bool writeStandardOutput(std::string_view utf8) {
+    while (!utf8.empty()) {
+        const ssize_t count = ::write(STDOUT_FILENO, utf8.data(), utf8.size());
+        if (count >= 0) {
+            utf8.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno == EAGAIN) {
+            pollfd writable{STDOUT_FILENO, POLLOUT, 0};
+            ::poll(&writable, 1, -1);
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
 }
 
 void endProcess(int exitCode) noexcept {

@@ -76,6 +76,12 @@ HostRuntime::~HostRuntime() {
     if (initialized_) uninitializeWindowsRuntime();
 }
 
+bool writeStandardOutput(std::string_view utf8) {
+    // Without a buffer, as a console may have none, each character would be written by itself.
+    [[maybe_unused]] static const int buffered = std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+    return std::fwrite(utf8.data(), 1, utf8.size(), stdout) == utf8.size() && std::fflush(stdout) == 0;
+}
+
 // Not ExitProcess: it would call libraries whose locks a thread that hangs may hold.
 void endProcess(int exitCode) noexcept {
     ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(exitCode));

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/event.h"
@@ -53,6 +54,10 @@ bool isStopRequested() noexcept;
 
 // Signals stopRequested(). Any thread.
 void requestStop();
+
+// Writes all of it to standard output, and waits for as long as nobody takes it. False: it cannot be written.
+// One thread at a time.
+bool writeStandardOutput(std::string_view utf8);
 
 // Ends the process at once: nothing is destroyed, flushed or waited for. For a process that has a thread in a
 // call that hangs. Any thread.
