@@ -14,10 +14,16 @@ std::string scenario(const std::string& adapters) {
 TEST(ProtocolSupport, LineAndCountByLmpVersion) {
     const std::tuple<int, const char*, std::uint32_t> cases[] = {
         {0, "A supports Bluetooth 1.0b", 0},
+        {1, "A supports Bluetooth 1.1", 0},
+        {2, "A supports Bluetooth 1.2", 0},
+        {3, "A supports Bluetooth 2.0 + EDR", 0},
+        {4, "A supports Bluetooth 2.1 + EDR", 0},
         {5, "A supports Bluetooth 3.0 + HS", 0},
         {6, "A supports Bluetooth 4.0", 1},
+        {7, "A supports Bluetooth 4.1", 1},
+        {8, "A supports Bluetooth 4.2", 1},
         {9, "A supports Bluetooth 5.0+", 1},
-        {12, "Looks like newer LMP version is found12", 1},
+        {10, "Looks like newer LMP version is found10", 1},
     };
     for (const auto& [lmp, line, counted] : cases) {
         sim::WorldScope world(scenario(R"({"name": "A", "lmp": )" + std::to_string(lmp) + "}"));

@@ -231,9 +231,10 @@ TEST(Writes, AreGivenUpAfterATimeByLength) {
         shell.dispatch("disconnect\n");
     EXPECT_EQ(shell.control.calls(), (Texts{"shell wait 500"}));
     const std::string problem = shell.log.troubles().front();
-    EXPECT_TRUE(problem.starts_with("WARNING: Command pipe: ") && problem.ends_with(" bytes of a reply given up"))
+    EXPECT_TRUE(problem.starts_with("WARNING: Command pipe: ") &&
+                problem.ends_with(" bytes of a reply given up"))
         << problem;
-    EXPECT_LE(std::stol(problem.substr(19)), 4);
+    EXPECT_LE(std::stol(problem.substr(std::string("WARNING: Command pipe: ").size())), 4);
 
     const auto data = createDataPipe();
     auto reader = shell.openData();

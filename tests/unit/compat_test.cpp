@@ -1,16 +1,10 @@
-// What the program needs from its two libraries, whether they are installed or come from compat/.
+// What the program needs from its logging library, whether it is installed or comes from compat/.
 #include <gtest/gtest.h>
 
 #include <array>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <iomanip>
 #include <loguru.hpp>
-#include <popl.hpp>
-#include <regex>
-#include <sstream>
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -69,35 +63,6 @@ TEST_F(LoguruTest, PreambleHasFileLineAndLevelColumns) {
     }
 }
 
-TEST_F(LoguruTest, DateAndTimeAreColumnsOfTheirOwn) {
-    const auto now = [](const char* format) {
-        const std::time_t seconds = std::time(nullptr);
-        std::ostringstream text;
-        text << std::put_time(std::localtime(&seconds), format);
-        return text.str();
-    };
-    const std::tuple<bool, bool, const char*, const char*, const char*> cases[] = {
-        {true, false, "%Y-%m-%d ", "", "date       "},
-        {false, true, "%H:%M:%S", R"(\.\d{3} )", "time         "},
-        {true, true, "%Y-%m-%d %H:%M:%S", R"(\.\d{3} )", "date       time         "},
-    };
-    for (const auto& [date, time, format, milliseconds, titles] : cases) {
-        loguru::g_preamble_date = date;
-        loguru::g_preamble_time = time;
-        const std::string before = now(format);
-        ASSERT_TRUE(loguru::add_file(file_.c_str(), loguru::Truncate, loguru::Verbosity_MAX));
-        const std::string after = now(format);
-        loguru::remove_all_callbacks();
-
-        EXPECT_EQ(linesOfFile().at(3), std::string(titles) + "                   file:line     v| ");
-        const std::string line = linesOfFile().at(4);
-        const std::string stamp = line.substr(0, before.size());
-        EXPECT_TRUE(before <= stamp && (stamp <= after || after < before)) << before << "|" << line;
-        const std::regex rest(milliseconds + std::string(" +loguru.cpp:\\d+ +INFO\\| Logging to '.*"));
-        EXPECT_TRUE(std::regex_match(line.substr(before.size()), rest)) << line;
-    }
-}
-
 TEST_F(LoguruTest, FileSinkAppendsItsHeadAndFlushesEachLine) {
     char name[] = "ZIQBLEConnect.exe";
     char* argv[] = {name, nullptr};
@@ -140,71 +105,12 @@ TEST_F(LoguruTest, LinesOfSeveralThreadsStayWhole) {
     for (const std::string& line : linesOfFile()) {
         const auto start = line.find('<');
         if (start == std::string::npos) continue;
-        EXPECT_EQ(start, std::string("        compat_test.cpp:123   INFO| ").size());
+        EXPECT_EQ(start, std::string("        compat_test.cpp:98    INFO| ").size());
         const auto id = static_cast<std::size_t>(line.at(start + 1) - '0');
         const std::string counted = std::to_string(id) + ":" + std::to_string(next.at(id)++);
         ASSERT_EQ(line.substr(start), "<" + counted + std::string(200, 'x') + ">");
     }
     EXPECT_EQ(next, (std::array{kLines, kLines, kLines, kLines}));
-}
-
-template <class Call>
-std::string errorOf(Call call) {
-    try {
-        call();
-    } catch (const std::invalid_argument& error) {
-        return error.what();
-    }
-    return "none";
-}
-
-// Parses a command line. Returns "SWITCHES|VALUES|NON-OPTIONS|UNKNOWN OPTIONS", or the error's text.
-std::string parsed(std::vector<const char*> arguments) {
-    popl::OptionParser parser("Title");
-    const auto flag = parser.add<popl::Switch>("s", "switch", "A switch");
-    const auto value = parser.add<popl::Value<std::string>>("v", "value", "A value");
-    arguments.insert(arguments.begin(), "program");
-    const std::string error =
-        errorOf([&] { parser.parse(static_cast<int>(arguments.size()), arguments.data()); });
-    if (error != "none") return error;
-    Texts values;
-    for (std::size_t i = 0; i < value->count(); ++i)
-        values.push_back(value->value(i));
-    return std::to_string(flag->count()) + "|" + bracketed(values) + "|" +
-           bracketed(parser.non_option_args()) + "|" + bracketed(parser.unknown_options());
-}
-
-TEST(PoplTest, CommandLines) {
-    const std::pair<std::vector<const char*>, const char*> cases[] = {
-        {{"-s", "--switch", "-ss"}, "4|||"},
-        {{"--value=a=b", "--value", "c", "-v", "d", "-ve"}, "0|[a=b][c][d][e]||"},
-        {{"--value=", "-v", ""}, "0|[][]||"},
-        {{"--value", "--switch", "-v", "--"}, "0|[--switch][--]||"},
-        {{"-sv", "a", "-svos"}, "2|[a][os]||"},
-        {{"a", "-s", "-", ""}, "1||[a][-][]|"},
-        {{"--", "-s", "--", "a"}, "0||[-s][--][a]|"},
-        {{"--bogus=1", "--Value=2", "--valu", "--=", "-x"}, "0|||[--bogus=1][--Value=2][--valu][--=][-x]"},
-        {{"-sx", "-xv", "a"}, "1|[a]||[-sx][-xv]"},
-        {{"--value"}, "missing argument for --value"},
-        {{"-sv"}, "missing argument for -v"},
-    };
-    for (const auto& [arguments, expected] : cases)
-        EXPECT_EQ(parsed(arguments), expected);
-}
-
-TEST(PoplTest, ErrorTexts) {
-    using Text = popl::Value<std::string>;
-    popl::OptionParser parser("Title");
-    const auto option = parser.add<Text>("o", "option", "");
-    EXPECT_EQ(errorOf([&] { parser.add<Text>("", "", ""); }), "short and long option are empty");
-    EXPECT_EQ(errorOf([&] { parser.add<Text>("ab", "c", ""); }), "length of short option must be <= 1: 'ab'");
-    EXPECT_EQ(errorOf([&] { parser.add<Text>("o", "new", ""); }), "duplicate short option '-o'");
-    EXPECT_EQ(errorOf([&] { parser.add<Text>("n", "option", ""); }), "duplicate long option '--option'");
-    EXPECT_EQ(errorOf([&] { parser.help(popl::Attribute::hidden); }), "visibility must be at least normal");
-    EXPECT_EQ(errorOf([&] { option->value(); }), "option not set: \"option\"");
-    const char* const argv[] = {"program", "-oa"};
-    parser.parse(2, argv);
-    EXPECT_EQ(errorOf([&] { option->value(1); }), "index out of range (1) for \"option\"");
 }
 
 }  // namespace

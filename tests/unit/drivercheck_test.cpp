@@ -119,6 +119,17 @@ TEST(DriverCheck, LaterDuplicatesLimitsAndFailures) {
         {device(one) + "," + failing("13") + "," + device(one), 1, 0, 1},
         {device(one) + "," + failing("256") + "," + device(one), 1, 0, 0},
     };
+    {
+        sim::WorldScope world(R"({"faults": [{"on": "drivers", "do": "error:0x80070005"}]})");
+        const test::LogCapture log;
+        checkBluetoothDrivers();
+        EXPECT_EQ(log.troubles(),
+                  std::vector<std::string>{"ERROR: Driver check: SetupDiGetClassDevs failed: 5"});
+    }
+    const auto cut = check(R"({"end_error": 5, "compatible": [)" + one + "]}," + device(one));
+    EXPECT_EQ(cut->troubles(),
+              std::vector<std::string>{"WARNING: Driver check: SetupDiEnumDriverInfo err - 5"});
+    EXPECT_EQ(cut->count("---------------"), 2) << "the next device has its turn";
     for (const auto& [devices, listed, warnings, failures] : cases) {
         const auto log = check(devices);
         EXPECT_EQ(log->count("---------------"), listed) << devices;

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "blescanner/blehelper.h"
 #include "blescanner/waiting.h"
 #include "log_capture.h"
@@ -45,29 +47,101 @@ TEST(CheckBluetoothRadio, ResultCounterAndDriverCheck) {
     }
 }
 
+// What a switch does: the sleeps, and the states that were asked for, as "off on".
+struct Switched {
+    Sleeps sleeps;
+    std::string requests;
+    bool operator==(const Switched&) const = default;
+};
+
+Switched play(const std::string& world, const std::function<void()>& operation) {
+    sim::WorldScope scope(world);
+    test::SleepRecorder recorder;
+    operation();
+    std::string requests;
+    for (const auto state : scope.world().radioRequests())
+        requests += state == platform::RadioState::on ? " on" : " off";
+    return {recorder.sleeps(), requests};
+}
+
 TEST(SwitchRadios, PacedByTheState) {
     const Sleeps full = {1500, 1500, 1500, 1500, 1500, 1500, 1500, 1500, 1500, 1500, 1000};
     const Sleeps half = {1500, 1500, 1500, 1500, 1500, 1500, 1000};
     Sleeps fullTwice = full;
     fullTwice.insert(fullTwice.end(), full.begin(), full.end());
     const std::string stuck = R"(, "stuck": true)";
-    const std::tuple<std::string, Sleeps, Sleeps> cases[] = {
+    const std::tuple<std::string, Switched, Switched> cases[] = {
         {"null", {}, {}},
-        {"[" + radio("On") + "]", full, {}},
-        {"[" + radio("Off") + "," + kWiFi + "," + radio("Off") + "]", fullTwice, {1000, 1000}},
-        {"[" + radio("On", stuck) + "]", half, {}},
-        {"[" + radio("Off", stuck) + "]", half, {1000, 1000, 1000, 1000, 1000}},
-        {"[" + radio("Disabled", stuck) + "]", {1500, 1500, 1000}, {}},
-    };
-    const auto sleepsOf = [](void (*operation)(), const std::string& radios) {
-        sim::WorldScope world(worldWith(radios));
-        test::SleepRecorder recorder;
-        operation();
-        return recorder.sleeps();
+        {"[" + radio("On") + "]", {full, " off on"}, {}},
+        {"[" + radio("Off") + "," + kWiFi + "," + radio("Off") + "]",
+         {fullTwice, " off on off on"},
+         {{1000, 1000}, " on on"}},
+        {"[" + radio("On", stuck) + "]", {half, " off on"}, {}},
+        {"[" + radio("Off", stuck) + "]", {half, " off on"}, {{1000, 1000, 1000, 1000, 1000}, " on"}},
+        {"[" + radio("Disabled", stuck) + "]", {{1500, 1500, 1000}, " off on"}, {}},
     };
     for (const auto& [radios, reset, switchOn] : cases) {
-        EXPECT_EQ(sleepsOf([] { resetBluetooth(programEnd()); }, radios), reset) << radios;
-        EXPECT_EQ(sleepsOf(switchBluetoothOn, radios), switchOn) << radios;
+        EXPECT_TRUE(play(worldWith(radios), [] { resetBluetooth(programEnd()); }) == reset) << radios;
+        EXPECT_TRUE(play(worldWith(radios), switchBluetoothOn) == switchOn) << radios;
+    }
+}
+
+TEST(SwitchRadios, AStoppedResetSwitchesOnWhatItHasSwitchedOff) {
+    Sleeps looks(51, 150);
+    looks[0] = 1500;
+    const std::pair<std::string, Sleeps> cases[] = {
+        {radio("On"), {1500}},
+        {radio("On", R"(, "stuck": true)"), looks},
+        {radio("Off", R"(, "stuck": true)"), looks},
+    };
+    for (const auto& [radios, sleeps] : cases) {
+        StopSignal stop;
+        EXPECT_FALSE(isBluetoothResetting());
+        sim::WorldScope scope(worldWith("[" + radios + "]"));
+        test::SleepRecorder recorder;
+        Sleeps slept;
+        platform::setSleepObserver([&](std::chrono::milliseconds duration) {
+            slept.push_back(duration.count());
+            EXPECT_TRUE(isBluetoothResetting());
+            stop.stop();
+        });
+        EXPECT_THROW(resetBluetooth(stop), Stopped);
+        EXPECT_FALSE(isBluetoothResetting());
+        EXPECT_EQ(slept, sleeps) << radios;
+        using enum platform::RadioState;
+        EXPECT_EQ(scope.world().radioRequests(), (std::vector{off, on}));
+    }
+    StopSignal stopped;
+    stopped.stop();
+    EXPECT_EQ(play(worldWith("[" + radio("On") + "]"),
+                   [&stopped] { EXPECT_THROW(resetBluetooth(stopped), Stopped); })
+                  .requests,
+              "");
+}
+
+// Log readers tell a check from a switch by the words for a radio without a name.
+TEST(Radios, WhatTheLogTells) {
+    const std::string nameless =
+        R"("radios": [{"name": "", "state": "Disabled"}, {"name": "N", "state": "Off"}])";
+    const std::tuple<std::string, bool, const char*> cases[] = {
+        {nameless, false, "Radio object has no name"},
+        {nameless, false, "Radio object is N"},
+        {nameless, false, "Found Bluetooth:  which is Disabled/Unknown"},
+        {nameless, false, "Found Bluetooth: N which is OFF"},
+        {nameless, true, "Radio object has not name!"},
+        {nameless, true, "Radio object going OFF "},
+        {R"("radios": null)", true, "Resetting Bluetooth: Could not find radio objects!"},
+        {R"("faults": [{"on": "radios", "do": "no-operation"}])", false,
+         "Could not get access to Windows Radio - assuming Bluetooth is ON"},
+        {R"("faults": [{"on": "radio:state", "do": "throw:0x80070005"}])", true, " HRESULT: -2147024891"},
+    };
+    for (const auto& [world, reset, line] : cases) {
+        test::LogCapture log;
+        std::uint32_t radios = 0;
+        play("{" + world + "}", [reset = reset, &radios] {
+            reset ? resetBluetooth(programEnd()) : void(checkBluetoothRadio(radios, false, programEnd()));
+        });
+        EXPECT_TRUE(log.find(line)) << line;
     }
 }
 

@@ -76,7 +76,8 @@ TEST(Start, WithoutUsableBluetoothTellsWaitingClientsAndEnds) {
          "LE NOT SUPPORTED\r\n",
          {2000, 500},
          1,
-         {"WARNING: [WARNING] Bluetooth available on PC but no support for Bluetooth Low Energy (BLE) found!"}},
+         {"WARNING: [WARNING] Bluetooth available on PC but no support for Bluetooth Low Energy (BLE) "
+          "found!"}},
     };
     for (const Case& item : cases) {
         for (const bool early : {true, false}) {
