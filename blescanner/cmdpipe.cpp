@@ -52,6 +52,7 @@ void CNamedPipe::writeText(const std::wstring& text) {
     const std::size_t end = text.ends_with(L"\r\n") ? text.size() - 2 : text.size();
     LOG_S(INFO) << "SHELL: " << platform::printable(text.substr(0, end))
                 << platform::toUtf8(text.substr(end));
+    if (!pipe_) return;
     const std::string bytes = lowBytes(text);
     const auto data = reinterpret_cast<const std::uint8_t*>(bytes.data());
     const auto outcome = write({data, bytes.size()}, kReplyMsPerCharacter);

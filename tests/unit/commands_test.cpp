@@ -253,6 +253,7 @@ TEST(Writes, AreGivenUpAfterATimeByLength) {
 TEST(Writes, WithoutAPipeGoNowhere) {
     CNamedPipe never;
     EXPECT_FALSE(never.isOpen());
+    never.writeText(L"dropped");
     EXPECT_EQ(never.writeBytes(std::vector<std::uint8_t>(1)), 0U);
     EXPECT_TRUE(never.flush(std::chrono::milliseconds(1)));
     EXPECT_TRUE(never.clientLeft());
