@@ -212,7 +212,7 @@ def paced_echo(relay, seconds):
 
 def startup_milliseconds(host, folder):
     start = time.monotonic()
-    program = subprocess.Popen([*host.PROGRAM, "--cmdPipe", host.pipe(folder, "command")], stdin=subprocess.DEVNULL,
+    program = subprocess.Popen([*host.run, host.PROGRAM, "--cmdPipe", host.pipe(folder, "command")], stdin=subprocess.DEVNULL,
                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     try:
         for line in program.stdout:
@@ -231,7 +231,7 @@ def main():
     options.add_argument("--windows", action="store_true", help="measure the program for Windows, under Wine")
     chosen = options.parse_args()
     with tempfile.TemporaryDirectory(prefix="ziqble-bench-") as temporary:
-        bench = Bench(Wine if chosen.windows else Linux, Path(temporary))
+        bench = Bench(Wine() if chosen.windows else Linux, Path(temporary))
         bench.one_way("out", "send", "sink", "sink", chosen.seconds)
         bench.one_way("in", "recv", SOURCE, "source", chosen.seconds)
         bench.one_way("both at once", "echo", "echo", "far-echo", chosen.seconds)

@@ -12,9 +12,8 @@ from statistics import median
 
 ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "tools"))
-from bridge_client import check, wait_until  # noqa: E402
-from lab_rig.bridge import Bridge, Transfer, check_source  # noqa: E402
-from lab_rig.machine import DEADLINE, PERIPHERAL_ADDRESS, wait_for_adapters  # noqa: E402
+from bridge_client import Bridge, Program, check, check_source, wait_until  # noqa: E402
+from lab_rig.machine import DEADLINE, PERIPHERAL_ADDRESS, as_tester, wait_for_adapters  # noqa: E402
 from lab_rig.peripheral import Peripheral  # noqa: E402
 
 BYTES = 500_000
@@ -38,31 +37,29 @@ def bleak(peripheral, way):
 
 def bridge(peripheral, way, executable, folder):
     peripheral.configure(serial="sink")
-    one = Bridge(executable, folder)
+    one = Bridge(Program(executable, folder, **as_tester(folder)), PERIPHERAL_ADDRESS)
     try:
         data = one.connect()
         arrived = peripheral.counters()["bytes_in"]
-        data.sendall(b"here")  # bytes from the peripheral are dropped until the program serves the data pipe
+        data.send(b"here")  # bytes from the peripheral are dropped until the program serves the data pipe
         wait_until(lambda: peripheral.counters()["bytes_in"] == arrived + 4, DEADLINE, "the first bytes' arrival")
-        data.settimeout(120)
         start, cpu = time.monotonic(), cpu_seconds(one.program.process)
         if way == "out":
-            data.sendall(os.urandom(BYTES))
+            data.send(os.urandom(BYTES), 120)
             wait_until(lambda: peripheral.counters()["bytes_in"] == arrived + 4 + BYTES, 120, "every byte's arrival")
         else:
             peripheral.do(f"set serial source:{BYTES}")
-            received = Transfer(data, b"", BYTES).wait(120)
-            check_source(received)
+            check_source(data.read(BYTES, 120))
         seconds, cpu = time.monotonic() - start, cpu_seconds(one.program.process) - cpu
-        one.disconnect(data)
+        one.disconnect()
         one.exit()
         return BYTES / seconds / 1000, cpu / BYTES * 1e6
     finally:
-        one.program.stop()
+        one.close()
 
 
 def connect_seconds(executable, folder, address):
-    one = Bridge(executable, folder)
+    one = Bridge(Program(executable, folder, **as_tester(folder)), address)
     try:
         start = time.monotonic()
         one.ask(f"connect {address}", "OK", "CONNECT TIO")
@@ -71,7 +68,7 @@ def connect_seconds(executable, folder, address):
         one.exit()
         return seconds
     finally:
-        one.program.stop()
+        one.close()
 
 
 def main(program, sim):

@@ -1,13 +1,11 @@
 // The client of a measurement, and the stand-in for the peripheral at the far end of a plain relay:
 //   pipe_load send|recv|echo|rtt PATH SECONDS
 //   pipe_load sink|source|far-echo PATH [INTERVAL_US PACKETS]
-//   pipe_load shell PATH
 // The modes of the first line are the client: it moves blocks of 2048 bytes, or 20 bytes to and fro (rtt).
 // Those of the second line are the stand-in: it moves packets of at most 244 bytes, and at most PACKETS of
 // them in an interval when one is given. The result is printed as a line of JSON; times are seconds of the
 // monotonic clock. After that the client keeps its pipe open until standard input ends, so that everything it
-// sent can arrive. "shell" is a client of the command pipe: it sends each line of standard input, unless it
-// is empty, and prints one line that it receives.
+// sent can arrive.
 
 #include <algorithm>
 #include <array>
@@ -16,7 +14,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <map>
 #include <random>
 #include <span>
@@ -203,26 +200,6 @@ void farEcho(Pipe& pipe, Pacer pacer) {
     }
 }
 
-// Reads one line without its end; false when the other side has closed the pipe.
-bool readLine(Pipe& pipe, std::string& line) {
-    line.clear();
-    for (std::uint8_t next = 0; readAll(pipe, Bytes(&next, 1));) {
-        if (next == '\n') return true;
-        if (next != '\r') line += static_cast<char>(next);
-    }
-    return false;
-}
-
-void shell(Pipe& pipe) {
-    for (std::string line; std::getline(std::cin, line);) {
-        if (!line.empty()) line += '\n';
-        const Bytes bytes(reinterpret_cast<std::uint8_t*>(line.data()), line.size());
-        if (!pipe.writeAll(bytes) || !readLine(pipe, line)) return;
-        std::puts(line.c_str());
-        std::fflush(stdout);
-    }
-}
-
 void waitForEndOfInput() {
     std::fflush(stdout);
     while (std::getchar() != EOF) {
@@ -246,7 +223,6 @@ void run(std::span<char*> arguments) {
         throw std::runtime_error("usage: pipe_load MODE PATH [SECONDS | INTERVAL_US PACKETS]");
     const std::string mode = arguments[0];
     Pipe pipe(arguments[1]);
-    if (mode == "shell") return shell(pipe);
     const auto client = clients.find(mode);
     if (client == clients.end()) return runFarSide(mode, pipe, arguments.subspan(2));
     client->second(pipe, std::stod(arguments.size() > 2 ? arguments[2] : "1"));

@@ -3,45 +3,43 @@ import json
 import os
 import re
 import subprocess
+import sys
 import time
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / "tools"))
+import bridge_client  # noqa: E402
+import wine_rig  # noqa: E402
+from bridge_client import Program, check, wait_until  # noqa: E402
+
 ADDRESS = "00:1A:7D:DA:71:13"
 TICKS = os.sysconf("SC_CLK_TCK")
 
 
-class Linux:
+class Linux(bridge_client.Linux):
     """The program and its client as this machine runs them."""
-    PROGRAM = [ROOT / "build/linux/ZIQBLEConnect-sim"]
+    NAME = "ZIQBLEConnect-sim"
+    PROGRAM = ROOT / "build/linux/ZIQBLEConnect-sim"
     LOAD = [ROOT / "build/linux/bench/pipe_load"]
     ZIQBLE = [ROOT / "build/linux/ziqble"]
-    NAME = "ZIQBLEConnect-sim"
-
-    @staticmethod
-    def pipe(folder, name):
-        return folder / name
 
 
-class Wine:
-    """The program for Windows and its client, under Wine. Wine turns the process that is started into the program, so its
-    process number can be used for measuring."""
-    RUN = ROOT / "tests/wine_run.sh"
-    PROGRAM = [RUN, ROOT / "build/windows/ZIQBLEConnect-sim.exe"]
-    LOAD = [RUN, ROOT / "build/windows/bench/pipe_load.exe"]
+class Wine(wine_rig.Wine):
+    """The program for Windows and its client, under Wine."""
     NAME = "ZIQBLEConnect-sim.exe"
+    PROGRAM = ROOT / "build/windows/ZIQBLEConnect-sim.exe"
+    LOAD = [*wine_rig.Wine.run, ROOT / "build/windows/bench/pipe_load.exe"]
 
-    @staticmethod
-    def pipe(folder, name):
-        return rf"\\.\pipe\{folder.parent.name}-{folder.name}-{name}"
+    def __init__(self):
+        super().__init__(ROOT / "build/windows")
 
 
-def wait_until(condition, seconds, what):
-    end = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > end:
-            raise TimeoutError(f"{what}: not within {seconds} s")
-        time.sleep(0.005)
+def start_program(host, folder, peripheral):
+    """The program in a world with that peripheral."""
+    scenario = folder / "scenario.json"
+    scenario.write_text(json.dumps({"peripherals": [peripheral]}))
+    return Program(host.PROGRAM, folder, scenario, host=host, output=subprocess.DEVNULL)
 
 
 def stop(process):
@@ -79,39 +77,18 @@ class Bridge(Relay):
     """The program, connected to its peripheral."""
 
     def __init__(self, host, folder, peripheral):
-        self.name, self.load, self.near = host.NAME, host.LOAD, host.pipe(folder, "data")
-        self.errors = folder / "errors"
-        scenario = folder / "scenario.json"
-        scenario.write_text(json.dumps({"peripherals": [peripheral]}))
-        shell_pipe = host.pipe(folder, "command")
-        with self.errors.open("w") as errors:
-            self.process = subprocess.Popen(
-                [*host.PROGRAM, "--cmdPipe", shell_pipe, "--datPipe", self.near], stdin=subprocess.DEVNULL,
-                stdout=subprocess.DEVNULL, stderr=errors, env=os.environ | {"ZIQBLE_SCENARIO": str(scenario)})
-        self.shell = subprocess.Popen([*host.LOAD, "shell", shell_pipe], stdin=subprocess.PIPE,
-                                      stdout=subprocess.PIPE, text=True)
+        self.program = start_program(host, folder, peripheral)
+        self.name, self.load, self.near, self.process = host.NAME, host.LOAD, self.program.data, self.program.process
         try:
-            self.expect(f"connect {ADDRESS}", "OK")
-            self.expect("", "CONNECT TIO")
+            self.client = bridge_client.Bridge(self.program, ADDRESS)
+            self.client.ask(f"connect {ADDRESS}", "OK", "CONNECT TIO")
         except BaseException:
-            stop(self.shell)
-            stop(self.process)
+            self.program.stop()
             raise
-
-    def ask(self, command):
-        """The line that answers the command; with an empty command the next line."""
-        self.shell.stdin.write(f"{command}\n")
-        self.shell.stdin.flush()
-        return self.shell.stdout.readline().rstrip("\n")
-
-    def expect(self, command, reply):
-        line = self.ask(command)
-        if line != reply:
-            raise RuntimeError(f"expected {reply!r}, got {line!r}; errors: {self.errors.read_text()}")
 
     def counters(self):
         """Bytes that went in (from the peripheral) and out (to it)."""
-        return tuple(map(int, re.match(r"RX (\d+) bytes\. TX (\d+) bytes", self.ask("stats")).groups()))
+        return tuple(map(int, re.match(r"RX (\d+) bytes\. TX (\d+) bytes", self.client.stats()).groups()))
 
     def all_arrived(self, count):
         """Waits until the far side has all of it; returns the time of the monotonic clock."""
@@ -121,14 +98,11 @@ class Bridge(Relay):
     def close(self):
         """Ends the program. What it prints about the peripheral must have no violations."""
         try:
-            self.ask("exit")
-            self.process.wait(20)
+            self.client.exit()
         finally:
-            stop(self.process)
-            stop(self.shell)
-        self.account = self.errors.read_text().strip()
-        if not re.search(r"\bviolations 0\b", self.account):
-            raise RuntimeError(f"violations, or no account of the peripheral: {self.account!r}")
+            self.client.close()
+        self.account = self.program.errors.read_text().strip()
+        check(re.search(r"\bviolations 0\b", self.account), f"violations, or no account of the peripheral: {self.account!r}")
 
 
 class Served(Relay):
@@ -136,14 +110,10 @@ class Served(Relay):
     name, load = "ziqble serve", Linux.LOAD
 
     def __init__(self, folder, peripheral):
-        self.near, events, scenario = folder / "tty", folder / "events", folder / "scenario.json"
-        scenario.write_text(json.dumps({"peripherals": [peripheral]}))
-        pipes = folder / "command", folder / "data"
-        self.program = subprocess.Popen([*Linux.PROGRAM, "--cmdPipe", pipes[0], "--datPipe", pipes[1]],
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                                        env=os.environ | {"ZIQBLE_SCENARIO": str(scenario)})
-        self.process = subprocess.Popen([*Linux.ZIQBLE, "--cmd-pipe", pipes[0], "--dat-pipe", pipes[1], "serve", ADDRESS,
-                                         "--wait", "--pty", self.near, "--events", events], stderr=subprocess.DEVNULL)
+        self.near, events = folder / "tty", folder / "events"
+        self.program = start_program(Linux, folder, peripheral)
+        self.process = subprocess.Popen([*Linux.ZIQBLE, "--cmd-pipe", self.program.command, "--dat-pipe", self.program.data, "serve",
+                                         ADDRESS, "--wait", "--pty", self.near, "--events", events], stderr=subprocess.DEVNULL)
         try:
             wait_until(lambda: events.exists() and '"up"' in events.read_text(), 20, "the link")
         except BaseException:
@@ -152,7 +122,7 @@ class Served(Relay):
 
     def close(self):
         stop(self.process)
-        stop(self.program)
+        self.program.stop()
 
 
 class SocatPort(Relay):

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/e2e/harness.h"
+#include "tests/unit/support.h"
 
 namespace {
 
@@ -43,7 +43,7 @@ class LoguruTest : public testing::Test {
                                               message.prefix + message.message);
     }
 
-    const e2e::TemporaryFolder folder_;
+    const test::TemporaryFolder folder_;
     const std::string file_ = (folder_.path() / "log").string();
 };
 

@@ -7,7 +7,7 @@
 #include "platform/bluetooth/sim/world.h"
 #include "platform/clock.h"
 #include "platform/text.h"
-#include "tests/e2e/harness.h"
+#include "tests/unit/support.h"
 
 namespace blescanner {
 namespace {
@@ -65,7 +65,7 @@ TEST(DriversDb, LinesOfAnotherCodePageAreToldAndTheOthersUsed) {
 }
 
 TEST(DriversDb, FileMayBeMissing) {
-    const e2e::TemporaryFolder folder;
+    const test::TemporaryFolder folder;
     const auto file = folder.path() / "known.db";
     sim::WorldScope world(R"({"drivers_db": ")" + file.generic_string() + R"("})");
     EXPECT_TRUE(readDriversDb().empty());

@@ -141,7 +141,7 @@ TEST(FailureMatrix, TheClientGetsWhatTheDocumentSays) {
     const auto cases = readCases();
     ASSERT_GT(cases.size(), 200U);
     play(cases.front());
-    const auto before = e2e::ownResources();
+    const auto before = test::ownResources();
     const testing::TestResult& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
     std::optional<std::chrono::steady_clock::time_point> end;
     int failed = 0;
@@ -153,14 +153,14 @@ TEST(FailureMatrix, TheClientGetsWhatTheDocumentSays) {
         play(item);
         if (result.total_part_count() == failures) continue;
         // A broken program fails in many cells, mostly at the end of a deadline.
-        if (!end) end = start + e2e::kDeadline;
+        if (!end) end = start + test::kDeadline;
         ASSERT_LT(++failed, 5) << "the cells behind this one are left out";
         ASSERT_LT(std::chrono::steady_clock::now(), *end) << "the cells behind this one are left out";
     }
     const auto settled = [&] {
-        const auto now = e2e::ownResources();
-        return now.threads <= before.threads + e2e::kResourceNoise &&
-               now.handles <= before.handles + e2e::kResourceNoise;
+        const auto now = test::ownResources();
+        return now.threads <= before.threads + test::kResourceNoise &&
+               now.handles <= before.handles + test::kResourceNoise;
     };
     // A thread that has ended for the program may still exist for the system for a moment.
     for (int attempt = 0; attempt < 1000 && !settled(); ++attempt)

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/clock.h"
-#include "tests/e2e/harness.h"
+#include "tests/unit/support.h"
 
 namespace platform {
 namespace {
@@ -47,9 +47,9 @@ TEST(HostEvent, NoWakeUpIsLost) {
     setter.join();
 
     // A wake-up that is left over from an earlier round must not make the wait spin.
-    const auto begin = e2e::ownProcessorTime();
+    const auto begin = test::ownProcessorTime();
     EXPECT_EQ(waitAny(std::array{&event}, milliseconds(100)), std::nullopt);
-    EXPECT_LT(e2e::ownProcessorTime() - begin, milliseconds(50));
+    EXPECT_LT(test::ownProcessorTime() - begin, milliseconds(50));
 }
 
 TEST(HostEvent, WakesEveryWaiterOfAnEventThatIsNeverReset) {
@@ -71,17 +71,17 @@ TEST(HostClock, ASleepEndsWithOneOfItsEventsAndIsRecordedInFull) {
     setSleepObserver([&](milliseconds duration) { recorded.push_back(duration); });
     const auto begin = std::chrono::steady_clock::now();
     std::thread setter([&] { waker.set(); });
-    sleepFor(e2e::kDeadline, {&other, &waker});
+    sleepFor(test::kDeadline, {&other, &waker});
     setter.join();
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, e2e::kDeadline / 2);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, test::kDeadline / 2);
     EXPECT_TRUE(waker.isSet());
 
     waker.reset();
     setTimeScale(1000);
-    sleepFor(e2e::kDeadline, {&other, &waker});
+    sleepFor(test::kDeadline, {&other, &waker});
     setTimeScale(1);
     setSleepObserver({});
-    EXPECT_EQ(recorded, std::vector<milliseconds>(2, e2e::kDeadline));
+    EXPECT_EQ(recorded, std::vector<milliseconds>(2, test::kDeadline));
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/pipe.h"
-#include "tests/e2e/harness.h"
+#include "tests/unit/support.h"
 
 namespace platform {
 
@@ -30,18 +30,14 @@ class HostPipe : public ::testing::Test {
         pipe_ = create().pipe;
         ASSERT_TRUE(pipe_);
     }
-    e2e::PipeClient newClient() {
-        e2e::PipeClient client;
-        EXPECT_TRUE(client.tryOpen(path_));
-        return client;
-    }
-    e2e::PipeClient openWithClient() {
+    test::PipeClient newClient() { return test::PipeClient(path_); }
+    test::PipeClient openWithClient() {
         open();
-        e2e::PipeClient client = newClient();
+        test::PipeClient client = newClient();
         EXPECT_EQ(pipe_->connect(), SystemError::none);
         return client;
     }
-    bool wait() { return waitAny(std::array{&request_.event()}, e2e::kDeadline).has_value(); }
+    bool wait() { return waitAny(std::array{&request_.event()}, test::kDeadline).has_value(); }
     IoResult read() {
         const IoResult result = pipe_->startRead(request_, buffer_);
         return result.error == SystemError::ioPending && wait() ? pipe_->result(request_) : result;
@@ -52,8 +48,8 @@ class HostPipe : public ::testing::Test {
         return {reinterpret_cast<const char*>(buffer_.data()), result.bytes};
     }
 
-    const e2e::TemporaryFolder folder_;
-    const std::filesystem::path path_ = e2e::dataPipe(folder_.path());
+    const test::TemporaryFolder folder_;
+    const std::filesystem::path path_ = test::pipeOf(folder_.path());
     std::shared_ptr<Pipe> pipe_;
     IoRequest request_;
     Bytes buffer_ = Bytes(512);

@@ -9,7 +9,7 @@
 namespace platform {
 namespace {
 
-using e2e::PipeClient;
+using test::PipeClient;
 using enum SystemError;
 
 TEST_F(HostPipe, ReportsAClientThatCameEarlyAndServesTheNextOne) {
@@ -18,7 +18,7 @@ TEST_F(HostPipe, ReportsAClientThatCameEarlyAndServesTheNextOne) {
     EXPECT_FALSE(tooEarly == none || tooEarly == ioPending);
     PipeClient early = newClient();
     EXPECT_EQ(pipe_->startConnect(request_), pipeConnected);
-    EXPECT_EQ(pipe_->client().processId, e2e::ownProcessId());
+    EXPECT_EQ(pipe_->client().processId, test::ownProcessId());
     pipe_->disconnect();
     EXPECT_TRUE(early.waitForClose());
 
@@ -101,7 +101,7 @@ TEST_F(HostPipe, CloseFromAnotherThreadEndsWhatIsPending) {
         closer.join();
         EXPECT_EQ(pipe_->result(request_).error, operationAborted);
         EXPECT_EQ(start(), operationAborted);
-        EXPECT_FALSE(pipe_->isOpen() || e2e::pipeExists(path_));
+        EXPECT_FALSE(pipe_->isOpen() || test::pipeExists(path_));
     }
     for (int round = 0; round < 100; ++round) {
         open();

@@ -18,7 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-using e2e::PipeClient;
+using test::PipeClient;
 using enum SystemError;
 
 SystemError code(int error) {
@@ -31,9 +31,9 @@ TEST_F(HostPipe, AnEventThatIsAlwaysSetDoesNotStarveARead) {
     other.set();
     const std::array events{&request_.event(), &other};
     EXPECT_EQ(pipe_->startRead(request_, buffer_).error, ioPending);
-    EXPECT_EQ(waitAny(events, e2e::kDeadline), 1u);
+    EXPECT_EQ(waitAny(events, test::kDeadline), 1u);
     client.send("abc");
-    EXPECT_EQ(waitAny(events, e2e::kDeadline), 0u);
+    EXPECT_EQ(waitAny(events, test::kDeadline), 0u);
 }
 
 TEST_F(HostPipe, WriteToASlowClientReportsExactlyWhatItGets) {
@@ -113,7 +113,7 @@ TEST_F(HostPipe, OnlyAStaleSocketIsReplaced) {
     pipe_->cancel(request_);
     fs::remove(lock);
     EXPECT_EQ(create().error, code(EADDRINUSE)) << "in use by a program that does not know the lock";
-    EXPECT_TRUE(PipeClient().tryOpen(path_));
+    newClient();
     pipe_->close();
     EXPECT_FALSE(fs::exists(path_));
 

@@ -12,7 +12,7 @@ namespace platform {
 namespace {
 
 using namespace std::chrono_literals;
-using e2e::PipeClient;
+using test::PipeClient;
 using enum SystemError;
 
 SystemError code(DWORD error) {

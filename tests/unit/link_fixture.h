@@ -16,8 +16,8 @@
 #include "platform/bluetooth/sim/world.h"
 #include "platform/clock.h"
 #include "platform/text.h"
-#include "tests/e2e/harness.h"
 #include "tests/unit/log_capture.h"
+#include "tests/unit/support.h"
 
 namespace test {
 
@@ -31,7 +31,7 @@ class Link {
         world_.emplace(scenario);
         loguru::g_stderr_verbosity = loguru::Verbosity_OFF;  // a test reads the log by LogCapture
         platform::setTimeScale(500);
-        blescanner::settings().datPipeName = platform::widen(e2e::dataPipe(folder_.path()).string());
+        blescanner::settings().datPipeName = platform::widen(test::pipeOf(folder_.path()).string());
         blescanner::linkNotification().open();
     }
     ~Link() {
@@ -54,25 +54,21 @@ class Link {
         if (pipe_) pipe_->close();
     }
     // The next line for the client, without its end; empty when none came in time.
-    std::string line(std::chrono::milliseconds deadline = e2e::kDeadline) {
+    std::string line(std::chrono::milliseconds deadline = test::kDeadline) {
         platform::Event* const events[] = {&blescanner::linkNotification().event()};
         if (!platform::waitAny(events, deadline)) return "";
         const auto taken = blescanner::linkNotification().take();
         return taken ? platform::toUtf8(taken->substr(0, taken->size() - 2)) : "";
     }
-    e2e::PipeClient openData() {
-        e2e::PipeClient client;
-        EXPECT_TRUE(client.open(e2e::dataPipe(folder_.path())));
-        return client;
-    }
-    bool ended() { return blescanner::waitForLinkSessions(e2e::kDeadline); }
+    test::PipeClient openData() { return test::PipeClient(test::pipeOf(folder_.path())); }
+    bool ended() { return blescanner::waitForLinkSessions(test::kDeadline); }
     blescanner::TioContext& context() { return *blescanner::currentTioContext(); }
     sim::TioPeripheral& peripheral() { return world_->world().peripheral(0); }
     sim::World& world() { return world_->world(); }
 
   private:
     std::optional<sim::WorldScope> world_;
-    e2e::TemporaryFolder folder_;
+    test::TemporaryFolder folder_;
     std::shared_ptr<blescanner::CNamedPipe> pipe_;
 };
 

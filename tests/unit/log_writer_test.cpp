@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/e2e/harness.h"
+#include "tests/unit/support.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ class Output {
     }
     bool waitUntilItBlocks() {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, e2e::kDeadline, [this] { return blocking_; });
+        return changed_.wait_for(lock, test::kDeadline, [this] { return blocking_; });
     }
     std::string taken() const {
         const std::lock_guard lock(mutex_);
@@ -80,7 +80,7 @@ TEST(LogWriter, KeepsTheLinesOfEachThreadWholeAndInOrder) {
         }
         for (std::thread& thread : threads)
             thread.join();
-        EXPECT_TRUE(writer.drain(e2e::kDeadline));
+        EXPECT_TRUE(writer.drain(test::kDeadline));
         writer.push("last\n");
     }
     std::array<int, 3> next{};
@@ -104,15 +104,15 @@ TEST(LogWriter, WhileTheOutputBlocksPushesReturnAndWhatHasNoRoomIsCounted) {
         writer.push(line);
     EXPECT_FALSE(writer.drain(20ms));
     output.block(false);
-    EXPECT_TRUE(writer.drain(e2e::kDeadline));
+    EXPECT_TRUE(writer.drain(test::kDeadline));
     const std::string expected = "first\nsecond 901234\nthird 8901234\n" + missing(3);
     EXPECT_EQ(output.taken(), expected) << "a short line has no room where a longer one had none";
 
     writer.push("later\n");
-    EXPECT_TRUE(writer.drain(e2e::kDeadline));
+    EXPECT_TRUE(writer.drain(test::kDeadline));
     EXPECT_EQ(output.taken(), expected + "later\n");
     writer.push(std::string(31, 'x'));
-    EXPECT_TRUE(writer.drain(e2e::kDeadline));
+    EXPECT_TRUE(writer.drain(test::kDeadline));
     EXPECT_EQ(output.taken(), expected + "later\n" + missing(1));
 }
 
@@ -122,7 +122,7 @@ TEST(LogWriter, GoesOnAfterAFailedWriteAndTellsWhatIsMissing) {
     output.failTimes(2);
     for (const char* line : {"a\n", "b\n", "c\n", "d\n"}) {
         writer.push(line);
-        EXPECT_TRUE(writer.drain(e2e::kDeadline));
+        EXPECT_TRUE(writer.drain(test::kDeadline));
     }
     EXPECT_EQ(output.taken(), "c\n" + missing(2) + "d\n");
 }

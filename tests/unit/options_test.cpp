@@ -9,7 +9,7 @@
 #include "blescanner/blescanner.h"
 #include "blescanner/settings.h"
 #include "platform/bluetooth/sim/world.h"
-#include "tests/e2e/harness.h"
+#include "tests/unit/support.h"
 
 namespace {
 
@@ -37,7 +37,7 @@ class OptionsTest : public testing::Test {
 
   private:
     const fs::path previous_ = fs::current_path();
-    const e2e::TemporaryFolder folder_;
+    const test::TemporaryFolder folder_;
 };
 
 TEST_F(OptionsTest, SettingsAndOutput) {

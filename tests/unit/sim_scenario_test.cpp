@@ -6,8 +6,8 @@
 
 #include "platform/bluetooth/sim/scenario.h"
 #include "platform/runtime.h"
-#include "tests/e2e/harness.h"
 #include "tests/unit/document_table.h"
+#include "tests/unit/support.h"
 
 namespace {
 
@@ -170,7 +170,7 @@ TEST(SimScenario, GivenKeysReplaceDefaults) {
 }
 
 TEST(SimScenario, FilesAreReadWithTheirFolderAndNamedInErrors) {
-    const e2e::TemporaryFolder folder;
+    const test::TemporaryFolder folder;
     const auto file = folder.path() / "world.json";
     std::ofstream(file) << R"({"drivers_db": "drivers.db"})";
     EXPECT_EQ(sim::readScenario(file).driversDb, folder.path() / "drivers.db");

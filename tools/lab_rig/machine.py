@@ -1,5 +1,6 @@
 """The lab's machine: its two adapters, bluetoothd and the virtual controllers. Runs in the lab."""
 import os
+import shutil
 import signal
 import subprocess
 from pathlib import Path
@@ -10,6 +11,7 @@ from bridge_client import wait_until
 
 HOST_ADAPTER, PERIPHERAL_ADAPTER = "/org/bluez/hci0", "/org/bluez/hci1"
 PERIPHERAL_ADDRESS = "00:AA:01:01:00:01"
+USER = "tester"  # has no privileges, and the bus does not let him touch the peripheral's adapter
 BLUETOOTHD = ["/usr/libexec/bluetooth/bluetoothd", "-n", "-E"]
 TWO_CONTROLLERS, ONE_CONTROLLER = ["btvirt", "-L", "-l2"], ["btvirt", "-L", "-l1"]
 DEADLINE = 60  # seconds
@@ -66,6 +68,13 @@ def forget_devices():
             forget_device(path)
     for names in Path("/var/lib/bluetooth").glob("*/cache/*"):
         names.unlink()
+
+
+def as_tester(*folders):
+    """How a child process is started as that user, who gets the folders."""
+    for folder in folders:
+        shutil.chown(folder, USER)
+    return {"user": USER, "group": USER, "extra_groups": []}
 
 
 def start_daemon(command):

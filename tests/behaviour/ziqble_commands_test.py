@@ -2,9 +2,13 @@
 import json
 import os
 import signal
-import socket
 import subprocess
-from rig import ADDRESS, linux_only, peripheral, rig, seconds_of, wait_until  # noqa: F401
+
+import pytest
+from conftest import ADDRESS, peripheral, seconds_of
+
+pytestmark = pytest.mark.rigs("sim", "sim-wine")
+linux_only = pytest.mark.rigs("sim")
 
 # One session after another with the same bridge: arguments, exit code, what is printed, what is complained of.
 SESSION = [
@@ -51,7 +55,7 @@ def test_bytes_go_both_ways(rig):
     result = rig.run("pipe", ADDRESS, "--idle", "3", input=sent)
     assert (result.returncode, result.stdout) == (0, sent), result.stderr
     assert b"30000 bytes sent (0 lost), 30000 bytes received (0 lost)" in result.stderr
-    assert rig.account() == (30000, 30000)
+    assert rig.moved() == (30000, 30000)
 
 
 def test_program_is_started_and_ended(rig):
@@ -62,12 +66,8 @@ def test_program_is_started_and_ended(rig):
 
 @linux_only
 def test_busy_pipe_is_told_and_its_link_stays(rig):
-    rig.start_bridge()
-    other = socket.socket(socket.AF_UNIX)
-    other.connect(rig.pipes[0])
-    lines = other.makefile()
-    other.sendall(b"connect " + ADDRESS.encode() + b"\n")
-    assert [lines.readline(), lines.readline()] == ["OK\n", "CONNECT TIO\n"]
+    other = rig.start()
+    other.ask(f"connect {ADDRESS}", "OK", "CONNECT TIO")
     seconds, result = seconds_of(lambda: rig.run("stats"))
     assert result.returncode == 4 and b"--wait" in result.stderr and seconds < 5, (seconds, result)
     impatient, waiting = rig.spawn("--wait", "stats"), rig.spawn("--wait", "stats", "--json")
@@ -75,7 +75,7 @@ def test_busy_pipe_is_told_and_its_link_stays(rig):
         assert b"waiting until another client" in child.stderr.readline()
     impatient.send_signal(signal.SIGINT)
     assert impatient.wait(20) == 130
-    other.sendall(b"quit\n")
+    other.shell.command("quit")
     # Neither those that gave up nor the other's end have stopped the link.
     assert json.loads(waiting.communicate(timeout=20)[0])["connected"]
 
@@ -88,4 +88,4 @@ def test_output_that_cannot_be_written_is_told(rig):
     assert result.returncode == 1 and b"cannot write to standard output" in result.stderr
     result = subprocess.run(["sh", "-c", '"$@" <&-', "sh", *map(str, rig.command("pipe", ADDRESS))], capture_output=True, timeout=20)
     assert result.returncode == 1 and b"cannot read standard input" in result.stderr
-    assert rig.account() == (0, 0)
+    assert rig.moved() == (0, 0)

@@ -10,11 +10,20 @@ import threading
 import time
 
 import pytest
-from rig import ADDRESS, WINDOWS, Events, linux_only, peripheral, rig, seconds_of, wait_until  # noqa: F401
+from bridge_client import wait_until
+from conftest import ADDRESS, WINE, peripheral, seconds_of
 
+pytestmark = pytest.mark.rigs("sim", "sim-wine")
+linux_only = pytest.mark.rigs("sim")
 pexpect = pytest.importorskip("pexpect")
 serial = pytest.importorskip("serial")
 SOURCE = bytes((i + i // 251) % 256 for i in range(20000))
+
+
+def echo(child, text):
+    child.stdin.write(text)
+    child.stdin.flush()
+    assert child.stdout.read(len(text)) == text
 
 
 @pytest.mark.parametrize("arguments, world, code, told", [
@@ -32,7 +41,7 @@ def test_send(rig, arguments, world, code, told):
     assert result.returncode == code and told in result.stderr.decode(), result
     least = "at least " if code == 6 else ""
     sent, lost = map(int, re.search(rf"(\d+) bytes sent \({least}(\d+) lost", result.stderr.decode()).groups())
-    arrived = rig.account()[0]
+    arrived = rig.moved()[0]
     # What was under way when a link drops counts as sent.
     assert arrived == sent - lost if code != 6 else arrived <= sent - lost <= arrived + 244
 
@@ -58,9 +67,7 @@ def test_killed_client_and_killed_bridge(rig):
     rig.start_bridge()
     trace = rig.folder / "trace.pcapng"
     client = rig.spawn("pipe", ADDRESS, "--trace", trace)
-    client.stdin.write(b"hello")
-    client.stdin.flush()
-    assert client.stdout.read(5) == b"hello"
+    echo(client, b"hello")
     client.kill()
     seconds, result = seconds_of(lambda: rig.run("stats", "--json"))
     assert not json.loads(result.stdout)["connected"] and seconds < 5, seconds
@@ -73,10 +80,8 @@ def test_killed_client_and_killed_bridge(rig):
         assert b"hello" == b"".join(bytes.fromhex(data) for way, data in packets if int(way, 16) == int(direction, 16))
 
     client = rig.spawn("pipe", ADDRESS)
-    client.stdin.write(b"hello")
-    client.stdin.flush()
-    assert client.stdout.read(5) == b"hello"
-    rig.program.process.kill()
+    echo(client, b"hello")
+    rig.programs[-1].process.kill()
     assert client.wait(20) == 6 and b"an unknown number lost" in client.stderr.read()
 
 
@@ -104,9 +109,7 @@ def test_a_command_takes_its_link_down(rig, command):
         child, _ = serve(rig, "--pty", rig.folder / "tty")
     else:
         child = rig.spawn("pipe", ADDRESS)
-        child.stdin.write(b"?")
-        child.stdin.flush()
-        assert child.stdout.read(1) == b"?"
+        echo(child, b"?")
     child.terminate()
     assert child.wait(20) == (0 if command == "serve" else 128 + signal.SIGTERM)
     assert not json.loads(rig.run("stats", "--json").stdout)["connected"]
@@ -116,13 +119,11 @@ def test_a_command_takes_its_link_down(rig, command):
 def test_a_bridge_that_hangs_holds_nobody_up(rig):
     rig.start_bridge()
     child = rig.spawn("pipe", ADDRESS)
-    child.stdin.write(b"hello")
-    child.stdin.flush()
-    assert child.stdout.read(5) == b"hello"
-    rig.program.process.send_signal(signal.SIGSTOP)
+    echo(child, b"hello")
+    rig.programs[-1].process.send_signal(signal.SIGSTOP)
     child.send_signal(signal.SIGINT)
     seconds, code = seconds_of(lambda: child.wait(20))
-    rig.program.process.send_signal(signal.SIGCONT)
+    rig.programs[-1].process.send_signal(signal.SIGCONT)
     assert code == 130 and seconds < 10
 
 
@@ -210,7 +211,22 @@ def test_line_of_the_terminal_is_edited_by_characters(rig):
     terminal.child.send("\u00e9\x7fa\r")
     terminal.child.expect("\r\na")
     terminal.child.send("\x1dq")
-    assert terminal.end() == 0 and rig.account() == (1, 1)
+    assert terminal.end() == 0 and rig.moved() == (1, 1)
+
+
+class Events:
+    """The JSON lines that "serve" writes."""
+
+    def __init__(self, path):
+        self.path = path
+
+    def __call__(self, kind):
+        lines = self.path.read_text().splitlines() if self.path.exists() else []
+        return [event for event in map(json.loads, lines) if event["event"] == kind]
+
+    def wait(self, kind, count=1, seconds=20):
+        wait_until(lambda: len(self(kind)) >= count, seconds, f"event {kind} number {count}")
+        return self(kind)[count - 1]
 
 
 def serve(rig, *arguments):
@@ -252,7 +268,7 @@ def test_serial_port_outlives_a_hundred_drops(rig):
     losses = [event for event in events("lost") if "TIO DROP" in event["text"] or "STATUS CLOSED" in event["text"]]
     assert len(losses) == drops and len(events("up")) == drops + 1 and pieces <= drops + 1
     told = sum(event["lost_to_peripheral"] for event in events("lost"))
-    arrived = rig.account()[0]
+    arrived = rig.moved()[0]
     # The packet under way when a link drops counts as sent.
     assert len(sent) - told - drops * 244 <= arrived <= len(sent) - told
 
@@ -306,7 +322,7 @@ def test_tcp_port_serves_one_client_after_another_when_no_bytes_go(rig):
     number = free_port()
     _, events = serve(rig, "--tcp", str(number))
     # The first one sends more than the data pipe and ziqble hold, so that its end waits behind its bytes. Wine does not show that.
-    for count, size in (1, 30_000 if WINDOWS else 100_000), (2, 30_000):
+    for count, size in (1, 30_000 if WINE else 100_000), (2, 30_000):
         with socket.create_connection(("127.0.0.1", number)) as client:
             client.settimeout(20)
             client.sendall(bytes(size))
@@ -328,9 +344,7 @@ def test_tcp_port_outlives_the_bridge(rig):
     client = subprocess.Popen(["socat", "-", f"TCP:127.0.0.1:{number}"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
     rig.children.append(client)
     for round_number in range(2):
-        client.stdin.write(b"hello")
-        client.stdin.flush()
-        assert client.stdout.read(5) == b"hello"
+        echo(client, b"hello")
         if round_number == 0:
             first.process.kill()
             first.process.wait()
