@@ -100,7 +100,8 @@ class Pipe:
             writing, reading = rest and not self.broken, read and not self.ended
             if not (reading or writing):
                 break
-            check(time.monotonic() < end, f"nothing has moved for {seconds} s: {len(self.come)} bytes have come, {len(rest)} have to go")
+            check(time.monotonic() < end,
+                  f"nothing has moved for {seconds} s: {len(self.come)} bytes have come, {len(rest)} have to go")
             select.select([self.socket] if reading else [], [self.socket] if writing else [], [], 0.05)
             count = self.offer(rest[:65536]) if writing else 0
             rest = rest[count:]
@@ -170,8 +171,8 @@ class Program:
             world["ZIQBLE_SCENARIO"] = str(scenario)
         arguments = ["--cmdPipe", self.command, "--datPipe", self.data] if arguments is None else arguments
         with self.log.open("w") as out, self.errors.open("w") as err:
-            self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *host.run, executable, *arguments], stdin=subprocess.DEVNULL,
-                                            stdout=output or out, stderr=err, env=world, **options)
+            self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *host.run, executable, *arguments],
+                                            stdin=subprocess.DEVNULL, stdout=output or out, stderr=err, env=world, **options)
 
     def running(self):
         return self.process.poll() is None
@@ -183,7 +184,7 @@ class Program:
         return self.log_text().splitlines(True)[-count:]
 
     def wait_for_log(self, text, times=1, seconds=DEADLINE):
-        wait_until(lambda: self.log_text().count(text) >= times or not self.running(), seconds, f"{text!r} in the log, {times} times,")
+        wait_until(lambda: self.log_text().count(text) >= times or not self.running(), seconds, f"{text!r} in the log ({times})")
         check(self.log_text().count(text) >= times, f"the program ended, and its log does not have {text!r}")
 
     def wait_until_serving(self):
@@ -237,7 +238,8 @@ class Bridge:
         self.shell = program.shell()
 
     def ask(self, command, *answers):
-        return self.shell.ask(command, *answers, seconds=180)  # a link that does not come up resets all radios, one after the other
+        # A link that does not come up resets all radios, one after the other.
+        return self.shell.ask(command, *answers, seconds=180)
 
     def connect(self, **options):
         """Brings the link up; returns the open data pipe."""
@@ -247,7 +249,8 @@ class Bridge:
 
     def echo(self, count, seconds=DEADLINE):
         sent = os.urandom(count)
-        check((back := self.data.exchange(sent, count, seconds)) == sent, f"the echo differs: {len(back)} bytes came back for {count}")
+        back = self.data.exchange(sent, count, seconds)
+        check(back == sent, f"the echo differs: {len(back)} bytes came back for {count}")
 
     def disconnect(self):
         """Takes the link down; returns what came on the data pipe before its end."""

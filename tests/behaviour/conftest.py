@@ -87,7 +87,7 @@ class Rig:
         return bridge
 
     def account(self, bridge, ended=False):
-        """Ends the program, unless that has been done; checks what it leaves behind and returns what its peripheral has counted."""
+        """Ends the program, unless that has been done, and checks what it leaves behind. What its peripheral has counted."""
         if not ended:
             bridge.exit()
         program = bridge.program
@@ -127,7 +127,8 @@ class Rig:
     # ziqble
 
     def command(self, *arguments):
-        return [*self.host.run, BUILD / f"ziqble{self.host.suffix}", "--cmd-pipe", self.pipes[0], "--dat-pipe", self.pipes[1], *arguments]
+        ziqble = BUILD / f"ziqble{self.host.suffix}"
+        return [*self.host.run, ziqble, "--cmd-pipe", self.pipes[0], "--dat-pipe", self.pipes[1], *arguments]
 
     def run(self, *arguments, **options):
         return subprocess.run(self.command(*arguments), capture_output=True, timeout=60, **options)

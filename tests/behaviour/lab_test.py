@@ -1,5 +1,4 @@
 """The program on a real Bluetooth stack, in the lab: what can happen to adapters, bluetoothd and a peripheral."""
-import contextlib
 import signal
 
 import pytest
@@ -18,8 +17,7 @@ def test_scan(rig):
         machine.forget_devices()
         bridge.ask("lescan 1000", "N/A")
         lab.peripheral.do(f"appear {name}")
-        found = bridge.ask("lescan 4000").encode("latin-1").decode()
-        assert found == PERIPHERAL_ADDRESS.lower() + (f";{name}" if name else "")
+        assert bridge.ask("lescan 4000") == PERIPHERAL_ADDRESS.lower() + (f";{name}" if name else "")
 
 
 def test_bytes_from_the_peripheral(rig):
@@ -65,8 +63,10 @@ def restart_bluetoothd(how):
     pytest.param(lambda: machine.power(False, HOST_ADAPTER), lambda: machine.power(True, HOST_ADAPTER),
                  "adapter hci0 was switched off", id="adapter switched off"),
     pytest.param(unplug, plug_in, "adapter hci0 is gone", id="adapter unplugged"),
-    pytest.param(lambda: restart_bluetoothd(signal.SIGTERM), machine.wait_for_adapters, "bluetoothd has ended", id="bluetoothd ended"),
-    pytest.param(lambda: restart_bluetoothd(signal.SIGKILL), machine.wait_for_adapters, "bluetoothd has ended", id="bluetoothd killed"),
+    pytest.param(lambda: restart_bluetoothd(signal.SIGTERM), machine.wait_for_adapters,
+                 "bluetoothd has ended", id="daemon ended"),
+    pytest.param(lambda: restart_bluetoothd(signal.SIGKILL), machine.wait_for_adapters,
+                 "bluetoothd has ended", id="daemon killed"),
 ])
 def test_link_that_breaks_during_a_transfer(rig, cause, cure, logged):
     """The client is told, the log has the line, and after the cure the same program connects again."""
@@ -109,55 +109,44 @@ def test_resetbt(rig):
     bridge.session()
 
 
-@contextlib.contextmanager
-def other_controllers(*command):
-    """Replaces the two virtual controllers by those that the command starts, or by none."""
-    lab.stop()
+def end_controllers():
     machine.end_daemon(machine.TWO_CONTROLLERS)
     wait_until(lambda: HOST_ADAPTER not in machine.objects(), DEADLINE, "the adapter's end")
-    try:
-        if command:
-            machine.start_daemon(command)
-            wait_until(lambda: machine.powered(HOST_ADAPTER), DEADLINE, "the adapter")
-        yield
-    finally:
-        machine.end_daemon(machine.TWO_CONTROLLERS)
-        wait_until(lambda: HOST_ADAPTER not in machine.objects(), DEADLINE, "the adapter's end")
-        plug_in()
 
 
-@contextlib.contextmanager
-def no_power():
-    machine.power(False, HOST_ADAPTER, PERIPHERAL_ADAPTER)
-    try:
-        yield
-    finally:
-        machine.power(True, HOST_ADAPTER, PERIPHERAL_ADAPTER)
+def start_bluetoothd():
+    machine.start_daemon(machine.BLUETOOTHD)
+    machine.wait_for_adapters()
 
 
-@contextlib.contextmanager
-def no_bluetoothd():
+@pytest.mark.parametrize("take, give_back, told", [
+    pytest.param(lambda: machine.power(False, HOST_ADAPTER, PERIPHERAL_ADAPTER),
+                 lambda: machine.power(True, HOST_ADAPTER, PERIPHERAL_ADAPTER), ["BLE DISABLED!"], id="all adapters off"),
+    pytest.param(end_controllers, plug_in, ["BLE NOT FOUND", "there is no adapter that is switched on"], id="no adapter"),
+    pytest.param(lambda: machine.end_daemon(machine.BLUETOOTHD), start_bluetoothd, ["BLE NOT FOUND", "bluetoothd does not run"],
+                 id="no bluetoothd"),
+])
+def test_start_without_usable_bluetooth(rig, take, give_back, told):
     lab.stop()
-    machine.end_daemon(machine.BLUETOOTHD)
+    take()
     try:
-        yield
-    finally:
-        machine.start_daemon(machine.BLUETOOTHD)
-        machine.wait_for_adapters()
-
-
-@pytest.mark.parametrize("lacking, told", [(no_power, ["BLE DISABLED!"]), (no_bluetoothd, ["BLE NOT FOUND", "bluetoothd does not run"]),
-                                           (other_controllers, ["BLE NOT FOUND", "there is no adapter that is switched on"])])
-def test_start_without_usable_bluetooth(rig, lacking, told):
-    with lacking():
         program = rig.launch()
         assert program.wait() == 0
         assert all(text in program.log_text() for text in told)
+    finally:
+        give_back()
 
 
 def test_start_with_the_only_adapter_off(rig):
-    with other_controllers(*machine.ONE_CONTROLLER):
+    lab.stop()
+    end_controllers()
+    machine.start_daemon(machine.ONE_CONTROLLER)
+    try:
+        wait_until(lambda: machine.powered(HOST_ADAPTER), DEADLINE, "the adapter")
         machine.power(False, HOST_ADAPTER)
         bridge = Bridge(rig.launch(), PERIPHERAL_ADDRESS)
         assert machine.powered(HOST_ADAPTER) and "BLE ON" in bridge.stats()
         bridge.exit()
+    finally:
+        end_controllers()
+        plug_in()
