@@ -5,15 +5,13 @@
 #include <bluetoothapis.h>
 #include <setupapi.h>
 
-#include <fstream>
+#include <bit>
 #include <map>
+#include <tuple>
 
 #include "blescanner/blehelper.h"
-#include "blescanner/btdrivercheck.h"
 #include "log_capture.h"
-#include "platform/clock.h"
 #include "platform/driver.h"
-#include "platform/text.h"
 #include "sleep_recorder.h"
 
 // Has to come after the system's headers.
@@ -33,15 +31,9 @@ struct Radio {
     std::vector<std::size_t> replySizes = {};  // the room for each answer
 };
 
-struct Driver {
-    std::wstring description, manufacturer, provider;
-    SYSTEMTIME date;  // UTC
-    std::uint64_t version;
-};
-
 struct Device {
     DWORD listError = 0;
-    std::vector<Driver> drivers = {};
+    std::vector<platform::DriverInfo> drivers = {};
     bool listed = false;
 };
 
@@ -130,19 +122,19 @@ BOOL WINAPI buildDriverInfoList(HDEVINFO set, SP_DEVINFO_DATA* info, DWORD type)
     return answer(device.listError);
 }
 
-// Windows gives the date as midnight in UTC.
 BOOL WINAPI enumDriverInfo(HDEVINFO set, SP_DEVINFO_DATA* info, DWORD type, DWORD index,
                            SP_DRVINFO_DATA_W* out) {
     if (set != &machine || type != SPDIT_COMPATDRIVER || out->cbSize != sizeof(SP_DRVINFO_DATA_V2_W))
         return answer(ERROR_INVALID_PARAMETER);
     const Device& device = machine.devices.at(info->DevInst);
     if (!device.listed || index >= device.drivers.size()) return answer(ERROR_NO_MORE_ITEMS);
-    const Driver& driver = device.drivers[index];
+    const platform::DriverInfo& driver = device.drivers[index];
     driver.description.copy(out->Description, LINE_LEN);
     driver.manufacturer.copy(out->MfgName, LINE_LEN);
     driver.provider.copy(out->ProviderName, LINE_LEN);
+    out->DriverDate = std::bit_cast<FILETIME>(driver.date.ticks);
     out->DriverVersion = driver.version;
-    return ::SystemTimeToFileTime(&driver.date, &out->DriverDate);
+    return TRUE;
 }
 
 }  // namespace
@@ -181,6 +173,8 @@ decltype(&::SetupDiEnumDriverInfoW) __imp_SetupDiEnumDriverInfoW = &enumDriverIn
 
 namespace blescanner {
 namespace {
+
+using platform::SystemError;
 
 class WindowsDevices : public ::testing::Test {
   protected:
@@ -238,50 +232,27 @@ TEST_F(WindowsDevices, NoRadios) {
     EXPECT_TRUE(log.find("setScanInterval: Could not find BLE device to work with! 259"));
 }
 
-TEST_F(WindowsDevices, DriverListsThatFail) {
-    const auto lines = [] {
-        const test::LogCapture log;
-        checkBluetoothDrivers();
-        return log.texts();
+TEST_F(WindowsDevices, DriversOfEachDevice) {
+    const platform::DriverInfo drivers[] = {
+        {L"Old radio", L"M", L"P", {131'065'344'000'000'000}, 0x0001'0002'0003'0004},
+        {L"K\u00FCche", L"N", L"Q", {7}, 0x000A'0000'4A61'FFFF},
     };
-    using Texts = std::vector<std::string>;
-    machine.devices = {{13}};
-    EXPECT_EQ(lines(), Texts{"Driver check: SetupDiBuildDriverInfoList err - 13"});
+    machine.devices = {{0, {drivers[0], drivers[1]}}, {13}};
+    const auto list = platform::bluetoothDriverDevices();
+    ASSERT_EQ(list.devices.size(), 2U);
+    EXPECT_EQ(list.devices[0]->buildCompatibleDriverList(), SystemError::none);
+    platform::DriverInfo found;
+    const auto fields = [](const platform::DriverInfo& info) {
+        return std::tie(info.description, info.manufacturer, info.provider, info.date.ticks, info.version);
+    };
+    for (std::uint32_t index = 0; index < 2; ++index) {
+        EXPECT_EQ(list.devices[0]->compatibleDriver(index, found), SystemError::none);
+        EXPECT_EQ(fields(found), fields(drivers[index]));
+    }
+    EXPECT_EQ(list.devices[0]->compatibleDriver(2, found), SystemError::noMoreItems);
+    EXPECT_EQ(list.devices[1]->buildCompatibleDriverList(), static_cast<SystemError>(13));
     machine.devicesError = 5;
-    EXPECT_EQ(lines(), Texts{"Driver check: SetupDiGetClassDevs failed: 5"});
-}
-
-// The test runs two hours east of UTC. The date in the listing is shifted once, that in the warning twice.
-TEST_F(WindowsDevices, DriverListingAndWarnings) {
-    const auto text = [](const platform::CalendarTime& time) {
-        return platform::toUtf8(platform::formatLongDateAndTime(time));
-    };
-    std::ofstream(platform::driversDbPath()) << "An Intel Co,10.0.19041.65535,Get 2.\n";
-    machine.devices = {
-        {0, {{L"Old radio", L"M", L"P", {2016, 5, 0, 1, 0, 0, 0, 0}, 0x0001'0002'0003'0004}}},
-        {0, {{L"Known radio", L"An Intel Co", L"Q", {2020, 1, 0, 31, 0, 0, 0, 0}, 0x000A'0000'4A61'FFFF}}},
-    };
-    const test::LogCapture log;
-    checkBluetoothDrivers();
-    std::filesystem::remove(platform::driversDbPath());
-    const std::vector<std::string> expected = {
-        "---------------",
-        "Driver description Old radio",
-        "Driver manufacturer M",
-        "Driver provider P",
-        "Driver date is " + text({2016, 5, 1, 2, 0, 0}),
-        "Driver version is 1.2.3.4",
-        "[WARNING] It is recommended to check for new Bluetooth \"M:P:" + text({2016, 5, 1, 4, 0, 0}) +
-            "\" driver version and update!",
-        "---------------",
-        "Driver description Known radio",
-        "Driver manufacturer An Intel Co",
-        "Driver provider Q",
-        "Driver date is " + text({2020, 1, 31, 2, 0, 0}),
-        "Driver version is 10.0.19041.65535",
-        "[WARNING] Bluetooth driver \"An Intel Co:Q\" may require an update! Get 2.",
-    };
-    EXPECT_EQ(log.texts(), expected);
+    EXPECT_EQ(platform::bluetoothDriverDevices().error, static_cast<SystemError>(5));
 }
 
 }  // namespace

@@ -86,7 +86,7 @@ class Watcher final : public Object<Watcher, advertising::IBluetoothLEAdvertisem
     EventRegistrations registrations_;
 };
 
-class Factory final : public FactoryOf<Factory> {
+class WatcherFactory final : public FactoryOf<WatcherFactory> {
   public:
     HRESULT ActivateInstance(IInspectable** out) override {
         return give(out, [] { return make<Watcher>(); });
@@ -96,7 +96,7 @@ class Factory final : public FactoryOf<Factory> {
 }  // namespace
 
 ComPtr<IActivationFactory> advertisementWatcherFactory() {
-    return make<Factory>();
+    return make<WatcherFactory>();
 }
 
 }  // namespace provider

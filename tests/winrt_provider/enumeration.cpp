@@ -121,7 +121,8 @@ class Information final
     const std::shared_ptr<platform::DeviceInformation> information_;
 };
 
-class Factory final : public FactoryOf<Factory, enumeration::IDeviceInformationStatics> {
+class InformationFactory final
+    : public FactoryOf<InformationFactory, enumeration::IDeviceInformationStatics> {
   public:
     HRESULT FindAllAsyncAqsFilter(HSTRING filter,
                                   IAsyncOperation<enumeration::DeviceInformationCollection*>** out) override {
@@ -137,7 +138,7 @@ class Factory final : public FactoryOf<Factory, enumeration::IDeviceInformationS
 }  // namespace
 
 ComPtr<IActivationFactory> deviceInformationFactory() {
-    return make<Factory>();
+    return make<InformationFactory>();
 }
 
 }  // namespace provider

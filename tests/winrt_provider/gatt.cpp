@@ -210,8 +210,8 @@ class Device final : public Object<Device, devices::IBluetoothLEDevice, devices:
     const std::shared_ptr<platform::BluetoothLEDevice> device_;
 };
 
-class Factory final
-    : public FactoryOf<Factory, devices::IBluetoothLEDeviceStatics, devices::IBluetoothLEDeviceStatics2> {
+class DeviceFactory final : public FactoryOf<DeviceFactory, devices::IBluetoothLEDeviceStatics,
+                                             devices::IBluetoothLEDeviceStatics2> {
   public:
     HRESULT FromBluetoothAddressAsync(UINT64 address,
                                       IAsyncOperation<devices::BluetoothLEDevice*>** out) override {
@@ -233,7 +233,7 @@ OpenObjects openObjects() {
 }
 
 ComPtr<IActivationFactory> bluetoothLEDeviceFactory() {
-    return make<Factory>();
+    return make<DeviceFactory>();
 }
 
 }  // namespace provider

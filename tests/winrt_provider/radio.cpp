@@ -37,7 +37,7 @@ class Radio final : public Object<Radio, radios::IRadio> {
     const std::shared_ptr<platform::Radio> radio_;
 };
 
-class Factory final : public FactoryOf<Factory, radios::IRadioStatics> {
+class RadioFactory final : public FactoryOf<RadioFactory, radios::IRadioStatics> {
   public:
     HRESULT GetRadiosAsync(IAsyncOperation<RadioView*>** out) override {
         const auto convert = [](const auto& list) { return viewOf<radios::Radio*, Radio>(list); };
@@ -48,7 +48,7 @@ class Factory final : public FactoryOf<Factory, radios::IRadioStatics> {
 }  // namespace
 
 ComPtr<IActivationFactory> radioFactory() {
-    return make<Factory>();
+    return make<RadioFactory>();
 }
 
 }  // namespace provider
