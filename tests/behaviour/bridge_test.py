@@ -53,6 +53,18 @@ def test_bytes_go_both_ways_in_packets_that_fit(rig, mtu):
     assert account.host_used <= account.host_granted <= account.host_used + 40
 
 
+@REAL
+def test_values_that_the_runtime_raises_at_once_arrive_whole_and_once(rig, monkeypatch):
+    """Their order is the runtime's. ziqble writes blocks that are full packets, so all packets have the same length."""
+    monkeypatch.setenv("ZIQBLE_EVENT_THREADS", "4")
+    rig.start_bridge(**peripheral(tx_mtu=32))
+    sent = os.urandom(32000)
+    back = rig.run("pipe", ADDRESS, "--bytes", str(len(sent)), input=sent).stdout
+    packets = [sorted(some[at:at + 32] for at in range(0, len(some), 32)) for some in (sent, back)]
+    assert back != sent and packets[0] == packets[1]
+    assert rig.moved() == (len(sent), len(sent))
+
+
 @EVERYWHERE
 def test_bytes_of_one_way(rig):
     bridge = rig.start(peripheral(serial="sink"))
