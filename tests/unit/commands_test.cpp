@@ -43,7 +43,7 @@ class Commands : public ShellWorld {
     StopSignal stop;
     CommandSet commands{shell, stop};
     LineAccumulator line;
-    e2e::PipeClient client;
+    test::PipeClient client;
 };
 
 const std::string kOn = R"({"state": "On"})", kOff = R"({"state": "Off"})",
@@ -205,7 +205,7 @@ TEST(Commands, EachEndOfALinkClosesItsPipeOnce) {
         EXPECT_TRUE(data.waitForClose());
         EXPECT_TRUE(shell.log.find("Data pipe: closed before the client had read all of it"));
         const bool again = end == std::string_view("connect x\n");
-        EXPECT_TRUE(again || waitForLinkSessions(e2e::kDeadline));
+        EXPECT_TRUE(again || waitForLinkSessions(test::kDeadline));
         EXPECT_TRUE(test::eventually([&] { return !shell.world().peripheral(0).connected(); }));
         shell.repliesSoFar();
         EXPECT_TRUE(shell.replies("stats\n").starts_with(again ? "RX 0 " : "RX 3 "));
@@ -216,7 +216,7 @@ TEST(Commands, EachEndOfALinkClosesItsPipeOnce) {
 
 TEST(Commands, ConnectWithoutADataPipe) {
     Commands shell;
-    settings().datPipeName = (e2e::TemporaryFolder().path() / "gone" / "data").wstring();
+    settings().datPipeName = (test::TemporaryFolder().path() / "gone" / "data").wstring();
     EXPECT_EQ(shell.replies("connect 00:1A:7D:DA:71:13\n"), "OK/");
     const auto problems = shell.log.troubles();
     ASSERT_FALSE(problems.empty());

@@ -41,13 +41,13 @@ class Session : public ShellWorld {
     }
     void join() { thread_.join(); }
 
-    e2e::PipeClient client;
+    test::PipeClient client;
 
   private:
     std::thread thread_{blescanner::runShellSession};
 };
 
-void connectLink(Session& session, e2e::PipeClient& data) {
+void connectLink(Session& session, test::PipeClient& data) {
     ASSERT_EQ(session.command(kConnect), "OK\r\n");
     ASSERT_EQ(session.client.readUntil("\r\n"), "CONNECT TIO\r\n");
     data = session.openData();
@@ -83,7 +83,7 @@ TEST(Start, WithoutUsableBluetoothTellsWaitingClientsAndEnds) {
         for (const bool early : {true, false}) {
             SCOPED_TRACE(item.scenario);
             ShellWorld world("{" + item.scenario + R"(, "drivers": [{"compatible": [{}]}]})");
-            e2e::PipeClient client;
+            test::PipeClient client;
             std::mutex mutex;
             Sleeps sleeps;
             if (early) world.onShellCreated = [&] { client = world.openShell(); };
@@ -120,7 +120,7 @@ TEST(Start, SwitchesASingleRadioOnAndServes) {
 
 TEST(Start, EndsWithoutAPipe) {
     ShellWorld world("{}");
-    blescanner::settings().cmdPipeName = (e2e::TemporaryFolder().path() / "gone" / "shell").wstring();
+    blescanner::settings().cmdPipeName = (test::TemporaryFolder().path() / "gone" / "shell").wstring();
     blescanner::runShellSession();
     const auto problems = world.log.troubles();
     ASSERT_EQ(problems.size(), 2U);
@@ -159,7 +159,7 @@ TEST(Clients, EachEndOfAClient) {
     for (const Case& item : cases) {
         SCOPED_TRACE(item.name);
         Session session;
-        e2e::PipeClient data;
+        test::PipeClient data;
         connectLink(session, data);
         session.control.calls();
         session.control.flushed = false;
@@ -235,7 +235,7 @@ TEST(LinkLines, ArriveWholeAndOnlyForAClient) {
     linkNotification().post(L"STATUS CLOSED\r\n");
     linkNotification().post(L"STATUS CLOSED\r\n");
     EXPECT_EQ(session.client.readBytes(30), "STATUS CLOSED\r\nSTATUS CLOSED\r\n");
-    e2e::PipeClient data;
+    test::PipeClient data;
     connectLink(session, data);
     session.control.calls();
     session.world().peripheral(0).dropLink();
@@ -294,7 +294,7 @@ TEST(ProgramEnd, LeavesNothingOpenAndKeepsItsReplies) {
         const auto play = [&item] {
             // The list of radios hangs when it is asked for the third time: behind the start and the reset.
             Session session(R"({"faults": [{"on": "radios", "after": 2, "times": 1, "do": "hang"}]})");
-            e2e::PipeClient data;
+            test::PipeClient data;
             connectLink(session, data);
             session.sleeps.clear();
             item.end(session);

@@ -19,10 +19,10 @@
 #include "blescanner/settings.h"
 #include "platform/bluetooth/sim/world.h"
 #include "platform/text.h"
-#include "tests/e2e/harness.h"
 #include "tests/eventually.h"
 #include "tests/unit/log_capture.h"
 #include "tests/unit/sleep_recorder.h"
+#include "tests/unit/support.h"
 
 namespace test {
 
@@ -117,8 +117,8 @@ class ShellWorld {
     explicit ShellWorld(const std::string& scenario) : world_(std::in_place, scenario) {
         loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
         blescanner::scanIntervalsConfigured = true;
-        blescanner::settings().cmdPipeName = e2e::commandPipe(folder_.path()).wstring();
-        blescanner::settings().datPipeName = e2e::dataPipe(folder_.path()).wstring();
+        blescanner::settings().cmdPipeName = test::pipeOf(folder_.path(), "shell").wstring();
+        blescanner::settings().datPipeName = test::pipeOf(folder_.path(), "data").wstring();
         blescanner::CNamedPipe::creator = [this](std::wstring_view name) {
             auto created = platform::Pipe::create(name);
             const bool data = name == blescanner::settings().datPipeName;
@@ -131,17 +131,17 @@ class ShellWorld {
     ~ShellWorld() {
         blescanner::CNamedPipe::creator = platform::Pipe::create;
         world_.reset();  // ends the calls of the world that a session may hang in
-        EXPECT_TRUE(blescanner::waitForLinkSessions(e2e::kDeadline));
+        EXPECT_TRUE(blescanner::waitForLinkSessions(test::kDeadline));
         blescanner::settings() = {};
     }
     ShellWorld(const ShellWorld&) = delete;
     ShellWorld& operator=(const ShellWorld&) = delete;
 
-    e2e::PipeClient openShell() const { return open(e2e::commandPipe(folder_.path())); }
-    e2e::PipeClient openData() const { return open(e2e::dataPipe(folder_.path())); }
+    test::PipeClient openShell() const { return test::PipeClient(test::pipeOf(folder_.path(), "shell")); }
+    test::PipeClient openData() const { return test::PipeClient(test::pipeOf(folder_.path(), "data")); }
     bool hasPipes() const {
-        return e2e::pipeExists(e2e::commandPipe(folder_.path())) ||
-               e2e::pipeExists(e2e::dataPipe(folder_.path()));
+        return test::pipeExists(test::pipeOf(folder_.path(), "shell")) ||
+               test::pipeExists(test::pipeOf(folder_.path(), "data"));
     }
     sim::World& world() { return world_->world(); }
 
@@ -150,13 +150,7 @@ class ShellWorld {
     std::function<void()> onShellCreated;
 
   private:
-    static e2e::PipeClient open(const std::filesystem::path& pipe) {
-        e2e::PipeClient client;
-        EXPECT_TRUE(client.open(pipe));
-        return client;
-    }
-
-    const e2e::TemporaryFolder folder_;
+    const test::TemporaryFolder folder_;
     std::optional<sim::WorldScope> world_;
 
   public:

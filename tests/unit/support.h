@@ -33,7 +33,7 @@ inline Resources ownResources() {
 extern const std::size_t kResourceNoise;
 
 // A pipe that belongs to a folder.
-std::filesystem::path pipeOf(const std::filesystem::path& folder);
+std::filesystem::path pipeOf(const std::filesystem::path& folder, const std::string& name = "pipe");
 bool pipeExists(const std::filesystem::path& pipe);
 
 // A folder of its own for one test, removed with everything in it.
@@ -81,6 +81,15 @@ class PipeClient {
         } catch (const std::runtime_error&) {
         }
         bytes.resize(have);
+        return bytes;
+    }
+    // Reads until the text comes. Returns what came, also when the other end closes before.
+    std::string readUntil(const std::string& end) {
+        std::string bytes;
+        for (std::string byte = readBytes(1); !byte.empty(); byte = readBytes(1)) {
+            bytes += byte;
+            if (bytes.ends_with(end)) break;
+        }
         return bytes;
     }
     // True when the other end closes before the pipe's deadline.

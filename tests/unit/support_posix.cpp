@@ -27,8 +27,8 @@ Resources resourcesOf(std::uint32_t process) {
     return {entries("/task"), entries("/fd")};
 }
 
-fs::path pipeOf(const fs::path& folder) {
-    return folder / "pipe";
+fs::path pipeOf(const fs::path& folder, const std::string& name) {
+    return folder / name;
 }
 bool pipeExists(const fs::path& pipe) {
     return fs::exists(pipe);

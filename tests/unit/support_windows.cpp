@@ -95,8 +95,8 @@ std::chrono::nanoseconds ownProcessorTime() {
 }
 
 // Named pipes have no folder, so their names begin with the folder's name.
-fs::path pipeOf(const fs::path& folder) {
-    return L"\\\\.\\pipe\\" + folder.filename().wstring();
+fs::path pipeOf(const fs::path& folder, const std::string& name) {
+    return L"\\\\.\\pipe\\" + folder.filename().wstring() + L"-" + fs::path(name).wstring();
 }
 bool pipeExists(const fs::path& pipe) {
     return ::WaitNamedPipeW(pipe.c_str(), 1) || ::GetLastError() != ERROR_FILE_NOT_FOUND;
