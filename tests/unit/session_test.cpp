@@ -153,6 +153,7 @@ TEST(Clients, EachEndOfAClient) {
              for (const int times : {2, 3}) {
                  session.control.failReads(times);
                  EXPECT_TRUE(session.command("stats\n").ends_with(";TIOCONNECTED\r\n"));
+                 EXPECT_TRUE(session.waitForLog("SHELL PIPE ERR(R)", times == 2 ? 2 : 5));
              }
          }},
     };
