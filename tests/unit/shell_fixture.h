@@ -44,6 +44,7 @@ class PipeControl {
         const std::lock_guard lock(mutex_);
         return std::exchange(calls_, {});
     }
+    // Of the command pipe.
     void failReads(int times) {
         const std::lock_guard lock(mutex_);
         failingReads_ = times;
@@ -77,7 +78,8 @@ class WatchedPipe : public platform::Pipe {
     }
     IoResult startRead(IoRequest& request, std::span<std::uint8_t> buffer) override {
         ++control_.reads;
-        return control_.readFails() ? IoResult{kFailure, 0} : real_->startRead(request, buffer);
+        return name_ == "shell" && control_.readFails() ? IoResult{kFailure, 0}
+                                                        : real_->startRead(request, buffer);
     }
     IoResult startWrite(IoRequest& request, std::span<const std::uint8_t> buffer) override {
         return real_->startWrite(request, buffer);
