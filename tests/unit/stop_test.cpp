@@ -105,54 +105,6 @@ TEST(StoppedSession, IsQuietFromEachOfItsSleepsOn) {
     }
 }
 
-TEST(StoppedSession, LeavesACallThatHangs) {
-    struct Case {
-        const char* generation;
-        const char* point;
-        const char* more = "";
-        bool blocks = false;  // the call itself does not return: its thread stays
-        int after = 0;
-    };
-    const char* const listing = R"("appears_after_listing": true, )";
-    const Case cases[] = {
-        {kNewer, "device"},
-        {kNewer, "services"},
-        {kNewer, "services:all", listing, true},
-        {kNewer, "services:all", listing, false, 1},
-        {kNewer, "characteristics"},
-        {kNewer, "subscribe:TXMTU"},
-        {kNewer, "subscribe:CRTX"},
-        {kNewer, "subscribe:TX"},
-        {kNewer, "write:CRRX"},
-        {kNewer, "write:RXMTU"},
-        {kNewer, "session", "", true},
-        {kOlder, "pair"},
-        {kOlder, "device"},
-        {kOlder, "services:all", "", true},
-        {kOlder, "services:all", R"("cached_services": [], )", false, 1},
-        {kOlder, "characteristics", "", true},
-        {kOlder, "subscribe:TXMTU"},
-        {kOlder, "subscribe:CRTX"},
-        {kOlder, "subscribe:TX"},
-        {kOlder, "write:CRRX"},
-    };
-    for (const Case& item : cases) {
-        SCOPED_TRACE(std::string(item.generation) + " " + item.point);
-        test::Link link(scenario(item.generation, std::string(item.more) + R"("faults": [{"on": ")" +
-                                                      item.point + R"(", "times": 1, "after": )" +
-                                                      std::to_string(item.after) + R"(, "do": "hang"}])"));
-        link.connect();
-        ASSERT_TRUE(eventually([&] { return link.peripheral().faultsHappened() == 1; }));
-        link.stop();
-        EXPECT_TRUE(item.blocks || link.ended());
-        const SeenAtStop seen(link);
-        expectNextSessionWorks(link);
-        link.stop();
-        EXPECT_TRUE(item.blocks || link.ended());
-        expectQuiet(link, seen);
-    }
-}
-
 TEST(StoppedSession, TakesBackALineThatWasNotDeliveredYet) {
     struct Case {
         const char* first;
