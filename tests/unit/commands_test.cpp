@@ -4,14 +4,15 @@
 #include "blescanner/byte_loss.h"
 #include "blescanner/cmdpipe_notification.h"
 #include "blescanner/waiting.h"
+#include "tests/unit/document_table.h"
 #include "tests/unit/shell_fixture.h"
 
 namespace {
 
 using namespace blescanner;
 using test::ShellWorld;
+using test::Sleeps;
 using test::Texts;
-using Sleeps = std::vector<long long>;
 
 // A command set with its client.
 class Commands : public ShellWorld {
@@ -26,17 +27,15 @@ class Commands : public ShellWorld {
     CommandResult dispatch(std::string_view bytes) {
         return commands.dispatch({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()}, line);
     }
-    // What the client gets for these bytes, without the ends of lines.
+    // What the client gets for these bytes, with <br> for each end of a line.
     std::string replies(std::string_view bytes) {
         EXPECT_EQ(dispatch(bytes), CommandResult::goOn);
         return repliesSoFar();
     }
     std::string repliesSoFar() {
         shell.writeText(L"#");
-        std::string text = client.readUntil("#");
-        for (std::size_t end = 0; (end = text.find("\r\n")) != std::string::npos;)
-            text.replace(end, 2, "/");
-        return text.substr(0, text.size() - 1);
+        const std::string text = client.readUntil("#");
+        return std::regex_replace(text.substr(0, text.size() - 1), std::regex("\r\n"), "<br>");
     }
 
     CNamedPipe shell;
@@ -46,55 +45,20 @@ class Commands : public ShellWorld {
     test::PipeClient client;
 };
 
-const std::string kOn = R"({"state": "On"})", kOff = R"({"state": "Off"})",
-                  kDisabled = R"({"state": "Disabled"})";
-const std::string kOld = R"({"name": "Old\r\u009b", "lmp": 5})", kMute = R"({"version_error": 31})";
-const Texts kNoLe = {std::string("WARNING: ") + kNoLowEnergy};
-
-// Has a driver, so that a driver check would show in the log.
-std::string scenario(const std::string& radios, const std::string& adapters) {
-    return R"({"radios": )" + radios + R"(, "adapters": )" + adapters +
-           R"(, "peripherals": [], "drivers": [{"compatible": [{}]}]})";
-}
-
-TEST(CommandsByRadioAndAdapter, StatsAndScan) {
-    const std::string one = R"([{"name": "A", "lmp": 6}])";
-    const std::tuple<std::string, std::string, std::string, std::string, Texts> cases[] = {
-        {"[" + kOn + "]", one, ";BLE ON;LE=A+6|", "N/A/", {}},
-        {"[" + kOff + "," + kOn + "]", one, ";BLE ON;LE=A+6|", "N/A/", {}},
-        {"[]", one, ";BLE N/A", "BLE NOT FOUND/", {}},
-        {"[" + kOff + "]", one, ";BLE N/A", "BLE DISABLED!/", {}},
-        {"[" + kDisabled + "]", one, ";BLE N/A", "BLE DISABLED!/", {}},
-        {"[" + kOff + "," + kOff + "]", one, ";BLE N/A", "BLE DISABLED!/", {}},
-        {R"([{"kind": "WiFi"}])", one, ";BLE N/A", "BLE NOT FOUND/", {}},
-        {"null", one, ";BLE OFF;LE=A+6|", "N/A/", {}},
-        {"[" + kOn + "]", "[]", ";BLE LE NOT SUPPORTED;LE NOT SUPPORTED", "N/A/", {}},
-        {"[" + kOn + "]", "[" + kOld + "]", ";BLE LE NOT SUPPORTED;LE=Old  +5|;LE NOT SUPPORTED",
-         "LE NOT SUPPORTED/N/A/", kNoLe},
-        {"[" + kOn + "]", "[" + kMute + "]", ";BLE LE NOT SUPPORTED;LE=;LE NOT SUPPORTED",
-         "LE NOT SUPPORTED/N/A/", kNoLe},
-        {"[" + kOn + "]", "[{}, " + kOld + "]", ";BLE ON;LE=Sim Adapter+9|Old  +5|", "N/A/", {}},
-    };
-    for (const auto& [radios, adapters, stats, scan, problems] : cases) {
-        SCOPED_TRACE(radios + adapters);
-        Commands shell(scenario(radios, adapters));
-        const std::string answer = shell.replies("stats\n");
-        EXPECT_EQ(answer.substr(answer.find(" V")), " V10.0.19041" + stats + ";TIODISCONNECTED/");
-        const auto before = shell.log.troubles().size();
-        EXPECT_EQ(shell.replies("lescan 1000\n"), scan);
-        for (const std::string& problem : problems) {
-            const auto all = shell.log.troubles();
-            EXPECT_EQ(std::count(all.begin() + static_cast<long>(before), all.end(), problem), 1) << problem;
-        }
-        EXPECT_EQ(shell.log.count(kNoLowEnergy), static_cast<long>(problems.size()));
-        EXPECT_EQ(shell.log.count("---------------"), 0) << "no driver check";
-        const bool scans = scan.ends_with("N/A/");
-        EXPECT_EQ(shell.sleeps.sleeps(), scans ? (Sleeps{500, 1000, 200}) : Sleeps{});
-    }
+TEST(Commands, AnswerByRadioAndAdapterAsTheDocumentSays) {
+    test::expectRows("replies.md", "Answers", [](const Texts& cells) -> Texts {
+        // Has a driver, so that a driver check would show in the log.
+        Commands shell(R"({"peripherals": [], "drivers": [{"compatible": [{}]}], "radios": )" + cells[0] +
+                       R"(, "adapters": )" + cells[1] + "}");
+        const std::string stats = shell.replies("stats\n"), scan = shell.replies("lescan 1000\n");
+        EXPECT_FALSE(shell.log.find("---------------"));
+        return {stats.substr(stats.find(" V") + 1), scan, test::joined(shell.sleeps.sleeps()),
+                test::joined(shell.log.troubles(), "<br>")};
+    });
 }
 
 // Log readers look for these, the first one without the reply's "!".
-TEST(CommandsByRadioAndAdapter, TextsOfTheLog) {
+TEST(Commands, TextsOfTheLog) {
     Commands shell;
     shell.commands.tellBluetoothUnusable(1);
     shell.commands.tellBluetoothUnusable(0);
@@ -107,20 +71,14 @@ TEST(CommandsByRadioAndAdapter, TextsOfTheLog) {
 }
 
 TEST(Commands, ScanTime) {
-    const std::tuple<const char*, int> cases[] = {
-        {"lescan", 0},
-        {"lescan 999", 0},
-        {"lescan 1000", 1000},
-        {"lescan -1", 0},
-        {"lescan - 2", 0},
-        {"lescan abc", 0},
-        {"lescan 4294967296", 0},
-        {"lescan\t1500", 1500},
-        {"LESCANS 2000 x", 2000},
-    };
+    const std::pair<const char*, int> cases[] = {
+        {"lescan", 0},           {"lescan 999", 0}, {"lescan 1000", 1000},    {"lescan -1", 0},
+        {"lescan - 2", 0},       {"lescan abc", 0}, {"lescan 4294967296", 0}, {"lescan\t1500", 1500},
+        {"LESCANS 2000 x", 2000}};
+    Commands shell(R"({"peripherals": []})");
     for (const auto& [command, duration] : cases) {
-        Commands shell(R"({"peripherals": []})");
-        EXPECT_EQ(shell.replies(std::string(command) + "\n"), duration > 0 ? "N/A/" : "") << command;
+        shell.sleeps.clear();
+        EXPECT_EQ(shell.replies(std::string(command) + "\n"), duration > 0 ? "N/A<br>" : "") << command;
         EXPECT_EQ(shell.sleeps.sleeps(), duration > 0 ? (Sleeps{500, duration, 200}) : Sleeps{}) << command;
     }
 }
@@ -142,23 +100,24 @@ TEST(Commands, ScanEndsWithItsClient) {
 TEST(Commands, Lines) {
     constexpr std::size_t kLimit = 64 * 1024;
     const std::string ok = "disconnect";
-    const auto unknown = [](const std::string& text) { return "ERROR: Unknown command: " + text; };
     const std::tuple<Texts, std::string, Texts> cases[] = {
-        {{"DisConnect\n"}, "OK/", {}},
-        {{"disconnect\r\n"}, "OK/", {unknown("")}},
-        {{"disconnect\rdisconnected\n\r"}, "OK/OK/", {unknown("")}},
-        {{"dis", "conn", "", "ect", "\ndisc", "onnect\n"}, "OK/OK/", {}},
+        {{"DisConnect\n"}, "OK<br>", {}},
+        {{"disconnect\r\n"}, "OK<br>", {""}},
+        {{"disconnect\rdisconnected\n\r"}, "OK<br>OK<br>", {""}},
+        {{"dis", "conn", "", "ect", "\ndisc", "onnect\n"}, "OK<br>OK<br>", {}},
         {{"disconnect"}, "", {}},
         {{" disconnect\nQuit now\nexit \nEVIL\x1b[2J\n"},
          "",
-         {unknown(" disconnect"), unknown("quit now"), unknown("exit "), unknown("evil\\x1b[2j")}},
-        {{ok + std::string(kLimit - ok.size(), 'x') + "\n"}, "OK/", {}},
+         {" disconnect", "quit now", "exit ", "evil\\x1b[2j"}},
+        {{ok + std::string(kLimit - ok.size(), 'x') + "\n"}, "OK<br>", {}},
         {{ok + std::string(kLimit, 'x'), "\ndisconnect\n"},
-         "OK/",
-         {unknown(ok + std::string(256 - ok.size(), 'x') + "... (line longer than 64 KiB)")}},
-    };
-    for (const auto& [writes, replies, problems] : cases) {
+         "OK<br>",
+         {ok + std::string(256 - ok.size(), 'x') + "... (line longer than 64 KiB)"}}};
+    for (const auto& [writes, replies, unknown] : cases) {
         Commands shell;
+        Texts problems;
+        for (const std::string& text : unknown)
+            problems.push_back("ERROR: Unknown command: " + text);
         for (const std::string& bytes : writes)
             EXPECT_EQ(shell.dispatch(bytes), CommandResult::goOn);
         EXPECT_EQ(shell.repliesSoFar(), replies) << writes.front().substr(0, 80);
@@ -166,8 +125,12 @@ TEST(Commands, Lines) {
     }
 }
 
-TEST(Commands, Ends) {
+TEST(Commands, EndsAndReset) {
     Commands shell;
+    EXPECT_EQ(shell.replies("resetbt\n"), "OK<br>");
+    EXPECT_EQ(shell.world().radioRequests(),
+              (std::vector{platform::RadioState::off, platform::RadioState::on}));
+    shell.sleeps.clear();
     EXPECT_EQ(shell.dispatch("QUIT\ndisconnect\n"), CommandResult::clientQuits);
     EXPECT_EQ(shell.sleeps.sleeps(), Sleeps{});
     EXPECT_EQ(shell.dispatch("Exit\rdisconnect\n"), CommandResult::programEnds);
@@ -175,36 +138,30 @@ TEST(Commands, Ends) {
     EXPECT_EQ(shell.repliesSoFar(), "") << "nothing behind the command that ends the session";
 }
 
-TEST(Commands, ResetSwitchesTheRadioOffAndOn) {
-    Commands shell;
-    EXPECT_EQ(shell.replies("resetbt\n"), "OK/");
-    EXPECT_EQ(shell.world().radioRequests(),
-              (std::vector{platform::RadioState::off, platform::RadioState::on}));
-}
-
 TEST(Commands, EachEndOfALinkClosesItsPipeOnce) {
-    for (const char* end : {"disconnect\n", "exit\n", "connect x\n"}) {
+    for (const std::string end : {"disconnect\n", "exit\n", "connect x\n"}) {
         SCOPED_TRACE(end);
         Commands shell;
-        EXPECT_EQ(shell.replies("connect 00:1A:7D:DA:71:13\n"), "OK/");
+        EXPECT_EQ(shell.replies(test::kConnect), "OK<br>");
         ASSERT_TRUE(test::eventually([&] { return shell.log.find("Starting communication loop..."); }));
         auto data = shell.openData();
         data.send("abc");
         EXPECT_EQ(data.readBytes(3), "abc");
-        EXPECT_TRUE(test::eventually(
-            [&] { return shell.replies("stats\n").starts_with("RX 3 bytes. TX 3 bytes."); }));
-        const std::string stats = shell.replies("stats\n");
-        EXPECT_TRUE(stats.starts_with("RX 3 bytes. TX 3 bytes. LC 39. RC 31. V")) << stats;
-        EXPECT_TRUE(stats.ends_with(";TIOCONNECTED/")) << stats;
+        std::string stats;
+        EXPECT_TRUE(test::eventually([&] {
+            stats = shell.replies("stats\n");
+            return stats.starts_with("RX 3 bytes. TX 3 bytes. LC 39. RC 31. V");
+        })) << stats;
+        EXPECT_TRUE(stats.ends_with(";TIOCONNECTED<br>")) << stats;
         shell.control.calls();
         shell.control.flushed = false;
-        const std::size_t slept = shell.sleeps.sleeps().size();
+        shell.sleeps.clear();
         shell.dispatch(end);
-        EXPECT_EQ(shell.sleeps.sleeps().at(slept), 250);
+        EXPECT_EQ(shell.sleeps.sleeps().at(0), 250);
         EXPECT_EQ(shell.control.calls(), (Texts{"data flush 250", "data close"}));
         EXPECT_TRUE(data.waitForClose());
         EXPECT_TRUE(shell.log.find("Data pipe: closed before the client had read all of it"));
-        const bool again = end == std::string_view("connect x\n");
+        const bool again = end == "connect x\n";
         EXPECT_TRUE(again || waitForLinkSessions(test::kDeadline));
         EXPECT_TRUE(test::eventually([&] { return !shell.world().peripheral(0).connected(); }));
         shell.repliesSoFar();
@@ -217,10 +174,8 @@ TEST(Commands, EachEndOfALinkClosesItsPipeOnce) {
 TEST(Commands, ConnectWithoutADataPipe) {
     Commands shell;
     settings().datPipeName = (test::TemporaryFolder().path() / "gone" / "data").wstring();
-    EXPECT_EQ(shell.replies("connect 00:1A:7D:DA:71:13\n"), "OK/");
-    const auto problems = shell.log.troubles();
-    ASSERT_FALSE(problems.empty());
-    EXPECT_TRUE(problems[0].starts_with("ERROR: Could not create comm pipe ")) << problems[0];
+    EXPECT_EQ(shell.replies(test::kConnect), "OK<br>");
+    EXPECT_TRUE(shell.log.troubles().at(0).starts_with("ERROR: Could not create comm pipe "));
 }
 
 TEST(Writes, AreGivenUpAfterATimeByLength) {
@@ -230,11 +185,8 @@ TEST(Writes, AreGivenUpAfterATimeByLength) {
     while (shell.log.troubles().empty())
         shell.dispatch("disconnect\n");
     EXPECT_EQ(shell.control.calls(), (Texts{"shell wait 500"}));
-    const std::string problem = shell.log.troubles().front();
-    EXPECT_TRUE(problem.starts_with("WARNING: Command pipe: ") &&
-                problem.ends_with(" bytes of a reply given up"))
-        << problem;
-    EXPECT_LE(std::stol(problem.substr(std::string("WARNING: Command pipe: ").size())), 4);
+    const std::regex problem("WARNING: Command pipe: [0-4] bytes of a reply given up");
+    EXPECT_TRUE(std::regex_match(shell.log.troubles().front(), problem));
 
     const auto data = createDataPipe();
     auto reader = shell.openData();
@@ -308,37 +260,41 @@ TEST(ByteLoss, TellsTheFirstOneAtOnceAndALongRunOnceASecond) {
     })) << "a second later it is told by itself";
 }
 
-// A stop that counts how often a wait calls while it takes long, and ends it then.
+// A stop that notes when a wait calls while it takes long, and ends it then.
 struct Impatient : StopSignal {
     void waitingLong() override {
-        calls.push_back(std::chrono::steady_clock::now());
-        if (calls.size() == 3) throw Stopped();
+        calls.push_back(std::chrono::steady_clock::now() - start);
+        if (calls.size() == 2) throw Stopped();
     }
-    std::vector<std::chrono::steady_clock::time_point> calls;
+    const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    std::vector<std::chrono::nanoseconds> calls;
 };
 
 TEST(Waiting, CallsAfterASecondAndThenTenTimesASecond) {
     using namespace std::chrono_literals;
     sim::WorldScope world(R"({"faults": [{"on": "radios", "do": "hang"}]})");
     test::SleepRecorder sleeps;
-    Impatient stop;
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_THROW(awaitOperation(*requestRadioList(), stop), Stopped);
-    const auto first = stop.calls.at(0) - start, rest = stop.calls.at(2) - stop.calls.at(0);
-    EXPECT_TRUE(first >= 1s && first < 5s) << first.count();
-    EXPECT_TRUE(rest >= 199ms && rest < 2s) << rest.count();
+    bool inTime = false;
+    // A loaded machine may make one call late, but not one in each try.
+    for (int tries = 0; tries < 10 && !inTime; ++tries) {
+        Impatient stop;
+        EXPECT_THROW(awaitOperation(*requestRadioList(), stop), Stopped);
+        EXPECT_TRUE(stop.calls.at(0) >= 1s && stop.calls.at(1) >= 1100ms);
+        inTime = stop.calls[1] < 1900ms;
+    }
+    EXPECT_TRUE(inTime);
     EXPECT_EQ(sleeps.sleeps(), Sleeps{}) << "it only yields";
 }
 
 TEST(Waiting, TellsHowAnOperationFailed) {
-    const std::pair<const char*, const char*> cases[] = {{"error:0x80070005", "ERROR: Error on op: "},
-                                                         {"cancel", "ERROR: Cancel on op: "}};
-    for (const auto& [action, problem] : cases) {
-        sim::WorldScope world(R"({"faults": [{"on": "radios", "do": ")" + std::string(action) + R"("}]})");
+    for (const std::string action : {"error:0xA7654321", "cancel"}) {
+        sim::WorldScope world(R"({"faults": [{"on": "radios", "do": ")" + action + R"("}]})");
         test::LogCapture log;
         awaitOperation(*requestRadioList(), programEnd());
-        ASSERT_EQ(log.troubles().size(), 1U) << action;
-        EXPECT_TRUE(log.troubles()[0].starts_with(problem)) << log.troubles()[0];
+        const char* const problem =
+            action == "cancel" ? "ERROR: Cancel on op: IAsyncOperation<IVectorView<Radio>>"
+                               : "ERROR: Error on op: IAsyncOperation<IVectorView<Radio>> ( -1486535903: )";
+        EXPECT_EQ(log.troubles(), Texts{problem});
     }
     StopSignal stopped;
     EXPECT_FALSE(stopped.stopped());
@@ -350,10 +306,10 @@ TEST(Waiting, TellsHowAnOperationFailed) {
 }
 
 TEST(Waiting, NamesOfAStatus) {
-    const char* const texts[] = {"0 (success)", "1 (unreachable)", "2 (protocol error)", "3 (access denied)",
-                                 "4"};
-    for (int status = 0; status < 5; ++status)
-        EXPECT_EQ(statusText(platform::GattCommunicationStatus(status)), texts[status]);
+    int status = 0;
+    for (const char* text :
+         {"0 (success)", "1 (unreachable)", "2 (protocol error)", "3 (access denied)", "4"})
+        EXPECT_EQ(statusText(platform::GattCommunicationStatus(status++)), text);
 }
 
 }  // namespace

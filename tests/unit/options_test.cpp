@@ -22,25 +22,11 @@ const std::string kHelp =
     "  -d, --datPipe arg  Data pipe    [default \\\\.\\\\pipe\\ZIQBLECOM]\n"
     "  -f, --logfile arg  Log to file in addition to stdout [default is none]\n";
 
-// Runs each test in an empty directory.
-class OptionsTest : public testing::Test {
-  protected:
-    OptionsTest() {
-        fs::current_path(folder_.path());
-        loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
-    }
-    ~OptionsTest() override {
-        loguru::remove_all_callbacks();
-        blescanner::settings() = {};
-        fs::current_path(previous_);
-    }
-
-  private:
-    const fs::path previous_ = fs::current_path();
-    const test::TemporaryFolder folder_;
-};
-
-TEST_F(OptionsTest, SettingsAndOutput) {
+TEST(Options, SettingsAndOutput) {
+    const fs::path previous = fs::current_path();
+    const test::TemporaryFolder folder;
+    fs::current_path(folder.path());
+    loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
     const std::wstring cmd = L"\\\\.\\\\pipe\\ZIQBLESh";
     const std::wstring dat = L"\\\\.\\\\pipe\\ZIQBLECOM";
     using Names = std::vector<std::wstring>;
@@ -52,8 +38,7 @@ TEST_F(OptionsTest, SettingsAndOutput) {
         {{"\x1B[2J", "--\x07"}, "non_option_args: \\x1b[2J\nunknown_options: --\\x07\n", {cmd, dat, L"nul"}},
         {{"-hh", "--help", "extra"}, kHelp + "non_option_args: extra\n", {cmd, dat, L"nul"}},
         {{"--logfile=", "--logfile=second"}, "", {cmd, dat, L"nul"}},
-        {{"--cmdPipe=given", "-f"}, "missing argument for -f", {cmd, dat, L"nul"}},
-    };
+        {{"--cmdPipe=given", "-f"}, "missing argument for -f", {cmd, dat, L"nul"}}};
     for (const auto& [arguments, output, names] : cases) {
         blescanner::settings() = {};
         testing::internal::CaptureStdout();
@@ -72,19 +57,20 @@ TEST_F(OptionsTest, SettingsAndOutput) {
 
     std::ofstream("everything.log") << "earlier\n";
     blescanner::setUpOptions({"--logfile", "x.txt"});
-    std::ifstream log("everything.log");
     std::string line;
-    EXPECT_EQ((std::getline(log, line), line), "earlier") << "it is only appended to";
+    EXPECT_TRUE(std::getline(std::ifstream("everything.log"), line) && line == "earlier")
+        << "it is appended to";
     EXPECT_FALSE(fs::exists("x.txt"));
+    loguru::remove_all_callbacks();
+    blescanner::settings() = {};
+    fs::current_path(previous);
 }
 
-TEST(VersionTest, ThresholdAndText) {
-    const std::tuple<std::string, bool, const wchar_t*> cases[] = {
-        {"6,3,99999", true, L"6.3.99999"},
-        {"10,0,15062", true, L"10.0.15062"},
-        {"10,0,15063", false, L"10.0.15063"},
-        {"10,1,0", false, L"10.1.0"},
-    };
+TEST(Version, ThresholdAndText) {
+    const std::tuple<std::string, bool, const wchar_t*> cases[] = {{"6,3,99999", true, L"6.3.99999"},
+                                                                   {"10,0,15062", true, L"10.0.15062"},
+                                                                   {"10,0,15063", false, L"10.0.15063"},
+                                                                   {"10,1,0", false, L"10.1.0"}};
     for (const auto& [version, older, text] : cases) {
         sim::WorldScope world(R"({"os_version":[)" + version + "]}");
         EXPECT_EQ(blescanner::isOlderThanThresholdBuild(), older) << version;

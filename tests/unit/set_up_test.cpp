@@ -16,28 +16,18 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-std::string joined(const Texts& parts, const std::string& separator) {
-    std::string all;
-    for (const auto& part : parts)
-        all += (all.empty() ? std::string() : separator) + part;
-    return all;
-}
-
 // Without the looks of a session that waits to be stopped, every 100 ms.
 std::string pauses(std::vector<long long> sleeps) {
     while (sleeps.size() > 1 && sleeps.back() == 100 && sleeps[sleeps.size() - 2] == 100)
         sleeps.pop_back();
-    Texts texts;
-    for (const auto sleep : sleeps)
-        texts.push_back(std::to_string(sleep));
-    return joined(texts, ", ");
+    return test::joined(sleeps);
 }
 
 // The answer to the MTU comes from another thread.
 std::string requests(Texts asked) {
     std::stable_partition(asked.begin(), asked.end(),
                           [](const auto& request) { return request.find("RXMTU") == std::string::npos; });
-    return joined(asked, ", ");
+    return test::joined(asked, ", ");
 }
 
 // The cells of a row behind the first one, as the program fills them.
@@ -56,7 +46,7 @@ Texts setUp(const std::string& generation, const test::TableRow& row) {
     Texts cells;
     const auto asExpected = [&] {
         cells = {row.cells[0], line, pauses(recorder.sleeps()), requests(link.peripheral().hostRequests()),
-                 joined(log.troubles(), "<br>")};
+                 test::joined(log.troubles(), "<br>")};
         return cells == row.cells;
     };
     test::eventually(asExpected, std::chrono::seconds(5));

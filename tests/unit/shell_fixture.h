@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -29,40 +28,30 @@ namespace test {
 using platform::IoRequest;
 using platform::IoResult;
 using platform::SystemError;
+using Sleeps = std::vector<long long>;
 using Texts = std::vector<std::string>;
 
+// The address of the simulated peripheral.
+inline constexpr const char* kConnect = "connect 00:1A:7D:DA:71:13\n";
+
 // What pipes do on request, and what was asked of them. Threads: any.
-class PipeControl {
-  public:
+struct PipeControl {
     // Notes "NAME WHAT".
     void note(const std::string& what) {
-        const std::lock_guard lock(mutex_);
-        calls_.push_back(what);
+        const std::lock_guard lock(mutex);
+        noted.push_back(what);
     }
     // What was noted since the last call.
     Texts calls() {
-        const std::lock_guard lock(mutex_);
-        return std::exchange(calls_, {});
-    }
-    // Of the command pipe.
-    void failReads(int times) {
-        const std::lock_guard lock(mutex_);
-        failingReads_ = times;
-    }
-    bool readFails() {
-        const std::lock_guard lock(mutex_);
-        return failingReads_ > 0 && failingReads_-- > 0;
+        const std::lock_guard lock(mutex);
+        return std::exchange(noted, {});
     }
 
-    std::atomic<bool> connectFails = false;
-    std::atomic<bool> flushed = true;
-    std::atomic<bool> stalled = false;  // time-outs of writes pass at once
-    std::atomic<int> reads = 0;
-
-  private:
-    std::mutex mutex_;
-    Texts calls_;
-    int failingReads_ = 0;
+    std::atomic<bool> connectFails = false, flushed = true;
+    std::atomic<bool> stalled = false;             // time-outs of writes pass at once
+    std::atomic<int> failingReads = 0, reads = 0;  // of the command pipe
+    std::mutex mutex;
+    Texts noted;
 };
 
 inline constexpr auto kFailure = static_cast<SystemError>(5);
@@ -77,9 +66,11 @@ class WatchedPipe : public platform::Pipe {
         return control_.connectFails ? kFailure : real_->startConnect(request);
     }
     IoResult startRead(IoRequest& request, std::span<std::uint8_t> buffer) override {
+        if (name_ != "shell") return real_->startRead(request, buffer);
         ++control_.reads;
-        return name_ == "shell" && control_.readFails() ? IoResult{kFailure, 0}
-                                                        : real_->startRead(request, buffer);
+        if (control_.failingReads == 0) return real_->startRead(request, buffer);
+        --control_.failingReads;
+        return {kFailure, 0};
     }
     IoResult startWrite(IoRequest& request, std::span<const std::uint8_t> buffer) override {
         return real_->startWrite(request, buffer);
@@ -123,10 +114,9 @@ class ShellWorld {
         blescanner::settings().datPipeName = test::pipeOf(folder_.path(), "data").wstring();
         blescanner::CNamedPipe::creator = [this](std::wstring_view name) {
             auto created = platform::Pipe::create(name);
-            const bool data = name == blescanner::settings().datPipeName;
-            if (created.pipe)
-                created.pipe = std::make_shared<WatchedPipe>(created.pipe, data ? "data" : "shell", control);
-            if (!data && onShellCreated) onShellCreated();
+            const std::string kind = name == blescanner::settings().datPipeName ? "data" : "shell";
+            if (created.pipe) created.pipe = std::make_shared<WatchedPipe>(created.pipe, kind, control);
+            if (kind == "shell" && onShellCreated) onShellCreated();
             return created;
         };
     }
@@ -139,11 +129,10 @@ class ShellWorld {
     ShellWorld(const ShellWorld&) = delete;
     ShellWorld& operator=(const ShellWorld&) = delete;
 
-    test::PipeClient openShell() const { return test::PipeClient(test::pipeOf(folder_.path(), "shell")); }
-    test::PipeClient openData() const { return test::PipeClient(test::pipeOf(folder_.path(), "data")); }
+    PipeClient openShell() const { return PipeClient(pipeOf(folder_.path(), "shell")); }
+    PipeClient openData() const { return PipeClient(pipeOf(folder_.path(), "data")); }
     bool hasPipes() const {
-        return test::pipeExists(test::pipeOf(folder_.path(), "shell")) ||
-               test::pipeExists(test::pipeOf(folder_.path(), "data"));
+        return pipeExists(pipeOf(folder_.path(), "shell")) || pipeExists(pipeOf(folder_.path(), "data"));
     }
     sim::World& world() { return world_->world(); }
 

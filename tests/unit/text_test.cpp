@@ -14,23 +14,21 @@ std::wstring units(std::initializer_list<int> values) {
 }
 
 TEST(Text, Utf8BecomesUtf16UnitsAndBack) {
+    constexpr int kInvalid = 0xFFFD;
     const std::pair<std::string, std::wstring> cases[] = {
-        {std::string("a\0\x7F", 3), units({'a', 0, 0x7F})},
+        {{"a\0\x7F", 3}, units({'a', 0, 0x7F})},
         {"\xC2\x80\xDF\xBF", units({0x80, 0x7FF})},
         {"\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF", units({0x800, 0xD7FF, 0xE000, 0xFFFF})},
         {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", units({0xD800, 0xDC00, 0xDBFF, 0xDFFF})},
-    };
+        // No lead and overlong; cut short; a surrogate; above U+10FFFF.
+        {"\x80z\xC0\xAFz", units({kInvalid, 'z', kInvalid, kInvalid, 'z'})},
+        {"\xE2\x82z\xF0\x9F\x98", units({kInvalid, 'z', kInvalid})},
+        {"\xED\xA0\x80", units({kInvalid, kInvalid, kInvalid})},
+        {"\xF4\x90\x80\x80", units({kInvalid, kInvalid, kInvalid, kInvalid})}};
     for (const auto& [utf8, text] : cases) {
         EXPECT_EQ(widen(utf8), text) << utf8;
-        EXPECT_EQ(toUtf8(text), utf8);
+        EXPECT_TRUE(text.find(kInvalid) != std::wstring::npos || toUtf8(text) == utf8) << utf8;
     }
-}
-
-TEST(Text, ReplacesInvalidBytesAndKeepsTheRest) {
-    EXPECT_EQ(widen("\x80z\xC0\xAFz"), units({0xFFFD, 'z', 0xFFFD, 0xFFFD, 'z'}));  // no lead, overlong
-    EXPECT_EQ(widen("\xE2\x82z\xF0\x9F\x98"), units({0xFFFD, 'z', 0xFFFD}));        // cut short
-    EXPECT_EQ(widen("\xED\xA0\x80"), units({0xFFFD, 0xFFFD, 0xFFFD}));              // a surrogate
-    EXPECT_EQ(widen("\xF4\x90\x80\x80"), units({0xFFFD, 0xFFFD, 0xFFFD, 0xFFFD}));  // above U+10FFFF
     EXPECT_EQ(toUtf8(units({0xDC00, 0xD83D, 0xD83D, 0xDE00, 0xD800})),
               "\xEF\xBF\xBD\xEF\xBF\xBD\xF0\x9F\x98\x80\xEF\xBF\xBD");
 }
@@ -63,8 +61,8 @@ TEST(Guid, RegistryForm) {
 
 TEST(Error, MessageOfAResultCode) {
     // The wording is the host's: "Access is denied." or a similar one.
-    EXPECT_TRUE(systemMessage(hresult(0x80070005)).starts_with("Access "));
-    EXPECT_TRUE(systemMessage(hresult(0x80070005)).ends_with("denied."));
+    const std::string message = systemMessage(hresult(0x80070005));
+    EXPECT_TRUE(message.starts_with("Access ") && message.ends_with("denied.")) << message;
     EXPECT_STREQ(PlatformError(hresult(0x8123ABCD)).what(), "HRESULT 0x8123ABCD");
 }
 

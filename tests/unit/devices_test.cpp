@@ -1,0 +1,249 @@
+// Radios, adapters, drivers, scan timing and pairing requests. docs/replies.md is the list of most cases.
+#include <fstream>
+
+#include "blescanner/btdrivercheck.h"
+#include "blescanner/waiting.h"
+#include "platform/clock.h"
+#include "tests/unit/document_table.h"
+#include "tests/unit/shell_fixture.h"
+
+namespace blescanner {
+namespace {
+
+using platform::RadioState;
+using test::joined;
+using test::ShellWorld;
+using test::Sleeps;
+using test::Texts;
+
+void onRadios(const std::string& what, StopSignal& stop) {
+    std::uint32_t counter = 0;
+    if (what == "look") checkBluetoothRadio(counter, false, stop);
+    if (what == "reset") resetBluetooth(stop);
+    if (what == "switch on") switchBluetoothOn();
+}
+
+TEST(Radios, AreUsedAsTheDocumentSays) {
+    test::expectRows("replies.md", "Radios", [](const Texts& cells) -> Texts {
+        ShellWorld world("{" + cells[1] + "}");
+        onRadios(cells[0], programEnd());
+        Texts switched, log = world.log.texts();
+        for (const RadioState state : world.world().radioRequests())
+            switched.emplace_back(state == RadioState::on ? "on" : "off");
+        std::erase_if(log, [](const auto& line) { return line.starts_with("Radio object state is now"); });
+        return {joined(world.sleeps.sleeps()), joined(switched, ", "), test::trimmed(joined(log, "<br>"))};
+    });
+}
+
+TEST(Radios, AStoppedResetSwitchesOnWhatItHasSwitchedOff) {
+    Sleeps looks(51, 150);
+    looks[0] = 1500;
+    const std::pair<const char*, Sleeps> cases[] = {
+        {R"({})", {1500}}, {R"({"stuck": true})", looks}, {R"({"state": "Off", "stuck": true})", looks}};
+    for (const auto& [radio, sleeps] : cases) {
+        StopSignal stop;
+        ShellWorld world(R"({"radios": [)" + std::string(radio) + "]}");
+        Sleeps slept;
+        EXPECT_FALSE(isBluetoothResetting());
+        platform::setSleepObserver([&](std::chrono::milliseconds duration) {
+            slept.push_back(duration.count());
+            EXPECT_TRUE(isBluetoothResetting());
+            stop.stop();
+        });
+        EXPECT_THROW(resetBluetooth(stop), Stopped);
+        EXPECT_FALSE(isBluetoothResetting());
+        EXPECT_EQ(slept, sleeps) << radio;
+        EXPECT_EQ(world.world().radioRequests(), (std::vector{RadioState::off, RadioState::on}));
+        EXPECT_THROW(resetBluetooth(stop), Stopped);
+        EXPECT_EQ(world.world().radioRequests().size(), 2U) << "one that is stopped before it begins";
+    }
+}
+
+TEST(Adapters, SupportWhatTheDocumentSays) {
+    test::expectRows("replies.md", "Adapters", [](const Texts& cells) -> Texts {
+        ShellWorld world(R"({"adapters": [{"name": "A", "lmp": )" + cells[0] + "}]}");
+        std::uint32_t count = 3;
+        EXPECT_TRUE(getBLEProtocolSupport(&count));
+        return {world.log.texts().back(), count == 3 ? "no" : count == 4 ? "yes" : "?"};
+    });
+}
+
+TEST(Adapters, Number) {
+    for (const std::size_t adapters : {0, 1, 33, 34, 40}) {
+        std::string list;
+        for (std::size_t count = 0; count < adapters; ++count)
+            list += std::string(list.empty() ? "" : ",") + R"({"name": "C", "lmp": 6, "hci": 200})";
+        ShellWorld world(R"({"adapters": [)" + list + "]}");
+        std::vector<RadioVersionInfo> infos;
+        EXPECT_EQ(enumerateRadioVersions(infos), adapters > 0);
+        EXPECT_EQ(infos, std::vector(std::min<std::size_t>(adapters, 34), RadioVersionInfo{L"C", 6, 200}));
+        EXPECT_EQ(world.log.count("More than 32 instances found! Terminating the enumeration"),
+                  adapters > 33);
+    }
+}
+
+struct PairingRequest : platform::DevicePairingRequestedEventArgs {
+    explicit PairingRequest(std::uint32_t number) : kind(number) {}
+    platform::DevicePairingKinds pairingKind() const override { return platform::DevicePairingKinds{kind}; }
+    std::wstring pin() const override { return L"123456"; }
+    void accept() override { answer += "accept"; }
+    void acceptWithPin(const std::wstring& pin) override { answer += pin.empty() ? "empty pin" : "pin"; }
+
+    std::uint32_t kind;
+    std::string answer;
+};
+
+TEST(PairingRequest, AnsweredByKind) {
+    const std::pair<std::uint32_t, const char*> cases[] = {
+        {1, "accept"}, {2, "accept"}, {4, "empty pin"}, {8, "accept"}, {0, ""}, {3, ""}, {16, ""}};
+    for (const auto& [kind, answer] : cases) {
+        PairingRequest request(kind);
+        onPairingRequested(request);
+        EXPECT_EQ(request.answer, answer) << kind;
+    }
+}
+
+TEST(ScanIntervals, SentOncePerProcessWhateverTheDriverSays) {
+    using Bytes = std::vector<std::uint8_t>;
+    const Bytes plain = {0, 0, 0, 0, 29, 0, 29, 0};
+    const Bytes for1809 = {0, 0, 0, 0, 0, 0, 0, 0, 29, 0, 29, 0, 29, 0, 29, 0};
+    const Bytes for1903 = {0, 0, 0, 0, 0, 0, 0, 0, 29, 0, 29, 0, 29, 0, 29, 0, 29, 0, 0, 0, 0, 0, 0, 0};
+    const std::tuple<std::string, std::vector<Bytes>, Texts> cases[] = {
+        {R"({"scan_command_errors": [0, 0, 0]}, {})", {plain}, {}},
+        {R"({"scan_command_errors": [997, 0, 0]})", {plain}, {"Configured BLE scan interval!"}},
+        {R"({"scan_command_errors": [87, 997, 5]}, {})",
+         {plain, for1809, for1903},
+         {"Could not configure BLE scan interval! 87", "Trying out 1809+ workaround",
+          "[1809+] error in INTERVAL _COMMAND code 997", "Trying out 1903+ workaround",
+          "[1903+] error in INTERVAL _COMMAND code 5"}},
+        {"", {}, {}}};
+    for (const auto& [adapters, commands, lines] : cases) {
+        ShellWorld world(R"({"adapters": [)" + adapters + "]}");
+        scanIntervalsConfigured = false;
+        setScanIntervals();
+        EXPECT_TRUE(waitForScanConfigThread(test::kDeadline));
+        EXPECT_EQ(setScanIntervals(), !adapters.empty());
+        EXPECT_EQ(world.world().scanCommands(), commands);
+        EXPECT_EQ(world.sleeps.sleeps(), Sleeps(commands.empty() ? 0 : 1, 250));
+        const auto texts = world.log.texts();
+        const auto first = std::find(texts.begin(), texts.end(), "Applying scan intervals...8");
+        if (adapters.empty()) {
+            EXPECT_TRUE(world.log.find("setScanInterval: Could not find BLE device to work with! "));
+        } else {
+            ASSERT_NE(first, texts.end());
+            EXPECT_EQ(Texts(first + 1, texts.end() - 1), lines);
+        }
+    }
+}
+
+const std::string kAgeWarning = "[WARNING] It is recommended to check for new Bluetooth ";
+const std::string kKnownWarning = "[WARNING] Bluetooth driver ";
+
+// Noon, so that the day is the same at nearly every offset from UTC.
+std::string driver(const std::string& day, const std::string& manufacturer = "M") {
+    return R"({"description": "D", "manufacturer": ")" + manufacturer + R"(", "provider": "P", "date": ")" +
+           day + R"(T12:00:00Z", "version": "1.2.3.4"})";
+}
+
+std::string device(const std::string& drivers) {
+    return R"({"compatible": [)" + drivers + "]}";
+}
+
+std::string repeated(const std::string& item, int count) {
+    return count == 1 ? item : item + "," + repeated(item, count - 1);
+}
+
+// The log of a check of these devices.
+Texts check(const std::string& devices) {
+    static const DriversDb known = {{L"M#1.2.3.4", L"Get 2."}, {L"An Intel Co#1.2.3.4", L"Get 3."}};
+    ShellWorld world(R"({"drivers": [)" + devices + "]}");
+    checkBluetoothDrivers([]() -> const DriversDb& { return known; });
+    return world.log.texts();
+}
+
+long countOf(const Texts& lines, std::string_view begin) {
+    return std::count_if(lines.begin(), lines.end(),
+                         [&](const auto& line) { return line.starts_with(begin); });
+}
+
+TEST(Drivers, AreWarnedOfAsTheDocumentSays) {
+    test::expectRows("replies.md", "Drivers", [](const Texts& cells) -> Texts {
+        const Texts log = check(device(driver(cells[0], cells[1])));
+        EXPECT_LE(countOf(log, "[WARNING]"), 1);
+        return {countOf(log, kAgeWarning) > 0 ? "age" : countOf(log, kKnownWarning) > 0 ? "known" : ""};
+    });
+}
+
+// Where the local time is not UTC, the date in the warning is shifted twice.
+TEST(Drivers, ListingAndWarnings) {
+    const auto dateText = [](platform::FileTime time) {
+        return platform::toUtf8(platform::formatLongDateAndTime(platform::toCalendarTime(time)));
+    };
+    const auto once = platform::toLocalFileTime({131065776000000000});  // 2016-05-01 12:00
+    const Texts texts = check(device(driver("2016-05-01")));
+    ASSERT_EQ(texts.size(), 7U);
+    EXPECT_EQ(texts[4], "Driver date is " + dateText(once));
+    EXPECT_EQ(texts[6], kAgeWarning + "\"M:P:" + dateText(platform::toLocalFileTime(once)) +
+                            "\" driver version and update!");
+    EXPECT_EQ(check(device(driver("2020-01-02"))).back(),
+              kKnownWarning + "\"M:P\" may require an update! Get 2.");
+}
+
+TEST(Drivers, LaterDuplicatesLimitsAndFailures) {
+    const std::string one = device(driver("2020-01-01", "N")), old = driver("2016-05-01");
+    const std::tuple<std::string, int, int, Texts> cases[] = {
+        {device(old + "," + old), 2, 1, {}},
+        {device(old + "," + driver("2016-05-02", "m")), 2, 2, {}},
+        {device(old + "," + driver("2020-05-01")), 2, 1, {}},
+        {device(old) + "," + device(old), 2, 2, {}},
+        {device(repeated(driver("2020-01-01", "N"), 40)) + "," + repeated(one, 39), 32 + 32, 0, {}},
+        {one + R"(,{"build_error": 13},)" + one, 1, 0, {"Driver check: SetupDiBuildDriverInfoList err - 13"}},
+        {one + R"(,{"build_error": 256},)" + one, 1, 0, {}},
+        // The next device has its turn.
+        {R"({"end_error": 5},)" + one, 1, 0, {"Driver check: SetupDiEnumDriverInfo err - 5"}},
+        {R"(], "faults": [{"on": "drivers", "do": "error:0x80070005"})",
+         0,
+         0,
+         {"Driver check: SetupDiGetClassDevs failed: 5"}}};
+    for (const auto& [devices, listed, warnings, failures] : cases) {
+        Texts log = check(devices);
+        EXPECT_EQ(countOf(log, "---------------"), listed) << devices;
+        EXPECT_EQ(countOf(log, "[WARNING]"), warnings) << devices;
+        std::erase_if(log, [](const auto& line) { return !line.starts_with("Driver check"); });
+        EXPECT_EQ(log, failures) << devices;
+    }
+}
+
+TEST(DriversDb, Lines) {
+    const std::string other =
+        "Driver check: known.db has lines that are not UTF-8 and are not used: 2. "
+        "Save the file as UTF-8.";
+    const std::tuple<std::string, DriversDb, Texts> cases[] = {
+        {"", {}, {}},
+        {"a,b", {{L"a#b", L""}}, {}},
+        {"\n\na\n,b,c\na,,c\na,\r\n,\n", {}, {}},
+        {" a , b , c ,d,e,f,g,h\n", {{L" a # b ", L" c "}}, {}},
+        {"\xEF\xBB\xBFm,b,c\r\nd,e\r\n", {{L"m#b", L"c"}, {L"d#e", L""}}, {}},
+        {"a,b,first\na,b,last\n", {{L"a#b", L"last"}}, {}},
+        {"M\xC3\xBCller,1.0.0.0,\xC3\xBC\n", {{L"M\u00FCller#1.0.0.0", L"\u00FC"}}, {}},
+        {{"\xFF\xFE\xFC\0,\0b\0\n\0d\0,\0e\0\n\0?", 19}, {{L"\u00FC#b", L""}, {L"d#e", L""}}, {}},
+        {{"\xFE\xFF\0\xFC\0,\0b\0\r\0\n", 12}, {{L"\u00FC#b", L""}}, {}},
+        {"M\xFCller,1,a\na,b,c\nd,e,\xFC\n", {{L"a#b", L"c"}}, {other}}};
+    for (const auto& [text, records, told] : cases) {
+        const test::LogCapture log;
+        EXPECT_EQ(parseDriversDb(text, "known.db"), records) << text;
+        EXPECT_EQ(log.texts(), told) << text;
+    }
+}
+
+TEST(DriversDb, FileMayBeMissing) {
+    const test::TemporaryFolder folder;
+    const auto file = folder.path() / "known.db";
+    sim::WorldScope world(R"({"drivers_db": ")" + file.generic_string() + R"("})");
+    EXPECT_TRUE(readDriversDb().empty());
+    std::ofstream(file) << "a,b,c\n";
+    EXPECT_EQ(readDriversDb(), (DriversDb{{L"a#b", L"c"}}));
+}
+
+}  // namespace
+}  // namespace blescanner
