@@ -70,19 +70,6 @@ TEST(Commands, TextsOfTheLog) {
     EXPECT_EQ(shell.log.texts().back(), "SHELL: no\\x1b end");
 }
 
-TEST(Commands, ScanTime) {
-    const std::pair<const char*, int> cases[] = {
-        {"lescan", 0},           {"lescan 999", 0}, {"lescan 1000", 1000},    {"lescan -1", 0},
-        {"lescan - 2", 0},       {"lescan abc", 0}, {"lescan 4294967296", 0}, {"lescan\t1500", 1500},
-        {"LESCANS 2000 x", 2000}};
-    Commands shell(R"({"peripherals": []})");
-    for (const auto& [command, duration] : cases) {
-        shell.sleeps.clear();
-        EXPECT_EQ(shell.replies(std::string(command) + "\n"), duration > 0 ? "N/A<br>" : "") << command;
-        EXPECT_EQ(shell.sleeps.sleeps(), duration > 0 ? (Sleeps{500, duration, 200}) : Sleeps{}) << command;
-    }
-}
-
 TEST(Commands, ScanEndsWithItsClient) {
     Commands shell;
     platform::setTimeScale(1);
@@ -97,45 +84,36 @@ TEST(Commands, ScanEndsWithItsClient) {
     EXPECT_EQ(shell.log.count("Start scanning..."), 1) << "nobody waits for the result";
 }
 
-TEST(Commands, Lines) {
+TEST(Commands, AnswerLinesAsTheDocumentSays) {
+    test::expectRows("replies.md", "Lines", [](const Texts& cells) -> Texts {
+        std::string sent = cells[0];
+        for (const auto& [shown, meant] : {std::pair{"\\\\n", "\n"}, {"\\\\r", "\r"}, {"\\\\t", "\t"}})
+            sent = std::regex_replace(sent, std::regex(shown), meant);
+        Commands shell(R"({"peripherals": []})");
+        const CommandResult result = shell.dispatch(sent);
+        const char* const next[] = {"goes on", "the client's session ends", "the program ends"};
+        return {shell.repliesSoFar(), test::joined(shell.sleeps.sleeps()), next[-static_cast<int>(result)],
+                test::joined(shell.log.troubles(), "<br>")};
+    });
+}
+
+TEST(Commands, LinesInPiecesAndTooLongOnes) {
     constexpr std::size_t kLimit = 64 * 1024;
     const std::string ok = "disconnect";
     const std::tuple<Texts, std::string, Texts> cases[] = {
-        {{"DisConnect\n"}, "OK<br>", {}},
-        {{"disconnect\r\n"}, "OK<br>", {""}},
-        {{"disconnect\rdisconnected\n\r"}, "OK<br>OK<br>", {""}},
         {{"dis", "conn", "", "ect", "\ndisc", "onnect\n"}, "OK<br>OK<br>", {}},
-        {{"disconnect"}, "", {}},
-        {{" disconnect\nQuit now\nexit \nEVIL\x1b[2J\n"},
-         "",
-         {" disconnect", "quit now", "exit ", "evil\\x1b[2j"}},
         {{ok + std::string(kLimit - ok.size(), 'x') + "\n"}, "OK<br>", {}},
         {{ok + std::string(kLimit, 'x'), "\ndisconnect\n"},
          "OK<br>",
-         {ok + std::string(256 - ok.size(), 'x') + "... (line longer than 64 KiB)"}}};
-    for (const auto& [writes, replies, unknown] : cases) {
+         {"ERROR: Unknown command: " + ok + std::string(256 - ok.size(), 'x') +
+          "... (line longer than 64 KiB)"}}};
+    for (const auto& [writes, replies, problems] : cases) {
         Commands shell;
-        Texts problems;
-        for (const std::string& text : unknown)
-            problems.push_back("ERROR: Unknown command: " + text);
         for (const std::string& bytes : writes)
             EXPECT_EQ(shell.dispatch(bytes), CommandResult::goOn);
         EXPECT_EQ(shell.repliesSoFar(), replies) << writes.front().substr(0, 80);
         EXPECT_EQ(shell.log.troubles(), problems);
     }
-}
-
-TEST(Commands, EndsAndReset) {
-    Commands shell;
-    EXPECT_EQ(shell.replies("resetbt\n"), "OK<br>");
-    EXPECT_EQ(shell.world().radioRequests(),
-              (std::vector{platform::RadioState::off, platform::RadioState::on}));
-    shell.sleeps.clear();
-    EXPECT_EQ(shell.dispatch("QUIT\ndisconnect\n"), CommandResult::clientQuits);
-    EXPECT_EQ(shell.sleeps.sleeps(), Sleeps{});
-    EXPECT_EQ(shell.dispatch("Exit\rdisconnect\n"), CommandResult::programEnds);
-    EXPECT_EQ(shell.sleeps.sleeps(), (Sleeps{250, 250}));
-    EXPECT_EQ(shell.repliesSoFar(), "") << "nothing behind the command that ends the session";
 }
 
 TEST(Commands, EachEndOfALinkClosesItsPipeOnce) {
@@ -216,22 +194,22 @@ TEST(Writes, WithoutAPipeGoNowhere) {
 
 TEST(LinkNotification, KeepsEveryLineInOrderWhileAClientIsThere) {
     LinkNotification notification;
+    const auto taken = [&](bool isSet) {
+        EXPECT_EQ(notification.event().isSet(), isSet);
+        return notification.take();
+    };
     EXPECT_FALSE(notification.post(L"lost"));
-    notification.open();
-    EXPECT_FALSE(notification.event().isSet());
-    EXPECT_TRUE(notification.post(L"one"));
-    EXPECT_TRUE(notification.post(L"one"));
-    EXPECT_EQ(notification.take(), L"one");
-    EXPECT_TRUE(notification.event().isSet());
-    EXPECT_EQ(notification.take(), L"one");
-    EXPECT_FALSE(notification.event().isSet());
-    EXPECT_FALSE(notification.take());
-    notification.post(L"stale");
-    notification.close();
-    EXPECT_FALSE(notification.post(L"lost"));
-    notification.open();
-    EXPECT_FALSE(notification.event().isSet());
-    EXPECT_FALSE(notification.take());
+    for (const auto* second : {L"one", L"two"}) {
+        notification.open();
+        EXPECT_FALSE(taken(false));
+        EXPECT_TRUE(notification.post(L"one") && notification.post(second));
+        EXPECT_EQ(taken(true), L"one");
+        EXPECT_EQ(taken(true), second);
+        EXPECT_FALSE(taken(false));
+        notification.post(L"stale");
+        notification.close();
+        EXPECT_FALSE(notification.post(L"lost"));
+    }
 }
 
 TEST(ByteLoss, TellsTheFirstOneAtOnceAndALongRunOnceASecond) {

@@ -87,14 +87,8 @@ class WatchedPipe : public platform::Pipe {
         return real_->flush(bound) && control_.flushed;
     }
     bool clientLeft() const override { return real_->clientLeft(); }
-    void disconnect() override {
-        control_.note(name_ + " disconnect");
-        real_->disconnect();
-    }
-    void close() override {
-        control_.note(name_ + " close");
-        real_->close();
-    }
+    void disconnect() override { control_.note(name_ + " disconnect"), real_->disconnect(); }
+    void close() override { control_.note(name_ + " close"), real_->close(); }
     bool isOpen() const override { return real_->isOpen(); }
     platform::ClientIdentity client() const override { return real_->client(); }
 
