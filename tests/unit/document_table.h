@@ -73,7 +73,8 @@ void expectRows(const std::string& name, const std::string& section, Play play) 
     std::size_t played = 0;
     for (const TableRow& row : tableRows(name)) {
         if (row.section != section) continue;
-        const std::vector<std::string> outcome = play(row.cells);
+        std::vector<std::string> outcome = play(row.cells);
+        std::transform(outcome.begin(), outcome.end(), outcome.begin(), trimmed);
         ASSERT_LT(outcome.size(), row.cells.size());
         const std::vector<std::string> told(row.cells.end() - static_cast<long>(outcome.size()),
                                             row.cells.end());

@@ -25,24 +25,50 @@ using namespace std::chrono_literals;
 
 inline constexpr const wchar_t* kAddress = L" 00:1a:7d:da:71:13";
 
-class Link {
+// A simulated world with its pipes, for the program's code in this process.
+class Rig {
   public:
-    explicit Link(const std::string& scenario) {
-        world_.emplace(scenario);
+    explicit Rig(const std::string& scenario) : world_(std::in_place, scenario) {
         loguru::g_stderr_verbosity = loguru::Verbosity_OFF;  // a test reads the log by LogCapture
+        blescanner::settings().cmdPipeName = pipeOf(folder_.path(), "shell").wstring();
+        blescanner::settings().datPipeName = pipeOf(folder_.path(), "data").wstring();
+    }
+    ~Rig() { blescanner::settings() = {}; }
+    Rig(const Rig&) = delete;
+    Rig& operator=(const Rig&) = delete;
+
+    PipeClient openShell() { return PipeClient(pipeOf(folder_.path(), "shell")); }
+    PipeClient openData() { return PipeClient(pipeOf(folder_.path(), "data")); }
+    bool hasPipes() const {
+        return pipeExists(pipeOf(folder_.path(), "shell")) || pipeExists(pipeOf(folder_.path(), "data"));
+    }
+    bool ended() { return blescanner::waitForLinkSessions(kDeadline); }
+    sim::World& world() { return world_->world(); }
+
+  protected:
+    // Ends the calls of the world that a session may hang in.
+    void endWorld() {
+        world_.reset();
+        EXPECT_TRUE(ended());
+    }
+
+  private:
+    const TemporaryFolder folder_;
+    std::optional<sim::WorldScope> world_;
+};
+
+class Link : public Rig {
+  public:
+    explicit Link(const std::string& scenario) : Rig(scenario) {
         platform::setTimeScale(500);
-        blescanner::settings().datPipeName = platform::widen(test::pipeOf(folder_.path()).string());
         blescanner::linkNotification().open();
     }
     ~Link() {
         stop();
-        world_.reset();  // ends the calls of the world that a session may hang in
-        EXPECT_TRUE(ended());
+        endWorld();
         blescanner::linkNotification().close();
         platform::setTimeScale(1);
     }
-    Link(const Link&) = delete;
-    Link& operator=(const Link&) = delete;
 
     void connect(const wchar_t* address = kAddress) {
         pipe_ = blescanner::createDataPipe();
@@ -60,15 +86,10 @@ class Link {
         const auto taken = blescanner::linkNotification().take();
         return taken ? platform::toUtf8(taken->substr(0, taken->size() - 2)) : "";
     }
-    test::PipeClient openData() { return test::PipeClient(test::pipeOf(folder_.path())); }
-    bool ended() { return blescanner::waitForLinkSessions(test::kDeadline); }
     blescanner::TioContext& context() { return *blescanner::currentTioContext(); }
-    sim::TioPeripheral& peripheral() { return world_->world().peripheral(0); }
-    sim::World& world() { return world_->world(); }
+    sim::TioPeripheral& peripheral() { return world().peripheral(0); }
 
   private:
-    std::optional<sim::WorldScope> world_;
-    test::TemporaryFolder folder_;
     std::shared_ptr<blescanner::CNamedPipe> pipe_;
 };
 

@@ -49,8 +49,7 @@ TEST(Options, SettingsAndOutput) {
         EXPECT_EQ((Names{settings.cmdPipeName, settings.datPipeName, settings.logFileName}), names);
     }
     std::string line;
-    EXPECT_TRUE(std::getline(std::ifstream("everything.log"), line) && line == "earlier")
-        << "it is appended to";
+    EXPECT_TRUE(std::getline(std::ifstream("everything.log"), line) && line == "earlier") << line;
     EXPECT_EQ(std::distance(fs::directory_iterator("."), {}), 1) << "no file but this one";
     loguru::remove_all_callbacks();
     blescanner::settings() = {};

@@ -1,27 +1,16 @@
 // The command pipe in this process, between the simulated world and a real client.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <functional>
-#include <memory>
 #include <mutex>
-#include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "blescanner/blehelper.h"
-#include "blescanner/cmdpipe.h"
-#include "blescanner/lecomm.h"
-#include "blescanner/settings.h"
-#include "platform/bluetooth/sim/world.h"
-#include "platform/text.h"
 #include "tests/eventually.h"
-#include "tests/unit/log_capture.h"
+#include "tests/unit/document_table.h"
+#include "tests/unit/link_fixture.h"
 #include "tests/unit/sleep_recorder.h"
-#include "tests/unit/support.h"
 
 namespace test {
 
@@ -99,13 +88,10 @@ class WatchedPipe : public platform::Pipe {
 };
 
 // A world with its pipes, in which fixed sleeps are recorded and hardly take time.
-class ShellWorld {
+class ShellWorld : public Rig {
   public:
-    explicit ShellWorld(const std::string& scenario) : world_(std::in_place, scenario) {
-        loguru::g_stderr_verbosity = loguru::Verbosity_OFF;
+    explicit ShellWorld(const std::string& scenario) : Rig(scenario) {
         blescanner::scanIntervalsConfigured = true;
-        blescanner::settings().cmdPipeName = test::pipeOf(folder_.path(), "shell").wstring();
-        blescanner::settings().datPipeName = test::pipeOf(folder_.path(), "data").wstring();
         blescanner::CNamedPipe::creator = [this](std::wstring_view name) {
             auto created = platform::Pipe::create(name);
             const std::string kind = name == blescanner::settings().datPipeName ? "data" : "shell";
@@ -116,30 +102,13 @@ class ShellWorld {
     }
     ~ShellWorld() {
         blescanner::CNamedPipe::creator = platform::Pipe::create;
-        world_.reset();  // ends the calls of the world that a session may hang in
-        EXPECT_TRUE(blescanner::waitForLinkSessions(test::kDeadline));
-        blescanner::settings() = {};
+        endWorld();
     }
-    ShellWorld(const ShellWorld&) = delete;
-    ShellWorld& operator=(const ShellWorld&) = delete;
-
-    PipeClient openShell() const { return PipeClient(pipeOf(folder_.path(), "shell")); }
-    PipeClient openData() const { return PipeClient(pipeOf(folder_.path(), "data")); }
-    bool hasPipes() const {
-        return pipeExists(pipeOf(folder_.path(), "shell")) || pipeExists(pipeOf(folder_.path(), "data"));
-    }
-    sim::World& world() { return world_->world(); }
 
     PipeControl control;
     LogCapture log;
     std::function<void()> onShellCreated;
-
-  private:
-    const test::TemporaryFolder folder_;
-    std::optional<sim::WorldScope> world_;
-
-  public:
-    SleepRecorder sleeps;  // last: after the world, whose time scale it replaces
+    SleepRecorder sleeps;  // replaces the world's time scale
 };
 
 }  // namespace test
