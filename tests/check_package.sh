@@ -52,11 +52,11 @@ check_windows() {
         LC_ALL=C grep -qaP '\xbd\x04\xef\xfe\0\0\x01\0\0\0\x01\0\0\0\x04\0' "$program" || fail "$program: other numbers"
     done
     cd ..
-    simulates "$root/tests/wine_run.sh" "ZIQBLEConnect-$version-win64/ZIQBLEConnect-sim.exe"
-    pipes "$root/tests/wine_run.sh" "ZIQBLEConnect-$version-win64/ziqble.exe"
+    simulates "$root/tools/wine_run.sh" "ZIQBLEConnect-$version-win64/ZIQBLEConnect-sim.exe"
+    pipes "$root/tools/wine_run.sh" "ZIQBLEConnect-$version-win64/ziqble.exe"
     # Wine's own library ends the program when the program looks for adapters.
     cp "$root/build/windows/tests/under_wine/bluetoothapis.dll" "ZIQBLEConnect-$version-win64"
-    starts "$root/tests/wine_run.sh" "ZIQBLEConnect-$version-win64/ZIQBLEConnect.exe"
+    starts "$root/tools/wine_run.sh" "ZIQBLEConnect-$version-win64/ZIQBLEConnect.exe"
 }
 
 check_linux() {

@@ -12,7 +12,7 @@ ROOT = Path(__file__).resolve().parent.parent
 class Wine:
     """As bridge_client.Linux. Wine turns the process that is started into the program: its signals and its figures in /proc are
     the program's."""
-    run, suffix = [ROOT / "tests/wine_run.sh"], ".exe"
+    run, suffix = [ROOT / "tools/wine_run.sh"], ".exe"
 
     def __init__(self, build):
         self.relay = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *self.run, build / "tools/wine_relay.exe"],
