@@ -1,5 +1,4 @@
 """The two relays that are compared: the program with its simulated peripheral, and socat with a stand-in for the peripheral."""
-import json
 import os
 import re
 import subprocess
@@ -11,7 +10,7 @@ ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "tools"))
 import bridge_client  # noqa: E402
 import wine_rig  # noqa: E402
-from bridge_client import Program, check, wait_until  # noqa: E402
+from bridge_client import Program, Ziqble, check, wait_until  # noqa: E402
 
 ADDRESS = "00:1A:7D:DA:71:13"
 TICKS = os.sysconf("SC_CLK_TCK")
@@ -22,7 +21,7 @@ class Linux(bridge_client.Linux):
     NAME = "ZIQBLEConnect-sim"
     PROGRAM = ROOT / "build/linux/ZIQBLEConnect-sim"
     LOAD = [ROOT / "build/linux/bench/pipe_load"]
-    ZIQBLE = [ROOT / "build/linux/ziqble"]
+    ZIQBLE = ROOT / "build/linux/ziqble"
 
 
 class Wine(wine_rig.Wine):
@@ -37,9 +36,7 @@ class Wine(wine_rig.Wine):
 
 def start_program(host, folder, peripheral):
     """The program in a world with that peripheral."""
-    scenario = folder / "scenario.json"
-    scenario.write_text(json.dumps({"peripherals": [peripheral]}))
-    return Program(host.PROGRAM, folder, scenario, host=host, output=subprocess.DEVNULL)
+    return Program(host.PROGRAM, folder, {"peripherals": [peripheral]}, host=host, output=subprocess.DEVNULL)
 
 
 def stop(process):
@@ -101,8 +98,8 @@ class Bridge(Relay):
             self.client.exit()
         finally:
             self.client.close()
-        self.account = self.program.errors.read_text().strip()
-        check(re.search(r"\bviolations 0\b", self.account), f"violations, or no account of the peripheral: {self.account!r}")
+        check(self.program.check_errors(), "no account of the peripheral")
+        self.account = self.program.error_text().strip()
 
 
 class Served(Relay):
@@ -110,18 +107,17 @@ class Served(Relay):
     name, load = "ziqble serve", Linux.LOAD
 
     def __init__(self, folder, peripheral):
-        self.near, events = folder / "tty", folder / "events"
+        self.near = folder / "tty"
         self.program = start_program(Linux, folder, peripheral)
-        self.process = subprocess.Popen([*Linux.ZIQBLE, "--cmd-pipe", self.program.command, "--dat-pipe", self.program.data, "serve",
-                                         ADDRESS, "--wait", "--pty", self.near, "--events", events], stderr=subprocess.DEVNULL)
+        self.ziqble = Ziqble(Linux.ZIQBLE, (self.program.command, self.program.data), folder=folder)
         try:
-            wait_until(lambda: events.exists() and '"up"' in events.read_text(), 20, "the link")
+            self.process, _ = self.ziqble.serve(ADDRESS, "--wait", "--pty", self.near, stderr=subprocess.DEVNULL)
         except BaseException:
             self.close()
             raise
 
     def close(self):
-        stop(self.process)
+        self.ziqble.close()
         self.program.stop()
 
 

@@ -1,5 +1,6 @@
 """For all scripts that run the program: the program as a child process, a client of its pipes, and waiting with a deadline."""
 import collections
+import json
 import os
 import re
 import select
@@ -32,6 +33,12 @@ def wait_until(condition, seconds, what):
         time.sleep(0.002)
 
 
+def seconds_of(call):
+    start = time.monotonic()
+    result = call()
+    return time.monotonic() - start, result
+
+
 def open_pipe(path):
     pipe = socket.socket(socket.AF_UNIX)
     pipe.settimeout(20)
@@ -60,6 +67,11 @@ class Linux:
         """Threads and descriptors."""
         return [len(os.listdir(f"/proc/{program.process.pid}/{kind}")) for kind in ("task", "fd")]
 
+    @staticmethod
+    def memory(program):
+        """Resident bytes."""
+        return int(Path(f"/proc/{program.process.pid}/statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+
 
 class Pipe:
     """A client of one of the program's pipes. `offer` and `pull` do not wait; the other calls do, and fail when nothing has
@@ -72,6 +84,9 @@ class Pipe:
         self.ended = self.broken = False  # nothing more comes; nothing more is taken
 
     def pull(self, most=65536):
+        """Takes what has come, at most so many bytes of it; returns how many."""
+        if self.ended:
+            return 0
         try:
             piece = self.socket.recv(most)
         except BlockingIOError:
@@ -159,20 +174,22 @@ class Shell(Pipe):
 
 
 class Program:
-    """The program with log and standard error in a folder of its own, where its pipes are, too, if none are given. It ends when
-    this process does."""
+    """The program, in a simulated world if one is given, with log and standard error in a folder of its own, where its pipes are,
+    too, if none are given. It ends when this process does."""
 
-    def __init__(self, executable, folder, scenario=None, arguments=None, pipes=None, host=Linux, output=None, **options):
+    def __init__(self, executable, folder, world=None, arguments=None, pipes=None, host=Linux, output=None, **options):
         self.host, self.folder = host, folder
         self.command, self.data = pipes or (host.pipe(folder, name) for name in ("command", "data"))
         self.log, self.errors = folder / "log", folder / "errors"
-        world = {key: value for key, value in os.environ.items() if key != "ZIQBLE_SCENARIO"}
-        if scenario:
-            world["ZIQBLE_SCENARIO"] = str(scenario)
+        environment = {key: value for key, value in os.environ.items() if key != "ZIQBLE_SCENARIO"}
+        if world is not None:
+            scenario = folder / "scenario.json"
+            scenario.write_text(json.dumps(world, indent=1))
+            environment["ZIQBLE_SCENARIO"] = str(scenario)
         arguments = ["--cmdPipe", self.command, "--datPipe", self.data] if arguments is None else arguments
         with self.log.open("w") as out, self.errors.open("w") as err:
             self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *host.run, executable, *arguments],
-                                            stdin=subprocess.DEVNULL, stdout=output or out, stderr=err, env=world, **options)
+                                            stdin=subprocess.DEVNULL, stdout=output or out, stderr=err, env=environment, **options)
 
     def running(self):
         return self.process.poll() is None
@@ -203,9 +220,28 @@ class Program:
                 check(self.running() and time.monotonic() < end, f"the pipe cannot be opened: {problem}")
                 time.sleep(0.01)
 
+    def error_text(self):
+        return self.errors.read_text(errors="replace").replace("\r", "")
+
     def accounts(self):
         """What the simulated peripherals have counted, once the program has ended."""
-        return [Account(*map(int, found.groups())) for found in SUMMARY.finditer(self.errors.read_text().replace("\r", ""))]
+        return [Account(*map(int, found.groups())) for found in SUMMARY.finditer(self.error_text())]
+
+    def check_errors(self, beside=""):
+        """Nobody writes to standard error but the simulated world, which has seen no violation. Returns its accounts."""
+        rest, accounts = SUMMARY.sub("", self.error_text()).strip(), self.accounts()
+        check(rest in ("", beside) and not any(account.violations for account in accounts), self.error_text())
+        return accounts
+
+    def check_end(self, beside=""):
+        """Checks what a program that has ended leaves behind. Returns what its peripherals have counted."""
+        check(self.log_lines(1)[0].endswith("Goodbye!\n"), f"the log ends with {self.log_lines(1)}")
+        check(not any(map(self.host.exists, (self.command, self.data))), "a pipe was left behind")
+        return self.check_errors(beside)
+
+    def ends_of_logs(self, lines=30):
+        """For a report about something that went wrong."""
+        return "".join(self.log_lines(lines)) + self.error_text()
 
     def wait(self, seconds=DEADLINE):
         """The exit code."""
@@ -286,6 +322,78 @@ class Bridge:
         self.program.stop()
 
 
-def check_source(received):
+class Ziqble:
+    """Runs ziqble for the bridge on these pipes. Children end when this process does."""
+
+    def __init__(self, executable, pipes, host=Linux, folder=None):
+        self.command = [*host.run, executable, "--cmd-pipe", pipes[0], "--dat-pipe", pipes[1]]
+        self.folder, self.children = folder, []
+
+    def run(self, *arguments, **options):
+        return subprocess.run([*self.command, *arguments], **{"capture_output": True, "timeout": 60} | options)
+
+    def spawn(self, *arguments, **options):
+        child = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *self.command, *arguments], stdin=subprocess.PIPE,
+                                 stdout=subprocess.PIPE, **{"stderr": subprocess.PIPE} | options)
+        self.children.append(child)
+        return child
+
+    def serve(self, address, *arguments, **options):
+        """A serial port or a TCP port, once its link is up; with the events that ziqble writes to a file in the folder."""
+        events = Events(self.folder / "events")
+        child = self.spawn("serve", address, "--events", events.path, *arguments, **options)
+        events.wait("up")
+        return child, events
+
+    def close(self):
+        for child in self.children:
+            child.kill()
+            child.communicate()
+
+
+class Events:
+    """The JSON lines that "ziqble serve" writes."""
+
+    def __init__(self, path):
+        self.path = path
+
+    def __call__(self, kind):
+        lines = self.path.read_text().splitlines(True) if self.path.exists() else []
+        return [event for event in (json.loads(line) for line in lines if line.endswith("\n")) if event["event"] == kind]
+
+    def wait(self, kind, count=1):
+        wait_until(lambda: len(self(kind)) >= count, DEADLINE, f"event {kind} number {count}")
+        return self(kind)[count - 1]
+
+
+def source_bytes(count, first=0):
     """The peripheral's serial mode "source" sends this pattern."""
-    check(received == bytes((i + i // 251) & 0xFF for i in range(len(received))), "the source's bytes differ")
+    return bytes((position + position // 251) & 0xFF for position in range(first, first + count))
+
+
+def check_source(received):
+    check(received == source_bytes(len(received)), "the source's bytes differ")
+
+
+def same_length(one, other):
+    """How many bytes at the start are equal."""
+    limit = min(len(one), len(other))
+    if one[:limit] == other[:limit]:
+        return limit
+    return len(os.path.commonprefix([one[:limit], other[:limit]]))
+
+
+def gaps_between(sent, received, windows=(16,)):
+    """How many random bytes are missing at each gap between the received ones, which have to be in order; those behind the last
+    one do not count. So many bytes of the window are at one place only; pieces may be shorter than the longest window."""
+    gaps, at, rest = [], 0, bytes(received)
+    while True:
+        same = same_length(sent[at:], rest)
+        at, rest = at + same, rest[same:]
+        if not rest:
+            return gaps
+        found = next((place for size in windows if (place := sent.find(rest[:size], at)) >= 0), -1)
+        check(found >= 0, f"bytes came back that were not sent, or not in this order: {len(received) - len(rest)} "
+                          f"of {len(received)} were right, then {rest[:16].hex()}")
+        gaps.append(found - at)
+        at = found

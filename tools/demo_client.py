@@ -9,7 +9,7 @@ import tempfile
 import tty
 from pathlib import Path
 
-from bridge_client import Deviation, Program, check
+from bridge_client import Deviation, Program, Ziqble, check
 
 ADDRESS = "00:1A:7D:DA:71:13"
 ECHO_BYTES = 256 * 1024
@@ -20,13 +20,13 @@ class Session:
     """ziqble, one command after the other."""
 
     def __init__(self, executable, program):
-        self.ziqble = [executable, "--cmd-pipe", program.command, "--dat-pipe", program.data]
+        self.ziqble = Ziqble(executable, (program.command, program.data))
         self.answers = 0
 
     def run(self, *command, wanted="", show=None, **options):
         """Runs a command; what it prints has to match `wanted` as a whole."""
         print(f"$ ziqble {show or shlex.join(command)}", flush=True)
-        done = subprocess.run([*self.ziqble, *command], stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=60, **options)
+        done = self.ziqble.run(*command, **options)
         print(done.stdout.decode() if wanted else "", done.stderr.decode(), sep="", end="", flush=True)
         check(done.returncode == 0, f"exit code {done.returncode} of {command}")
         check(not wanted or re.fullmatch(wanted, done.stdout.decode()), f"another answer to {command} was expected")
@@ -36,8 +36,7 @@ class Session:
     def serve(self, port):
         """A serial port; bytes written to it come back."""
         print(f"$ ziqble serve {ADDRESS} --pty {port.name} &", flush=True)
-        with subprocess.Popen([*self.ziqble, "serve", ADDRESS, "--pty", port.name], cwd=port.parent,
-                              stderr=subprocess.PIPE, text=True) as server:
+        with self.ziqble.spawn("serve", ADDRESS, "--pty", port.name, cwd=port.parent, text=True) as server:
             for line in server.stderr:
                 print(line, end="", flush=True)
                 if "is up" in line:
@@ -70,14 +69,12 @@ def play(session, folder):
 
 
 def check_end(program):
-    code = program.process.wait(20)
+    code = program.wait()
     check(code == 0, f"the program ended with exit code {code}")
-    check(not any(pipe.exists() for pipe in (program.command, program.data)), "a socket was left behind")
+    check(len(program.check_end()) == 1, "the peripheral has given no account")
     last = [line.split("| ", 1)[-1].rstrip() for line in program.log_lines(2)]
     check(last == ["Shell pipe terminated...", "Goodbye!"], f"unexpected closing lines in the log: {last}")
-    world = program.errors.read_text().strip()
-    check(re.search(r"\bviolations 0\b", world), f"the peripheral should report no violation: {world!r}")
-    print(f"program: {' / '.join(last)} exit code {code}\n{world}")
+    print(f"program: {' / '.join(last)} exit code {code}\n{program.error_text().strip()}")
 
 
 def run(build, folder):
@@ -88,7 +85,7 @@ def run(build, folder):
         play(session, folder)
         check_end(program)
     except (Deviation, OSError, subprocess.TimeoutExpired) as problem:
-        sys.stderr.write("".join(program.log_lines(20)) + program.errors.read_text())
+        sys.stderr.write(program.ends_of_logs(20))
         sys.exit(f"error: {problem}")
     finally:
         program.stop()

@@ -87,9 +87,8 @@ class Player:
             round_.check_idle()
 
     def explain(self, problem, round_, number):
-        for line in round_.program.log_lines(40):
-            print(line.rstrip()[:160], file=sys.stderr)
-        sys.stderr.write(round_.program.errors.read_text(errors="replace"))
+        for line in round_.program.ends_of_logs(40).splitlines():
+            print(line[:160], file=sys.stderr)
         raise Deviation(f"{problem}\nseed {self.options.seed}, round {number}, {self.doing}; "
                         f"scenario, log and standard error are in {round_.program.log.parent}")
 

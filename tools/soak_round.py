@@ -1,15 +1,12 @@
 """One round of the soak test: a program in a world of its own, the client's state, and the checks of both."""
-import json
-import os
 import re
 import select
 import signal
 import time
 from collections import Counter
-from pathlib import Path
 
-from bridge_client import Program, check, wait_until
-from soak_client import DEADLINE, DataPipe, Link, LogWatch, Shell, check_source, missing_bytes
+from bridge_client import Program, check, gaps_between, wait_until
+from soak_client import DEADLINE, DataPipe, Link, LogWatch, Shell, check_source
 from soak_scenario import World
 
 STATS = re.compile(r"RX (\d+) bytes\. TX (\d+) bytes\. LC (\d+)\. RC \d+\. V10\.0\.\d+;BLE ON;LE=Sim Adapter\+9\|;"
@@ -18,7 +15,6 @@ MOST_CREDITS = 40  # that the peripheral may have
 MOST_MEMORY = 20e6
 MOST_GROWTH = 1.5e6  # after the warm-up; each peripheral of a round keeps its buffers
 WARM_UP = 5  # checks of the memory before growth counts
-PAGE = os.sysconf("SC_PAGE_SIZE")
 
 
 class Tally:
@@ -40,9 +36,7 @@ class Round:
         self.tally, self.memory_checked, self.scale = tally, memory_checked, scale
         self.world = World(rng, scale)
         folder.mkdir()
-        scenario = folder / "scenario.json"
-        scenario.write_text(json.dumps(self.world.document(), indent=1))
-        self.program = Program(executable, folder, scenario)
+        self.program = Program(executable, folder, self.world.document())
         self.log = LogWatch(self.program.log)
         self.client, self.data, self.link = None, None, None
         self.starting = []  # links whose "connect" has not been answered yet
@@ -53,7 +47,7 @@ class Round:
     # The command pipe
 
     def new_shell(self):
-        return Shell(self.program.command, self.saw_link_line, self.saw_reply)
+        return Shell(self.program.host.open(self.program.command), self.saw_link_line, self.saw_reply)
 
     def shell(self):
         if self.client is None or self.client.ended:
@@ -100,22 +94,19 @@ class Round:
         """The program begins to watch the connection just after it has told that the link is up."""
         wait_until(lambda: self.log.count("watched") > self.watched_before, DEADLINE, "the watch over the connection")
 
-    def open_data(self):
-        try:
-            self.data = DataPipe(self.program.data)
-            return True
-        except (ConnectionRefusedError, FileNotFoundError):
-            # The pipe is gone only if the link was lost meanwhile, which has to be told.
-            self.shell().wait(self.link.over, "a line about the link whose data pipe is gone")
-            return False
-
     def open_early(self):
-        """Tries to open the data pipe while the link is being set up; returns whether that went well."""
+        """Tries to open the data pipe, also while the link is being set up; returns whether that went well."""
         try:
-            self.data = DataPipe(self.program.data)
+            self.data = DataPipe(self.program.host.open(self.program.data))
         except (ConnectionRefusedError, FileNotFoundError):
             return False
         return True
+
+    def open_data(self):
+        opened = self.open_early()
+        if not opened:  # the pipe is gone only if the link was lost meanwhile, which has to be told
+            self.shell().wait(self.link.over, "a line about the link whose data pipe is gone")
+        return opened
 
     def bring_up(self, peripheral):
         """Connects and opens the data pipe; returns whether both went well."""
@@ -131,7 +122,7 @@ class Round:
 
     def quit(self):
         self.shell().send(b"quit\n")
-        self.shell().expect_end()
+        self.shell().read_to_end(DEADLINE)
 
     def vanish(self):
         self.client.close()
@@ -139,29 +130,25 @@ class Round:
 
     def end_data(self):
         """Waits until the program has closed the data pipe, and checks what was received."""
-        if not self.data:
-            return
-        if not self.data.ended:
-            self.data.expect_end()
-        self.check_data()
+        if self.data:
+            self.check_data(self.data.read_to_end(DEADLINE))
 
     def drop_data(self):
         """Closes the data pipe on the client's side."""
         self.data.close()
-        self.check_data()
+        self.check_data(bytes(self.data.come))
 
-    def check_data(self):
+    def check_data(self, received):
         data, self.data = self.data, None
         self.tally.sent += len(data.sent)
-        self.tally.received += len(data.received)
-        self.compare(data)
-        self.tally.compared += len(data.received)
+        self.tally.received += len(received)
+        self.compare(bytes(data.sent), received)
+        self.tally.compared += len(received)
 
-    def compare(self, data):
+    def compare(self, sent, received):
         if self.peripheral.traffic == "source":
-            return check_source(data.received)
-        missing = missing_bytes(data.sent, data.received)
-        lost = self.lost()
+            return check_source(received)
+        missing, lost = sum(gaps_between(sent, received)), self.lost()
         check(missing <= lost, f"{missing} bytes are missing between those that came back, {lost} were told lost")
         self.tally.gap_bytes += missing
 
@@ -174,22 +161,20 @@ class Round:
     def echo(self, payload, piece):
         """Writes all of it and waits until each byte has come back or its loss was told."""
         data = self.data
-        self.converse(payload, piece, lambda rest: not rest and len(data.received) >= len(data.sent) - self.lost())
+        self.converse(payload, piece, lambda rest: not rest and len(data.come) >= len(data.sent) - self.lost())
 
     def converse(self, payload, piece, done):
         data, shell, rest = self.data, self.shell(), memoryview(payload)
         end = time.monotonic() + DEADLINE
         while not done(rest) and not data.ended and not self.link.over():
             check(time.monotonic() < end,
-                  f"nothing has moved for {DEADLINE} s: {len(data.sent)} bytes sent, {len(data.received)} came back, "
+                  f"nothing has moved for {DEADLINE} s: {len(data.sent)} bytes sent, {len(data.come)} came back, "
                   f"{self.lost()} told lost, {len(rest)} waiting")
             select.select([data.socket, shell.socket], [data.socket] if rest else [], [], 0.005)
-            before = len(data.received)
-            data.pull()
-            count = data.push(rest[:piece]) if rest else 0
+            come, count = data.pull(), data.offer(rest[:piece]) if rest else 0
             rest = rest[count:]
             shell.pull()
-            if count or len(data.received) > before:
+            if count or come:
                 end = time.monotonic() + DEADLINE
         if data.ended:
             shell.wait(self.link.over, "a line about the link whose data pipe was closed")
@@ -198,9 +183,7 @@ class Round:
 
     def figures(self):
         """Returns the program's threads, descriptors and resident bytes."""
-        process = Path(f"/proc/{self.program.process.pid}")
-        pages = int((process / "statm").read_text().split()[1])
-        found = len(os.listdir(process / "task")), len(os.listdir(process / "fd")), pages * PAGE
+        found = *self.program.host.resources(self.program), self.program.host.memory(self.program)
         self.tally.threads = max(self.tally.threads, found[0])
         self.tally.descriptors = max(self.tally.descriptors, found[1])
         self.tally.memory = max(self.tally.memory, found[2])
@@ -248,25 +231,20 @@ class Round:
         else:
             self.shell().send(b"exit\n")
         if self.client and not self.client.ended:
-            self.client.expect_end()
-        code = self.program.process.wait(DEADLINE)
+            self.client.read_to_end(DEADLINE)
+        code = self.program.wait(DEADLINE)
         check(code == 0, f"the program ended with exit code {code}")
         self.end_data()
         self.log.read()
         check(any(line.endswith("| Goodbye!\n") for line in self.program.log_lines(3)), "the log lacks its last line")
         left = [path.name for path in self.program.log.parent.iterdir()]
         check(sorted(left) == ["errors", "log", "scenario.json"], f"files are left behind: {left}")
-        self.check_errors()
+        accounts = self.program.check_errors()
+        check(len(accounts) == len(self.world.peripherals), f"{len(accounts)} peripherals have given an account")
         self.tally.losses.update(self.log.times)
         self.tally.lost.update(self.log.lost)
         self.tally.no_credits += self.log.events["no credits"]
         self.tally.rounds += 1
-
-    def check_errors(self):
-        lines = self.program.errors.read_text(errors="replace").splitlines()
-        accounts = [line for line in lines if re.fullmatch(r"sim: .*, violations 0", line)]
-        check(accounts == lines and len(lines) == len(self.world.peripherals),
-              "a violation, or something else on standard error")
 
     def stop(self):
         self.program.stop()

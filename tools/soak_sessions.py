@@ -28,16 +28,16 @@ def use(round_, rng):
         case "stalled":
             stall(round_, rng.randbytes(rng.randint(1, READ_SIZE)))
         case "unsure":
-            round_.data.push(rng.randbytes(500))
+            round_.data.offer(rng.randbytes(500))
 
 
 def read_source(round_, count):
     data = round_.data
     end = time.monotonic() + DEADLINE
-    while len(data.received) < count and not round_.link.over():
-        check(time.monotonic() < end, f"a source gave {len(data.received)} of {count} bytes in {DEADLINE} s")
+    while len(data.come) < count and not round_.link.over():
+        check(time.monotonic() < end, f"a source gave {len(data.come)} of {count} bytes in {DEADLINE} s")
         time.sleep(0.001)
-        data.pull(count)
+        data.pull(min(65536, count - len(data.come)))
         round_.shell().pull()
 
 
@@ -50,7 +50,7 @@ def fill(round_, payload, piece):
 def stall(round_, payload):
     """Without credits the program cannot send what it has read, and logs that when the link ends."""
     stalls = round_.log.count("no credits")
-    round_.data.push(payload)
+    round_.data.offer(payload)
     wait_until(lambda: round_.log.count("no credits") > stalls, DEADLINE, "the log line about missing credits")
     lost = round_.log.lost["not sent"]
     round_.disconnect()
@@ -87,7 +87,7 @@ def vanish(round_, rng):
         round_.connect(peripheral)
         time.sleep(rng.random() / round_.scale)
     elif round_.bring_up(peripheral):
-        round_.data.push(payload_of(round_, rng))
+        round_.data.offer(payload_of(round_, rng))
         if rng.random() < 0.5:
             round_.drop_data()
     round_.vanish()
@@ -101,14 +101,14 @@ def slow_reader(round_, rng):
             last = now
             time.sleep(0.05)
         if rng.random() < 0.5:
-            read_source(round_, len(round_.data.received) + 1000)
+            read_source(round_, len(round_.data.come) + 1000)
     leave(round_, rng)
 
 
 def data_gone(round_, rng):
     """The data client leaves in the middle; the next "connect" works."""
     if round_.bring_up(round_.world.choose(rng, "echo", "source", "sink", "stalled")):
-        round_.data.push(payload_of(round_, rng))
+        round_.data.offer(payload_of(round_, rng))
         round_.drop_data()
     if round_.bring_up(round_.world.choose(rng, "echo")):
         use(round_, rng)
@@ -122,7 +122,8 @@ def unopened(round_, rng):
     if early:
         early = round_.open_early()
     if round_.outcome() and early:
-        round_.data.pull()
+        while round_.data.pull():
+            pass
         if not round_.data.ended or round_.open_data():
             use(round_, rng)
     leave(round_, rng)
