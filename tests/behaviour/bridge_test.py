@@ -10,8 +10,8 @@ from concurrent.futures import ThreadPoolExecutor
 from random import Random
 
 import pytest
-from bridge_client import DEADLINE, Pipe, wait_until
-from conftest import ADDRESS, CYCLES, LAB, NOISE, RIG, ROOT, SANITIZED, WINDOWS, WINE, peripheral, seconds_of
+from bridge_client import DEADLINE, Linux, Pipe, gaps_between, seconds_of, source_bytes, wait_until
+from conftest import ADDRESS, CYCLES, LAB, NOISE, RIG, ROOT, SANITIZED, WINDOWS, WINE, peripheral
 
 SIM = pytest.mark.rigs("sim", "sim-wine")
 NEWER = pytest.mark.rigs("sim", "sim-wine", "windows")  # with the newer GATT calls
@@ -24,6 +24,12 @@ VERSION, SYSTEM = {"windows": ("10.0.", NO_ADAPTER), "windows-older": ("6.3.", N
     RIG, ("10.0.19041", ";BLE ON;LE=Sim Adapter+9|;"))
 EMPTY = peripheral(services=[], cached_services=[], uncached_services=[])
 ECHO = 200_000 if LAB else 1 << 20
+
+
+def end_within_five_seconds(program, number):
+    program.process.send_signal(number)
+    seconds, code = seconds_of(program.wait)
+    assert code == 0 and seconds < 5
 
 
 def given_up(program):
@@ -83,8 +89,7 @@ def test_bytes_that_nobody_gets_are_told(rig):
     data.move(until=lambda: len(data.come) + given_up(bridge.program) >= 20000)
     received = data.take(20000) + bridge.disconnect()
     assert len(received) + given_up(bridge.program) == 20000
-    whole = bytes((i + i // 251) & 0xFF for i in range(20000))
-    assert len(received) > 1000 and whole.endswith(received)
+    assert len(received) > 1000 and source_bytes(20000).endswith(received)
 
 
 @EVERYWHERE
@@ -108,14 +113,14 @@ def test_a_client_that_does_not_read_is_told_what_it_loses(rig):
     data.move(until=lambda: len(data.come) + given_up(bridge.program) >= len(sent))
     received, lost = data.take(len(sent)) + bridge.disconnect(), given_up(bridge.program)
     assert len(received) + lost == len(sent) == rig.account(bridge).bytes_out
-    # What came is what was sent but for one gap.
-    same = len(os.path.commonprefix([sent, received]))
-    assert sent[same + lost:] == received[same:]
+    assert gaps_between(sent, received) == [lost]
 
 
 def test_odd_lines(rig):
-    """A scan that is too short, an unknown command and a line that is too long get no answer; the next command does."""
-    bridge = rig.start()
+    """A scan that is too short, an unknown command and a line that is too long get no answer; the next command does. Before that
+    the program has switched its only radio on."""
+    bridge = rig.start({"radios": [{"state": "Off", "switch_delay_ms": 1500}]})
+    bridge.program.wait_for_log("Radio object state is now 1")
     bridge.shell.send(b"lescan 999\nlescan -1\nquit now\n" + b"a" * 200_000 + b"\n")
     assert bridge.stats().startswith("RX 0")
     bridge.program.wait_for_log("Unknown command: quit now\n")
@@ -163,27 +168,6 @@ def test_replies_that_the_client_does_not_wait_for(rig, last, half_gone):
     assert re.fullmatch(rb"RX 0 [^\r]*\r\nOK\r\n", bridge.shell.read_to_end())
 
 
-@pytest.mark.parametrize("busy, logged, faults", [
-    ("lescan 4294967295", "Start scanning...", []),
-    pytest.param("stats", "Retrieving list of radio devices...", [{"on": "radios", "after": 1, "times": 2, "do": "hang"}],
-                 marks=SIM),
-])
-def test_a_client_that_leaves_ends_what_it_waits_for(rig, busy, logged, faults):
-    bridge = rig.start({"faults": faults})
-    before = bridge.program.log_text().count(logged)
-    bridge.shell.command(busy)
-    bridge.program.wait_for_log(logged, before + 1)
-    bridge.shell.close()
-    bridge.program.wait_for_log("Client disconnected!")
-    bridge.shell = bridge.program.shell()
-    if not faults:
-        assert bridge.stats().startswith("RX 0")
-    else:  # it hangs once more
-        bridge.shell.command("stats")
-    bridge.exit()
-    bridge.program.wait_for_log("Exiting on terminate APP command")
-
-
 @pytest.mark.parametrize("lines, awaited, world", [
     ("", "Client: (", {}),
     ("lescan 3600000", "Start scanning...", {}),
@@ -200,9 +184,7 @@ def test_ends_within_five_seconds_whatever_it_is_doing(rig, lines, awaited, worl
     if lines:
         bridge.shell.command(f"connect {ADDRESS}" if lines == "connect" else lines)
     bridge.program.wait_for_log(awaited)
-    bridge.program.process.send_signal(number)
-    seconds, code = seconds_of(bridge.program.wait)
-    assert code == 0 and seconds < 5
+    end_within_five_seconds(bridge.program, number)
     rig.account(bridge, ended=True)
     assert "terminate APP command" not in bridge.program.log_text()
 
@@ -247,9 +229,7 @@ def test_a_log_that_nobody_reads_holds_nothing_up(rig):
         assert bridge.stats().endswith(";TIODISCONNECTED")
     bridge.connect()
     bridge.echo(1000)
-    bridge.program.interrupt()
-    seconds, code = seconds_of(bridge.program.wait)
-    assert code == 0 and seconds < 5
+    end_within_five_seconds(bridge.program, signal.SIGINT)
     os.close(unread)
 
 
@@ -263,18 +243,15 @@ def test_nothing_is_left_behind_by_many_connections(rig):
             bridge.session(4)
         program.wait_for_log("commThread is DONE!", done)
 
-    def memory():
-        return int(re.search(r"VmRSS:\s*(\d+)", open(f"/proc/{program.process.pid}/status").read())[1])
-
     cycles(CYCLES // 4, CYCLES // 4)
-    early, resident = rig.host.resources(program), memory()
+    early, resident = rig.host.resources(program), Linux.memory(program)
     cycles(CYCLES - CYCLES // 4, CYCLES // 4 * 4)
 
     def settled():
         return all(now <= before + NOISE for now, before in zip(rig.host.resources(program), early))
     wait_until(settled, DEADLINE, f"returning to {early} threads and descriptors")
     if not (WINE or SANITIZED or LAB):
-        assert memory() <= resident + 512 and memory() < 20_000
+        assert Linux.memory(program) <= min(resident + (512 << 10), 20 << 20)
     account = rig.account(bridge)
     assert (account.bytes_in, account.bytes_out, account.violations) == (4 * CYCLES, 4 * CYCLES, 0)
 
@@ -343,12 +320,6 @@ def test_ends_by_itself_without_usable_bluetooth(rig, world, logged):
     program = rig.launch(world)
     assert program.wait() == 0
     assert re.search(".*".join(map(re.escape, [*logged, "Goodbye!"])), program.log_text().replace("\r", ""), re.DOTALL)
-
-
-def test_a_single_radio_is_switched_on(rig):
-    bridge = rig.start({"radios": [{"state": "Off", "switch_delay_ms": 1500}]})
-    bridge.program.wait_for_log("Radio object state is now 1")
-    bridge.exit()
 
 
 def test_command_line(rig):

@@ -6,20 +6,16 @@
   lab              the Linux program on a real Bluetooth stack; runs in the lab
 ZIQBLE_BUILD is the folder of the programs."""
 import contextlib
-import json
 import os
-import re
-import subprocess
 import sys
 import tempfile
-import time
 from pathlib import Path
 
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tools"))
-from bridge_client import Account, Bridge, Linux, Program  # noqa: E402
+from bridge_client import Bridge, Linux, Program, Ziqble  # noqa: E402
 from wine_rig import Wine  # noqa: E402
 
 ADDRESS = "00:1A:7D:DA:71:13"
@@ -31,9 +27,10 @@ EXECUTABLE = {"sim": "ZIQBLEConnect-sim", "sim-wine": "ZIQBLEConnect-sim.exe", "
               "windows": "tests/under_wine/ZIQBLEConnect.exe", "windows-older": "tests/under_wine/ZIQBLEConnect-older.exe"}[RIG]
 # The Windows program's own sleeps keep their length, and threads and handles of Wine's libraries come and go.
 CYCLES, NOISE = (20 if WINDOWS or LAB else 40 if WINE else 100 if SANITIZED else 500), (8 if WINE else 0)
+PROVIDER = "provider: live objects 0" if WINDOWS else ""  # what the stand-in for the Windows Runtime writes
 if LAB:
     from lab_rig import machine  # noqa: E402
-    from lab_rig.peripheral import Peripheral  # noqa: E402
+    from lab_rig.peripheral import lab  # noqa: E402
 collect_ignore_glob = ["ziqble_*" if LAB else "lab_*"]
 
 
@@ -54,8 +51,7 @@ def pytest_runtest_makereport(item, call):
     if report.failed and rig:
         rig.failed = True
         for program in rig.programs:
-            tail = "".join(program.log_lines(30)) + program.errors.read_text(errors="replace")
-            report.sections.append((f"log of the program, exit code {program.process.poll()}", tail))
+            report.sections.append((f"log of the program, exit code {program.process.poll()}", program.ends_of_logs()))
 
 
 class Rig:
@@ -63,9 +59,11 @@ class Rig:
 
     def __init__(self, folder, host):
         self.folder, self.host, self.failed = folder, host, False
-        self.programs, self.bridges, self.children = [], [], []
+        self.programs, self.bridges = [], []
         self.address = machine.PERIPHERAL_ADDRESS if LAB else ADDRESS
         self.pipes = [host.pipe(folder, name) for name in ("command", "data")]
+        self.ziqble = Ziqble(BUILD / f"ziqble{host.suffix}", self.pipes, host, folder)
+        self.run, self.spawn = self.ziqble.run, self.ziqble.spawn
 
     def launch(self, world=None, arguments=None, **options):
         """Starts a program; its log and its standard error are in a folder of its own."""
@@ -73,11 +71,9 @@ class Rig:
         folder.mkdir()
         if LAB:
             options |= machine.as_tester(self.folder, folder)
-        scenario = folder / "scenario.json"
-        scenario.write_text(json.dumps({"time_scale": 50, **(world or {})}))
-        self.programs.append(program := Program(BUILD / EXECUTABLE, folder, scenario, arguments, self.pipes, self.host,
-                                                cwd=folder, **options))
-        return program
+        self.programs.append(Program(BUILD / EXECUTABLE, folder, {"time_scale": 50, **(world or {})}, arguments, self.pipes,
+                                     self.host, cwd=folder, **options))
+        return self.programs[-1]
 
     def start(self, world=None, arguments=None, **options):
         """Starts a program and becomes its client."""
@@ -90,19 +86,8 @@ class Rig:
         """Ends the program, unless that has been done, and checks what it leaves behind. What its peripheral has counted."""
         if not ended:
             bridge.exit()
-        program = bridge.program
-        assert program.log_lines(1)[0].endswith("Goodbye!\n")
-        assert not any(map(self.host.exists, self.pipes))
-        self.check_errors(program)
-        return lab.account() if LAB else program.accounts()[0]
-
-    @staticmethod
-    def check_errors(program):
-        """Nobody writes to standard error but the simulated world, a sanitizer, and the provider of the Windows Runtime."""
-        text = program.errors.read_text().replace("\r\n", "\n")
-        assert all(account.violations == 0 for account in program.accounts()), text
-        rest = re.sub(r"(?m)^sim: .*\n", "", text)
-        assert rest == "" or WINDOWS and rest == "provider: live objects 0\n", text
+        accounts = bridge.program.check_end(PROVIDER)
+        return lab.account() if LAB else accounts[0]
 
     def finish(self):
         """Ends what still runs, as a user does."""
@@ -111,31 +96,14 @@ class Rig:
                 program.interrupt()
                 assert program.wait() == 0
             if program.process.returncode == 0:
-                self.check_errors(program)
+                program.check_errors(PROVIDER)
 
     def close(self):
-        for child in self.children:
-            child.kill()
-            child.communicate()
+        self.ziqble.close()
         for bridge in self.bridges:
             bridge.close()
         for program in self.programs:
             program.kill()
-
-    # ziqble
-
-    def command(self, *arguments):
-        ziqble = BUILD / f"ziqble{self.host.suffix}"
-        return [*self.host.run, ziqble, "--cmd-pipe", self.pipes[0], "--dat-pipe", self.pipes[1], *arguments]
-
-    def run(self, *arguments, **options):
-        return subprocess.run(self.command(*arguments), capture_output=True, timeout=60, **options)
-
-    def spawn(self, *arguments, **options):
-        child = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *self.command(*arguments)], stdin=subprocess.PIPE,
-                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
-        self.children.append(child)
-        return child
 
     def start_bridge(self, **world):
         program = self.launch(world)
@@ -147,43 +115,6 @@ class Rig:
         assert self.run("exit", "--wait").returncode == 0
         self.programs[-1].wait()
         return self.programs[-1].accounts()[0][:2]
-
-
-class Lab:
-    """The peripheral in the lab, which outlives a test."""
-
-    def __init__(self):
-        self.peripheral = None
-
-    def configure(self, no_service=False, initial_credits=32, **settings):
-        if no_service or not self.peripheral:
-            self.stop()
-            self.peripheral = Peripheral(*["--no-service"] * no_service)
-        self.peripheral.configure(credits=initial_credits, **settings)
-        self.before = self.peripheral.counters()
-
-    def account(self):
-        """What has been counted since the configuration."""
-        now = self.peripheral.counters()
-        return Account(**{name: now[name] - self.before[name] for name in Account._fields})
-
-    def stop(self):
-        if self.peripheral:
-            self.peripheral.close()
-            self.peripheral = None
-        machine.forget_devices()
-
-    def start_anew(self):
-        if self.peripheral:
-            self.kill()
-        machine.restart()
-
-    def kill(self):
-        self.peripheral.kill()
-        self.peripheral = None
-
-
-lab = Lab()
 
 
 @pytest.fixture(scope="session")
@@ -209,12 +140,6 @@ def rig(host):
             made.close()
             if LAB and made.failed:
                 lab.start_anew()
-
-
-def seconds_of(call):
-    start = time.monotonic()
-    result = call()
-    return time.monotonic() - start, result
 
 
 def peripheral(**settings):

@@ -3,9 +3,10 @@ import signal
 
 import pytest
 from bridge_client import DEADLINE, Bridge, check_source, wait_until
-from conftest import lab, peripheral
+from conftest import peripheral
 from lab_rig import machine
 from lab_rig.machine import HOST_ADAPTER, PERIPHERAL_ADAPTER, PERIPHERAL_ADDRESS
+from lab_rig.peripheral import lab
 
 pytestmark = pytest.mark.rigs("lab")
 
@@ -41,31 +42,15 @@ def test_peripheral_that_comes_back(rig):
     bridge.session()
 
 
-def unplug():
-    machine.end_daemon(machine.TWO_CONTROLLERS)
-    lab.kill()
-
-
-def plug_in():
-    machine.start_daemon(machine.TWO_CONTROLLERS)
-    machine.wait_for_adapters()
-
-
-def restart_bluetoothd(how):
-    machine.end_daemon(machine.BLUETOOTHD, how)
-    lab.kill()
-    machine.start_daemon(machine.BLUETOOTHD)
-
-
 @pytest.mark.parametrize("cause, cure, logged", [
     pytest.param(lambda: lab.peripheral.do("drop"), lambda: None, "", id="link dropped"),
     pytest.param(lab.kill, lambda: None, "", id="peripheral killed"),
     pytest.param(lambda: machine.power(False, HOST_ADAPTER), lambda: machine.power(True, HOST_ADAPTER),
                  "adapter hci0 was switched off", id="adapter switched off"),
-    pytest.param(unplug, plug_in, "adapter hci0 is gone", id="adapter unplugged"),
-    pytest.param(lambda: restart_bluetoothd(signal.SIGTERM), machine.wait_for_adapters,
+    pytest.param(lab.unplug, machine.plug_in, "adapter hci0 is gone", id="adapter unplugged"),
+    pytest.param(lambda: lab.restart_bluetoothd(signal.SIGTERM), machine.wait_for_adapters,
                  "bluetoothd has ended", id="daemon ended"),
-    pytest.param(lambda: restart_bluetoothd(signal.SIGKILL), machine.wait_for_adapters,
+    pytest.param(lambda: lab.restart_bluetoothd(signal.SIGKILL), machine.wait_for_adapters,
                  "bluetoothd has ended", id="daemon killed"),
 ])
 def test_link_that_breaks_during_a_transfer(rig, cause, cure, logged):
@@ -109,21 +94,11 @@ def test_resetbt(rig):
     bridge.session()
 
 
-def end_controllers():
-    machine.end_daemon(machine.TWO_CONTROLLERS)
-    wait_until(lambda: HOST_ADAPTER not in machine.objects(), DEADLINE, "the adapter's end")
-
-
-def start_bluetoothd():
-    machine.start_daemon(machine.BLUETOOTHD)
-    machine.wait_for_adapters()
-
-
 @pytest.mark.parametrize("take, give_back, told", [
     pytest.param(lambda: machine.power(False, HOST_ADAPTER, PERIPHERAL_ADAPTER),
                  lambda: machine.power(True, HOST_ADAPTER, PERIPHERAL_ADAPTER), ["BLE DISABLED!"], id="all adapters off"),
-    pytest.param(end_controllers, plug_in, ["BLE NOT FOUND", "there is no adapter that is switched on"], id="no adapter"),
-    pytest.param(lambda: machine.end_daemon(machine.BLUETOOTHD), start_bluetoothd, ["BLE NOT FOUND", "bluetoothd does not run"],
+    pytest.param(machine.end_controllers, machine.plug_in, ["BLE NOT FOUND", "there is no adapter that is switched on"], id="no adapter"),
+    pytest.param(lambda: machine.end_daemon(machine.BLUETOOTHD), machine.start_bluetoothd, ["BLE NOT FOUND", "bluetoothd does not run"],
                  id="no bluetoothd"),
 ])
 def test_start_without_usable_bluetooth(rig, take, give_back, told):
@@ -139,7 +114,7 @@ def test_start_without_usable_bluetooth(rig, take, give_back, told):
 
 def test_start_with_the_only_adapter_off(rig):
     lab.stop()
-    end_controllers()
+    machine.end_controllers()
     machine.start_daemon(machine.ONE_CONTROLLER)
     try:
         wait_until(lambda: machine.powered(HOST_ADAPTER), DEADLINE, "the adapter")
@@ -148,5 +123,5 @@ def test_start_with_the_only_adapter_off(rig):
         assert machine.powered(HOST_ADAPTER) and "BLE ON" in bridge.stats()
         bridge.exit()
     finally:
-        end_controllers()
-        plug_in()
+        machine.end_controllers()
+        machine.plug_in()

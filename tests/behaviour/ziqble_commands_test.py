@@ -5,7 +5,8 @@ import signal
 import subprocess
 
 import pytest
-from conftest import ADDRESS, peripheral, seconds_of
+from bridge_client import seconds_of
+from conftest import ADDRESS, peripheral
 
 pytestmark = pytest.mark.rigs("sim", "sim-wine")
 linux_only = pytest.mark.rigs("sim")
@@ -84,8 +85,8 @@ def test_busy_pipe_is_told_and_its_link_stays(rig):
 def test_output_that_cannot_be_written_is_told(rig):
     rig.start_bridge()
     with open("/dev/full", "w") as full:
-        result = subprocess.run(rig.command("stats"), stdout=full, stderr=subprocess.PIPE, timeout=20)
+        result = rig.run("stats", capture_output=False, stdout=full, stderr=subprocess.PIPE)
     assert result.returncode == 1 and b"cannot write to standard output" in result.stderr
-    result = subprocess.run(["sh", "-c", '"$@" <&-', "sh", *map(str, rig.command("pipe", ADDRESS))], capture_output=True, timeout=20)
+    result = subprocess.run(["sh", "-c", '"$@" <&-', "sh", *rig.ziqble.command, "pipe", ADDRESS], capture_output=True, timeout=20)
     assert result.returncode == 1 and b"cannot read standard input" in result.stderr
     assert rig.moved() == (0, 0)

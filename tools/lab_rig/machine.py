@@ -95,11 +95,25 @@ def end_daemon(command, how=signal.SIGKILL):
             pass  # another process, which ended meanwhile
 
 
+def end_controllers():
+    end_daemon(TWO_CONTROLLERS)
+    wait_until(lambda: HOST_ADAPTER not in objects(), DEADLINE, "the adapter's end")
+
+
+def plug_in():
+    start_daemon(TWO_CONTROLLERS)
+    wait_for_adapters()
+
+
+def start_bluetoothd():
+    start_daemon(BLUETOOTHD)
+    wait_for_adapters()
+
+
 def restart():
     """Starts bluetoothd and the controllers anew."""
     end_daemon(BLUETOOTHD)
     end_daemon(TWO_CONTROLLERS)
     start_daemon(BLUETOOTHD)
     wait_until(objects, DEADLINE, "the start of bluetoothd")
-    start_daemon(TWO_CONTROLLERS)
-    wait_for_adapters()
+    plug_in()

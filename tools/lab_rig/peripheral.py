@@ -6,7 +6,8 @@ from pathlib import Path
 
 import dbus
 
-from bridge_client import check, wait_until
+from bridge_client import Account, check, wait_until
+from lab_rig import machine
 from lab_rig.machine import DEADLINE, HOST_ADAPTER, PERIPHERAL_ADDRESS, forget_devices, interface_of, objects
 
 # What is written first to each characteristic: no data, no credits, the MTU that holds without being written.
@@ -70,3 +71,49 @@ class Peripheral:
                 characteristic.WriteValue(dbus.Array(value, signature="y"), dbus.Dictionary(options, signature="sv"))
         wait_until(lambda: self.ask("acquired") == "yes", DEADLINE, "acquiring the descriptors")
         forget_devices()
+
+
+class Lab:
+    """The peripheral in the lab, which outlives a test, and what happens to the machine under it."""
+
+    def __init__(self):
+        self.peripheral = None
+
+    def configure(self, no_service=False, initial_credits=32, **settings):
+        if no_service or not self.peripheral:
+            self.stop()
+            self.peripheral = Peripheral(*["--no-service"] * no_service)
+        self.peripheral.configure(credits=initial_credits, **settings)
+        self.before = self.peripheral.counters()
+
+    def account(self):
+        """What has been counted since the configuration."""
+        now = self.peripheral.counters()
+        return Account(**{name: now[name] - self.before[name] for name in Account._fields})
+
+    def stop(self):
+        if self.peripheral:
+            self.peripheral.close()
+            self.peripheral = None
+        forget_devices()
+
+    def start_anew(self):
+        if self.peripheral:
+            self.kill()
+        machine.restart()
+
+    def unplug(self):
+        machine.end_daemon(machine.TWO_CONTROLLERS)
+        self.kill()
+
+    def restart_bluetoothd(self, how):
+        machine.end_daemon(machine.BLUETOOTHD, how)
+        self.kill()
+        machine.start_daemon(machine.BLUETOOTHD)
+
+    def kill(self):
+        self.peripheral.kill()
+        self.peripheral = None
+
+
+lab = Lab()
