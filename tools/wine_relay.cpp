@@ -20,7 +20,7 @@
 #include <sstream>
 #include <string>
 
-#include "tests/unit/support.h"
+#include "tools/machine_resources.h"
 
 namespace {
 
@@ -86,9 +86,9 @@ asio::awaitable<void> serve(tcp::socket client) {
     if (what == "open") co_return co_await relay(client, std::move(name));
     std::string found;
     if (what == "exists") {
-        found = std::to_string(test::pipeExists(name));
+        found = std::to_string(machine::pipeExists(name));
     } else {
-        const auto used = test::resourcesOf(static_cast<std::uint32_t>(std::stoul(name)));
+        const auto used = machine::resourcesOf(static_cast<std::uint32_t>(std::stoul(name)));
         found = std::to_string(used.threads) + " " + std::to_string(used.handles);
     }
     co_await answer(client, std::move(found));

@@ -132,14 +132,15 @@ class Terminal:
 
     def __init__(self, rig, *arguments):
         program, *options = map(str, rig.ziqble.command)
-        self.child = pexpect.spawn(program, [*options, "term", ADDRESS, *arguments], timeout=20, echo=False)
+        self.child = pexpect.spawn(program, [*options, "term", ADDRESS, *arguments], timeout=20, echo=False,
+                                   cwd=rig.folder)
         self.before = termios.tcgetattr(self.child.child_fd)
         self.child.expect_exact("Ctrl-] q leaves]")
 
     def check(self, typed, *shown):
         self.child.send(typed)
         for text in shown:
-            self.child.expect_exact(text)
+            (self.child.expect_exact if isinstance(text, str) else self.child.expect)(text)
 
     def end(self):
         self.child.expect(pexpect.EOF)
@@ -148,27 +149,35 @@ class Terminal:
         return self.child.exitstatus
 
 
+# What is typed, and what is shown then; a list has expressions, of which one has to fit.
+SETTINGS = [
+    ("abc", "abc"), ("\x1ds", "sent 3 bytes"), ("\x1dh", "show hex: on"), ("\r", "0d "), ("\x1dn", "end of line: lf"),
+    ("\x1dx", "type hex: on"), ("7e7f\x7f\x7f 21\r", "7e 21 "), ("7\r", "not sent"), ("\x1dx\x1dh\x1dl", "whole lines: on"),
+    ("one\x7f\x7ftwo\r", "one\b \b\b \btwo\r\n", "otwo\r\n"), ("\x1dffile\r", ["11 bytes of.*from a file", "from a file.*11 bytes of"]),
+    ("\x1dr", "Ctrl-] q leaves]"), ("again\r", "again\r\nagain\r\n"),
+]
+LOSSES = [("a", "a"), ("b", "r reconnects, Ctrl-] q leaves"), ("typed in ignorance of it: qr\x1dr", "Ctrl-] q leaves]"),
+          ("c", "r reconnects, Ctrl-] q leaves")]
+# Its own question, or the menu, is answered while a file cannot go.
+NO_CREDITS = [("\x1df\r", "no file is sent"), ("\x1dflarge\r", "\n"), ("\x1ds", "sent"), ("typed",)]
+
+
 @linux_only
-def test_terminal(rig):
-    rig.start_bridge()
+@pytest.mark.parametrize("arguments, world, steps, code, arrived", [
+    ([], {}, SETTINGS, 0, 28),
+    ([], {"faults": [{"on": "write:RX", "after": 1, "times": 2, "do": "disconnect"}]}, LOSSES, 6, 1),
+    ([], {"initial_credits": 0}, NO_CREDITS, 0, 0),
+    (["--line", "--eol", "none"], {}, [("\u00e9\x7fa\r", "\r\na")], 0, 1),  # a line is edited by characters
+])
+def test_terminal(rig, arguments, world, steps, code, arrived):
+    rig.start_bridge(**peripheral(**world))
     (rig.folder / "file").write_bytes(b"from a file")
-    terminal = Terminal(rig)
-    terminal.check("abc", "abc")
-    terminal.check("\x1ds", "sent 3 bytes")
-    terminal.check("\x1dh", "show hex: on")
-    terminal.check("\r", "0d ")
-    terminal.check("\x1dn", "end of line: lf")
-    terminal.check("\x1dx", "type hex: on")
-    terminal.check("7e7f\x7f\x7f 21\r", "7e 21 ")
-    terminal.check("7\r", "not sent")
-    terminal.check("\x1dx\x1dh\x1dl", "whole lines: on")
-    terminal.check("one\x7f\x7ftwo\r", "one\b \b\b \btwo\r\n", "otwo\r\n")
-    terminal.child.send("\x1df" + str(rig.folder / "file") + "\r")
-    terminal.child.expect(["11 bytes of.*from a file", "from a file.*11 bytes of"])
-    terminal.check("\x1dr", "Ctrl-] q leaves]")
-    terminal.check("again\r", "again\r\nagain\r\n")
+    (rig.folder / "large").write_bytes(SOURCE)
+    terminal = Terminal(rig, *arguments)
+    for typed, *shown in steps:
+        terminal.check(typed, *shown)
     terminal.child.send("\x1dq")
-    assert terminal.end() == 0
+    assert terminal.end() == code and rig.moved() == (arrived, arrived)
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGUSR1])
@@ -178,40 +187,6 @@ def test_terminal_is_as_before_after_a_signal(rig, number):
     terminal = Terminal(rig)
     terminal.child.kill(number)
     assert terminal.end() == 128 + number
-
-
-@linux_only
-def test_terminal_after_a_loss(rig):
-    rig.start_bridge(**peripheral(faults=[{"on": "write:RX", "after": 1, "times": 2, "do": "disconnect"}]))
-    terminal = Terminal(rig)
-    terminal.check("a", "a")
-    terminal.check("b", "r reconnects, Ctrl-] q leaves")
-    terminal.check("typed in ignorance of it: qr\x1dr", "Ctrl-] q leaves]")
-    terminal.check("c", "r reconnects, Ctrl-] q leaves")
-    terminal.child.send("\x1dq")
-    assert terminal.end() == 6
-
-
-@linux_only
-def test_terminal_can_be_left_when_the_link_takes_no_bytes(rig):
-    rig.start_bridge(**peripheral(initial_credits=0))
-    (rig.folder / "file").write_bytes(SOURCE)
-    terminal = Terminal(rig)
-    terminal.check("\x1df\r", "no file is sent")
-    terminal.check("\x1df" + str(rig.folder / "file") + "\r", "\n")
-    terminal.check("\x1ds", "sent")  # its own question, or the menu, is answered
-    terminal.child.send("typed\x1dq")
-    assert terminal.end() == 0
-
-
-@linux_only
-def test_line_of_the_terminal_is_edited_by_characters(rig):
-    rig.start_bridge()
-    terminal = Terminal(rig, "--line", "--eol", "none")
-    terminal.child.send("\u00e9\x7fa\r")
-    terminal.child.expect("\r\na")
-    terminal.child.send("\x1dq")
-    assert terminal.end() == 0 and rig.moved() == (1, 1)
 
 
 def serve(rig, *arguments):

@@ -114,7 +114,7 @@ TEST(FailureMatrix, TheClientGetsWhatTheDocumentSays) {
     const auto cases = readCells();
     ASSERT_GT(cases.size(), 200U);
     play(cases.front());
-    const auto before = test::ownResources();
+    const auto before = machine::resourcesOf(test::ownProcessId());
     const testing::TestResult& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
     std::optional<std::chrono::steady_clock::time_point> end;
     int failed = 0;
@@ -132,9 +132,9 @@ TEST(FailureMatrix, TheClientGetsWhatTheDocumentSays) {
     }
     // A thread that has ended for the program may still exist for the system for a moment.
     EXPECT_TRUE(test::eventually([&] {
-        const auto now = test::ownResources();
-        return now.threads <= before.threads + test::kResourceNoise &&
-               now.handles <= before.handles + test::kResourceNoise;
+        const auto now = machine::resourcesOf(test::ownProcessId());
+        return now.threads <= before.threads + machine::kResourceNoise &&
+               now.handles <= before.handles + machine::kResourceNoise;
     }));
 }
 

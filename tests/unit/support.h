@@ -12,8 +12,11 @@
 #include <system_error>
 
 #include "bench/pipe.h"
+#include "tools/machine_resources.h"
 
 namespace test {
+
+using machine::pipeExists;
 
 // Long enough for a loaded machine under a sanitizer; reached only when something hangs.
 inline constexpr std::chrono::seconds kDeadline{20};
@@ -21,20 +24,8 @@ inline constexpr std::chrono::seconds kDeadline{20};
 std::uint32_t ownProcessId();
 std::chrono::nanoseconds ownProcessorTime();
 
-struct Resources {
-    std::size_t threads = 0;
-    std::size_t handles = 0;
-};
-Resources resourcesOf(std::uint32_t process);
-inline Resources ownResources() {
-    return resourcesOf(ownProcessId());
-}
-// How many threads and handles the host's libraries may add by themselves at any time.
-extern const std::size_t kResourceNoise;
-
 // A pipe that belongs to a folder.
 std::filesystem::path pipeOf(const std::filesystem::path& folder, const std::string& name = "pipe");
-bool pipeExists(const std::filesystem::path& pipe);
 
 // A folder of its own for one test, removed with everything in it.
 class TemporaryFolder {
