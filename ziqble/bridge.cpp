@@ -232,8 +232,10 @@ Awaitable<> Bridge::disconnect() {
     if (!gone()) co_await ask("disconnect");
 }
 
+// The signal may come just when the wait is called off: it is kept for the next one.
 Awaitable<> interruption(Context& context) {
-    throw Interrupted{co_await context.signals.async_wait(asio::use_awaitable)};
+    if (context.endSignal == 0) context.endSignal = co_await context.signals.async_wait(asio::use_awaitable);
+    throw Interrupted{context.endSignal};
 }
 
 Awaitable<> withBridge(Context& context, BridgeWork work, BridgeWork cleanUp) {

@@ -42,6 +42,7 @@ struct Context {
     asio::io_context io{1};
     asio::thread_pool blocking{4};       // for calls that block: files, standard streams
     asio::signal_set signals{blocking};  // those that ask for the end
+    int endSignal = 0;                   // the one that came
     std::string cmdPipe = R"(\\.\\pipe\ZIQBLESh)";
     std::string datPipe = R"(\\.\\pipe\ZIQBLECOM)";
     bool json = false;
