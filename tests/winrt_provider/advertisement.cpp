@@ -1,10 +1,10 @@
 #include "platform/advertisement.h"
 
 #include <windows.devices.bluetooth.advertisement.h>
-#include <windows.foundation.h>
 
 #include "tests/winrt_provider/events.h"
 #include "tests/winrt_provider/provider.h"
+#include "tests/winrt_provider/view.h"
 
 namespace provider {
 
@@ -16,73 +16,58 @@ using ReceivedHandler =
                                                  advertising::BluetoothLEAdvertisementReceivedEventArgs*>;
 using GuidList = ABI::Windows::Foundation::Collections::IVector<GUID>;
 
-class Guids final : public Object<Guids, GuidList> {
+using List = std::optional<std::vector<platform::Guid>>;
+class Guids final : public View<Guids, List, GuidList> {
   public:
-    explicit Guids(const std::vector<platform::Guid>& guids) : guids_(guids) {}
+    using View::View;
 
     HRESULT GetAt(UINT32 index, GUID* out) override {
-        return index < guids_.size() ? give(out, [&] { return guids_[index]; }) : kOutOfBounds;
+        return index < shown_->size() ? give(out, [&] { return (*shown_)[index]; }) : kOutOfBounds;
     }
     HRESULT get_Size(UINT32* out) override {
-        return give(out, [&] { return guids_.size(); });
+        return give(out, [&] { return shown_->size(); });
     }
-
-  private:
-    const std::vector<platform::Guid> guids_;
 };
 
-class Advertisement final : public Object<Advertisement, advertising::IBluetoothLEAdvertisement> {
+using Args = platform::AdvertisementReceivedEventArgs;
+class Advertisement final : public View<Advertisement, Args, advertising::IBluetoothLEAdvertisement> {
   public:
-    explicit Advertisement(const platform::AdvertisementReceivedEventArgs& args) : args_(args) {}
+    using View::View;
 
-    HRESULT get_LocalName(HSTRING* out) override {
-        return give(out, [&] { return args_.localName; });
-    }
-    HRESULT get_ServiceUuids(GuidList** out) override {
-        return give(out, [&] { return args_.serviceUuids ? make<Guids>(*args_.serviceUuids) : nullptr; });
-    }
-
-  private:
-    const platform::AdvertisementReceivedEventArgs args_;
+    HRESULT get_LocalName(HSTRING* out) override { return show(out, &Args::localName); }
+    HRESULT get_ServiceUuids(GuidList** out) override { return show<Guids>(out, &Args::serviceUuids); }
 };
 
-class Received final : public Object<Received, advertising::IBluetoothLEAdvertisementReceivedEventArgs> {
+class Received final : public View<Received, Args, advertising::IBluetoothLEAdvertisementReceivedEventArgs> {
   public:
-    explicit Received(const platform::AdvertisementReceivedEventArgs& args) : args_(args) {}
+    using View::View;
 
-    HRESULT get_BluetoothAddress(UINT64* out) override {
-        return give(out, [&] { return args_.bluetoothAddress; });
-    }
+    HRESULT get_BluetoothAddress(UINT64* out) override { return show(out, &Args::bluetoothAddress); }
     HRESULT get_Advertisement(advertising::IBluetoothLEAdvertisement** out) override {
-        return give(out, [&] { return make<Advertisement>(args_); });
+        return show<Advertisement>(out, std::identity());
     }
-
-  private:
-    const platform::AdvertisementReceivedEventArgs args_;
 };
 
-class Watcher final : public Object<Watcher, advertising::IBluetoothLEAdvertisementWatcher> {
+class Watcher final : public View<Watcher, std::unique_ptr<platform::AdvertisementWatcher>,
+                                  advertising::IBluetoothLEAdvertisementWatcher> {
   public:
+    Watcher() : View(platform::createAdvertisementWatcher()) {}
+
     HRESULT put_ScanningMode(advertising::BluetoothLEScanningMode mode) override {
-        return guarded([&] { watcher_->setScanningMode(static_cast<platform::ScanningMode>(mode)); });
+        return call(&platform::AdvertisementWatcher::setScanningMode, FromAbi{mode});
     }
-    HRESULT Start() override {
-        return guarded([&] { watcher_->start(); });
-    }
-    HRESULT Stop() override {
-        return guarded([&] { watcher_->stop(); });
-    }
+    HRESULT Start() override { return call(&platform::AdvertisementWatcher::start); }
+    HRESULT Stop() override { return call(&platform::AdvertisementWatcher::stop); }
     HRESULT add_Received(ReceivedHandler* handler, EventRegistrationToken* out) override {
         const auto tell = [this, handler = ComPtr<ReceivedHandler>(handler)](const auto* args) {
             if (const auto sender = self())
                 handler->Invoke(sender.Get(), args ? make<Received>(*args).Get() : nullptr);
         };
-        return registrations_.add(out, [&] { return watcher_->onReceived(tell); });
+        return registrations_.add(out, [&] { return shown_->onReceived(tell); });
     }
     HRESULT remove_Received(EventRegistrationToken token) override { return registrations_.remove(token); }
 
   private:
-    const std::unique_ptr<platform::AdvertisementWatcher> watcher_ = platform::createAdvertisementWatcher();
     EventRegistrations registrations_;
 };
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tests/winrt_provider/provider.h"
+#include "tests/winrt_provider/view.h"
 
 namespace provider {
 
@@ -10,11 +11,10 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-class MemoryBuffer final : public Object<MemoryBuffer, streams::IBuffer> {
+class MemoryBuffer final : public View<MemoryBuffer, Bytes, streams::IBuffer> {
   public:
-    explicit MemoryBuffer(Bytes content) : bytes(std::move(content)) {}
-
-    const Bytes bytes;
+    using View::shown_;
+    using View::View;
 };
 
 class Reader final : public Object<Reader, streams::IDataReader> {
@@ -72,7 +72,7 @@ ComPtr<streams::IBuffer> makeBuffer(std::vector<std::uint8_t> bytes) {
 std::span<const std::uint8_t> bytesOf(streams::IBuffer* buffer) {
     const auto* const own = dynamic_cast<MemoryBuffer*>(buffer);
     if (!own) throw platform::PlatformError(E_POINTER);
-    return own->bytes;
+    return own->shown_;
 }
 
 ComPtr<IActivationFactory> dataReaderFactory() {

@@ -2,9 +2,9 @@
 #include <windows.devices.enumeration.h>
 
 #include "platform/pairing.h"
-#include "tests/winrt_provider/async.h"
 #include "tests/winrt_provider/events.h"
 #include "tests/winrt_provider/provider.h"
+#include "tests/winrt_provider/view.h"
 
 namespace provider {
 
@@ -15,110 +15,82 @@ using PairingRequestedHandler = foundation::ITypedEventHandler<enumeration::Devi
                                                                enumeration::DevicePairingRequestedEventArgs*>;
 
 // Usable during the callback only.
-class Requested final : public Object<Requested, enumeration::IDevicePairingRequestedEventArgs> {
+using Request = platform::DevicePairingRequestedEventArgs;
+class Requested final
+    : public View<Requested, std::reference_wrapper<Request>, enumeration::IDevicePairingRequestedEventArgs> {
   public:
-    explicit Requested(platform::DevicePairingRequestedEventArgs& args) : args_(args) {}
+    using View::View;
 
     HRESULT get_PairingKind(enumeration::DevicePairingKinds* out) override {
-        return give(out, [&] { return args_.pairingKind(); });
+        return show(out, &Request::pairingKind);
     }
-    HRESULT get_Pin(HSTRING* out) override {
-        return give(out, [&] { return args_.pin(); });
-    }
-    HRESULT Accept() override {
-        return guarded([&] { args_.accept(); });
-    }
-    HRESULT AcceptWithPin(HSTRING pin) override {
-        return guarded([&] { args_.acceptWithPin(textOf(pin)); });
-    }
-
-  private:
-    platform::DevicePairingRequestedEventArgs& args_;
+    HRESULT get_Pin(HSTRING* out) override { return show(out, &Request::pin); }
+    HRESULT Accept() override { return call(&Request::accept); }
+    HRESULT AcceptWithPin(HSTRING pin) override { return call(&Request::acceptWithPin, textOf(pin)); }
 };
 
-class PairingResult final : public Object<PairingResult, enumeration::IDevicePairingResult> {
+class PairingResult final : public View<PairingResult, std::optional<platform::DevicePairingResultStatus>,
+                                        enumeration::IDevicePairingResult> {
   public:
-    explicit PairingResult(platform::DevicePairingResultStatus status) : status_(status) {}
+    using View::View;
 
     HRESULT get_Status(enumeration::DevicePairingResultStatus* out) override {
-        return give(out, [&] { return status_; });
+        return give(out, [&] { return *shown_; });
     }
-
-  private:
-    const platform::DevicePairingResultStatus status_;
 };
 
-class CustomPairing final : public Object<CustomPairing, enumeration::IDeviceInformationCustomPairing> {
+using Custom = platform::DeviceInformationCustomPairing;
+class CustomPairing final
+    : public View<CustomPairing, std::shared_ptr<Custom>, enumeration::IDeviceInformationCustomPairing> {
   public:
-    explicit CustomPairing(std::shared_ptr<platform::DeviceInformationCustomPairing> pairing)
-        : pairing_(std::move(pairing)) {}
+    using View::View;
 
     HRESULT PairWithProtectionLevelAsync(enumeration::DevicePairingKinds kinds,
                                          enumeration::DevicePairingProtectionLevel level,
                                          IAsyncOperation<enumeration::DevicePairingResult*>** out) override {
-        return give(out, [&] {
-            return wrap<enumeration::DevicePairingResult*>(
-                pairing_->pairAsync(static_cast<platform::DevicePairingKinds>(kinds),
-                                    static_cast<platform::DevicePairingProtectionLevel>(level)),
-                [](const auto& outcome) { return outcome ? make<PairingResult>(*outcome) : nullptr; });
-        });
+        return show<PairingResult>(out, &Custom::pairAsync, FromAbi{kinds}, FromAbi{level});
     }
-
     HRESULT add_PairingRequested(PairingRequestedHandler* handler, EventRegistrationToken* out) override {
         const auto tell = [this, handler = ComPtr<PairingRequestedHandler>(handler)](auto& args) {
             if (const auto sender = self()) check(handler->Invoke(sender.Get(), make<Requested>(args).Get()));
         };
-        return registrations_.add(out, [&] { return pairing_->onPairingRequested(tell); });
+        return registrations_.add(out, [&] { return shown_->onPairingRequested(tell); });
     }
     HRESULT remove_PairingRequested(EventRegistrationToken token) override {
         return registrations_.remove(token);
     }
 
   private:
-    const std::shared_ptr<platform::DeviceInformationCustomPairing> pairing_;
     EventRegistrations registrations_;
 };
 
-class Pairing final : public Object<Pairing, enumeration::IDeviceInformationPairing,
-                                    enumeration::IDeviceInformationPairing2> {
+using SeamPairing = platform::DeviceInformationPairing;
+class Pairing final
+    : public View<Pairing, std::shared_ptr<SeamPairing>, enumeration::IDeviceInformationPairing,
+                  enumeration::IDeviceInformationPairing2> {
   public:
-    explicit Pairing(std::shared_ptr<platform::DeviceInformationPairing> pairing)
-        : pairing_(std::move(pairing)) {}
+    using View::View;
 
     // On a Windows without custom pairing the whole interface is missing.
     bool offers(REFIID iid) const {
-        return iid != __uuidof(enumeration::IDeviceInformationPairing2) || pairing_->custom();
+        return iid != __uuidof(enumeration::IDeviceInformationPairing2) || shown_->custom();
     }
-
-    HRESULT get_IsPaired(boolean* out) override {
-        return give(out, [&] { return pairing_->isPaired(); });
-    }
-    HRESULT get_CanPair(boolean* out) override {
-        return give(out, [&] { return pairing_->canPair(); });
-    }
+    HRESULT get_IsPaired(boolean* out) override { return show(out, &SeamPairing::isPaired); }
+    HRESULT get_CanPair(boolean* out) override { return show(out, &SeamPairing::canPair); }
     HRESULT get_Custom(enumeration::IDeviceInformationCustomPairing** out) override {
-        return give(out, [&] { return make<CustomPairing>(pairing_->custom()); });
+        return show<CustomPairing>(out, &SeamPairing::custom);
     }
-
-  private:
-    const std::shared_ptr<platform::DeviceInformationPairing> pairing_;
 };
 
-class Information final
-    : public Object<Information, enumeration::IDeviceInformation, enumeration::IDeviceInformation2> {
+class Information final : public View<Information, std::shared_ptr<platform::DeviceInformation>,
+                                      enumeration::IDeviceInformation, enumeration::IDeviceInformation2> {
   public:
-    explicit Information(std::shared_ptr<platform::DeviceInformation> information)
-        : information_(std::move(information)) {}
+    using View::View;
 
-    HRESULT get_Id(HSTRING* out) override {
-        return give(out, [&] { return information_->id(); });
-    }
+    HRESULT get_Id(HSTRING* out) override { return show(out, &platform::DeviceInformation::id); }
     HRESULT get_Pairing(enumeration::IDeviceInformationPairing** out) override {
-        return give(out, [&] { return make<Pairing>(information_->pairing()); });
+        return show<Pairing>(out, &platform::DeviceInformation::pairing);
     }
-
-  private:
-    const std::shared_ptr<platform::DeviceInformation> information_;
 };
 
 class InformationFactory final
@@ -126,12 +98,7 @@ class InformationFactory final
   public:
     HRESULT FindAllAsyncAqsFilter(HSTRING filter,
                                   IAsyncOperation<enumeration::DeviceInformationCollection*>** out) override {
-        return give(out, [&] {
-            return wrap<enumeration::DeviceInformationCollection*>(
-                platform::findAllDevicesAsync(textOf(filter)), [](const auto& found) {
-                    return viewOf<enumeration::DeviceInformation*, Information>(found);
-                });
-        });
+        return give<Information>(out, [&] { return platform::findAllDevicesAsync(textOf(filter)); });
     }
 };
 

@@ -82,13 +82,6 @@ void handOut(Value value, Out* out) {
     *out = static_cast<Out>(value);
 }
 
-// A method that hands out what the body returns.
-template <class Out, class Body>
-HRESULT give(Out* out, const Body& body) noexcept {
-    *out = {};
-    return guarded([&] { handOut(body(), out); });
-}
-
 inline std::wstring textOf(HSTRING text) {
     UINT32 length = 0;
     const wchar_t* const units = ::WindowsGetStringRawBuffer(text, &length);
