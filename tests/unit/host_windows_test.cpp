@@ -39,21 +39,6 @@ TEST_F(HostPipe, TheDoubledNameIsThePlainOne) {
     newClient();
 }
 
-TEST_F(HostPipe, WriteToASlowClientArrivesWholeOrIsGivenUp) {
-    PipeClient client = openWithClient();
-    const Bytes block = largeBlock();
-    EXPECT_EQ(pipe_->startWrite(request_, block).error, ioPending);
-    EXPECT_EQ(waitAny(std::array{&request_.event()}, 5ms), std::nullopt);
-    EXPECT_EQ(pipe_->cancel(request_).error, operationAborted);
-
-    client = openWithClient();
-    EXPECT_EQ(pipe_->startWrite(request_, block).error, ioPending);
-    const std::string received = client.readBytes(block.size());
-    EXPECT_TRUE(wait());
-    EXPECT_EQ(pipe_->result(request_).bytes, block.size());
-    EXPECT_EQ(Bytes(received.begin(), received.end()), block);
-}
-
 TEST_F(HostPipe, FlushDoesNotWaitForEverAndStillLessWhenTheProgramEnds) {
     const auto flushUnread = [this] {
         const PipeClient client = openWithClient();
