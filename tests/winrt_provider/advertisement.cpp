@@ -17,8 +17,7 @@ using ReceivedHandler =
 using GuidList = ABI::Windows::Foundation::Collections::IVector<GUID>;
 
 using List = std::optional<std::vector<platform::Guid>>;
-class Guids final : public View<Guids, List, GuidList> {
-  public:
+struct Guids final : View<Guids, List, GuidList> {
     using View::View;
 
     HRESULT GetAt(UINT32 index, GUID* out) override {
@@ -30,16 +29,14 @@ class Guids final : public View<Guids, List, GuidList> {
 };
 
 using Args = platform::AdvertisementReceivedEventArgs;
-class Advertisement final : public View<Advertisement, Args, advertising::IBluetoothLEAdvertisement> {
-  public:
+struct Advertisement final : View<Advertisement, Args, advertising::IBluetoothLEAdvertisement> {
     using View::View;
 
     HRESULT get_LocalName(HSTRING* out) override { return show(out, &Args::localName); }
     HRESULT get_ServiceUuids(GuidList** out) override { return show<Guids>(out, &Args::serviceUuids); }
 };
 
-class Received final : public View<Received, Args, advertising::IBluetoothLEAdvertisementReceivedEventArgs> {
-  public:
+struct Received final : View<Received, Args, advertising::IBluetoothLEAdvertisementReceivedEventArgs> {
     using View::View;
 
     HRESULT get_BluetoothAddress(UINT64* out) override { return show(out, &Args::bluetoothAddress); }
@@ -48,9 +45,8 @@ class Received final : public View<Received, Args, advertising::IBluetoothLEAdve
     }
 };
 
-class Watcher final : public View<Watcher, std::unique_ptr<platform::AdvertisementWatcher>,
-                                  advertising::IBluetoothLEAdvertisementWatcher> {
-  public:
+struct Watcher final : View<Watcher, std::unique_ptr<platform::AdvertisementWatcher>,
+                            advertising::IBluetoothLEAdvertisementWatcher> {
     Watcher() : View(platform::createAdvertisementWatcher()) {}
 
     HRESULT put_ScanningMode(advertising::BluetoothLEScanningMode mode) override {
@@ -58,30 +54,23 @@ class Watcher final : public View<Watcher, std::unique_ptr<platform::Advertiseme
     }
     HRESULT Start() override { return call(&platform::AdvertisementWatcher::start); }
     HRESULT Stop() override { return call(&platform::AdvertisementWatcher::stop); }
-    HRESULT add_Received(ReceivedHandler* handler, EventRegistrationToken* out) override {
+    HRESULT add_Received(ReceivedHandler* handler, Token* out) override {
         const auto tell = [this, handler = ComPtr<ReceivedHandler>(handler)](const auto* args) {
             if (const auto sender = self())
                 handler->Invoke(sender.Get(), args ? make<Received>(*args).Get() : nullptr);
         };
-        return registrations_.add(out, [&] { return shown_->onReceived(tell); });
+        return handlers_.add(out, [&] { return shown_->onReceived(tell); });
     }
-    HRESULT remove_Received(EventRegistrationToken token) override { return registrations_.remove(token); }
+    HRESULT remove_Received(Token token) override { return handlers_.remove(token); }
 
   private:
-    EventRegistrations registrations_;
-};
-
-class WatcherFactory final : public FactoryOf<WatcherFactory> {
-  public:
-    HRESULT ActivateInstance(IInspectable** out) override {
-        return give(out, [] { return make<Watcher>(); });
-    }
+    Registrations handlers_;
 };
 
 }  // namespace
 
 ComPtr<IActivationFactory> advertisementWatcherFactory() {
-    return make<WatcherFactory>();
+    return make<Activator<Watcher>>();
 }
 
 }  // namespace provider

@@ -11,14 +11,12 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-class MemoryBuffer final : public View<MemoryBuffer, Bytes, streams::IBuffer> {
-  public:
+struct MemoryBuffer final : View<MemoryBuffer, Bytes, streams::IBuffer> {
     using View::shown_;
     using View::View;
 };
 
-class Reader final : public Object<Reader, streams::IDataReader> {
-  public:
+struct Reader final : Object<Reader, streams::IDataReader> {
     explicit Reader(streams::IBuffer* buffer) : buffer_(buffer), left_(bytesOf(buffer)) {}
 
     HRESULT get_UnconsumedBufferLength(UINT32* out) override {
@@ -36,15 +34,13 @@ class Reader final : public Object<Reader, streams::IDataReader> {
     std::span<const std::uint8_t> left_;
 };
 
-class ReaderFactory final : public FactoryOf<ReaderFactory, streams::IDataReaderStatics> {
-  public:
+struct ReaderFactory final : FactoryOf<ReaderFactory, streams::IDataReaderStatics> {
     HRESULT FromBuffer(streams::IBuffer* buffer, streams::IDataReader** out) override {
         return give(out, [&] { return make<Reader>(buffer); });
     }
 };
 
-class Writer final : public Object<Writer, streams::IDataWriter> {
-  public:
+struct Writer final : Object<Writer, streams::IDataWriter> {
     HRESULT WriteBytes(UINT32 size, BYTE* bytes) override {
         return guarded([&] { bytes_.insert(bytes_.end(), bytes, bytes + size); });
     }
@@ -54,13 +50,6 @@ class Writer final : public Object<Writer, streams::IDataWriter> {
 
   private:
     Bytes bytes_;
-};
-
-class WriterFactory final : public FactoryOf<WriterFactory> {
-  public:
-    HRESULT ActivateInstance(IInspectable** out) override {
-        return give(out, [] { return make<Writer>(); });
-    }
 };
 
 }  // namespace
@@ -80,7 +69,7 @@ ComPtr<IActivationFactory> dataReaderFactory() {
 }
 
 ComPtr<IActivationFactory> dataWriterFactory() {
-    return make<WriterFactory>();
+    return make<Activator<Writer>>();
 }
 
 }  // namespace provider

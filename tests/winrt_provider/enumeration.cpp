@@ -16,9 +16,8 @@ using PairingRequestedHandler = foundation::ITypedEventHandler<enumeration::Devi
 
 // Usable during the callback only.
 using Request = platform::DevicePairingRequestedEventArgs;
-class Requested final
-    : public View<Requested, std::reference_wrapper<Request>, enumeration::IDevicePairingRequestedEventArgs> {
-  public:
+struct Requested final
+    : View<Requested, std::reference_wrapper<Request>, enumeration::IDevicePairingRequestedEventArgs> {
     using View::View;
 
     HRESULT get_PairingKind(enumeration::DevicePairingKinds* out) override {
@@ -29,9 +28,8 @@ class Requested final
     HRESULT AcceptWithPin(HSTRING pin) override { return call(&Request::acceptWithPin, textOf(pin)); }
 };
 
-class PairingResult final : public View<PairingResult, std::optional<platform::DevicePairingResultStatus>,
-                                        enumeration::IDevicePairingResult> {
-  public:
+struct PairingResult final : View<PairingResult, std::optional<platform::DevicePairingResultStatus>,
+                                  enumeration::IDevicePairingResult> {
     using View::View;
 
     HRESULT get_Status(enumeration::DevicePairingResultStatus* out) override {
@@ -40,9 +38,8 @@ class PairingResult final : public View<PairingResult, std::optional<platform::D
 };
 
 using Custom = platform::DeviceInformationCustomPairing;
-class CustomPairing final
-    : public View<CustomPairing, std::shared_ptr<Custom>, enumeration::IDeviceInformationCustomPairing> {
-  public:
+struct CustomPairing final
+    : View<CustomPairing, std::shared_ptr<Custom>, enumeration::IDeviceInformationCustomPairing> {
     using View::View;
 
     HRESULT PairWithProtectionLevelAsync(enumeration::DevicePairingKinds kinds,
@@ -50,25 +47,21 @@ class CustomPairing final
                                          IAsyncOperation<enumeration::DevicePairingResult*>** out) override {
         return show<PairingResult>(out, &Custom::pairAsync, FromAbi{kinds}, FromAbi{level});
     }
-    HRESULT add_PairingRequested(PairingRequestedHandler* handler, EventRegistrationToken* out) override {
+    HRESULT add_PairingRequested(PairingRequestedHandler* handler, Token* out) override {
         const auto tell = [this, handler = ComPtr<PairingRequestedHandler>(handler)](auto& args) {
             if (const auto sender = self()) check(handler->Invoke(sender.Get(), make<Requested>(args).Get()));
         };
-        return registrations_.add(out, [&] { return shown_->onPairingRequested(tell); });
+        return handlers_.add(out, [&] { return shown_->onPairingRequested(tell); });
     }
-    HRESULT remove_PairingRequested(EventRegistrationToken token) override {
-        return registrations_.remove(token);
-    }
+    HRESULT remove_PairingRequested(Token token) override { return handlers_.remove(token); }
 
   private:
-    EventRegistrations registrations_;
+    Registrations handlers_;
 };
 
 using SeamPairing = platform::DeviceInformationPairing;
-class Pairing final
-    : public View<Pairing, std::shared_ptr<SeamPairing>, enumeration::IDeviceInformationPairing,
-                  enumeration::IDeviceInformationPairing2> {
-  public:
+struct Pairing final : View<Pairing, std::shared_ptr<SeamPairing>, enumeration::IDeviceInformationPairing,
+                            enumeration::IDeviceInformationPairing2> {
     using View::View;
 
     // On a Windows without custom pairing the whole interface is missing.
@@ -82,9 +75,8 @@ class Pairing final
     }
 };
 
-class Information final : public View<Information, std::shared_ptr<platform::DeviceInformation>,
-                                      enumeration::IDeviceInformation, enumeration::IDeviceInformation2> {
-  public:
+struct Information final : View<Information, std::shared_ptr<platform::DeviceInformation>,
+                                enumeration::IDeviceInformation, enumeration::IDeviceInformation2> {
     using View::View;
 
     HRESULT get_Id(HSTRING* out) override { return show(out, &platform::DeviceInformation::id); }
@@ -93,9 +85,7 @@ class Information final : public View<Information, std::shared_ptr<platform::Dev
     }
 };
 
-class InformationFactory final
-    : public FactoryOf<InformationFactory, enumeration::IDeviceInformationStatics> {
-  public:
+struct InformationFactory final : FactoryOf<InformationFactory, enumeration::IDeviceInformationStatics> {
     HRESULT FindAllAsyncAqsFilter(HSTRING filter,
                                   IAsyncOperation<enumeration::DeviceInformationCollection*>** out) override {
         return give<Information>(out, [&] { return platform::findAllDevicesAsync(textOf(filter)); });

@@ -12,10 +12,12 @@
 
 namespace provider {
 
+using Token = EventRegistrationToken;
+
 // Threads: any.
-class EventRegistrations {
+class Registrations {
   public:
-    HRESULT add(EventRegistrationToken* out, const std::function<platform::Subscription()>& subscribe) {
+    HRESULT add(Token* out, const std::function<platform::Subscription()>& subscribe) {
         return guarded([&] {
             auto subscription = subscribe();
             const std::lock_guard lock(mutex_);
@@ -25,7 +27,7 @@ class EventRegistrations {
     }
 
     // The subscription ends outside the lock, because that waits for a running callback.
-    HRESULT remove(EventRegistrationToken token) {
+    HRESULT remove(Token token) {
         std::unique_lock lock(mutex_);
         const auto removed = subscriptions_.extract(token.value);
         lock.unlock();

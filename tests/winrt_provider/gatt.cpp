@@ -25,18 +25,15 @@ using ValueChangedHandler =
 using StatusChangedHandler =
     foundation::ITypedEventHandler<gatt::GattSession*, gatt::GattSessionStatusChangedEventArgs*>;
 
-class ValueChanged final
-    : public View<ValueChanged, ComPtr<streams::IBuffer>, gatt::IGattValueChangedEventArgs> {
-  public:
+struct ValueChanged final : View<ValueChanged, ComPtr<streams::IBuffer>, gatt::IGattValueChangedEventArgs> {
     using View::View;
 
     HRESULT get_CharacteristicValue(streams::IBuffer** out) override { return show(out, std::identity()); }
 };
 
 using SeamCharacteristic = platform::GattCharacteristic;
-class Characteristic final
-    : public View<Characteristic, std::shared_ptr<SeamCharacteristic>, gatt::IGattCharacteristic> {
-  public:
+struct Characteristic final
+    : View<Characteristic, std::shared_ptr<SeamCharacteristic>, gatt::IGattCharacteristic> {
     using View::View;
 
     HRESULT get_Uuid(GUID* out) override { return show(out, &SeamCharacteristic::uuid); }
@@ -49,53 +46,46 @@ class Characteristic final
         return show(out, &SeamCharacteristic::writeClientCharacteristicConfigurationDescriptorAsync,
                     FromAbi{value});
     }
-    HRESULT add_ValueChanged(ValueChangedHandler* handler, EventRegistrationToken* out) override {
+    HRESULT add_ValueChanged(ValueChangedHandler* handler, Token* out) override {
         const auto tell = [this, handler = ComPtr<ValueChangedHandler>(handler)](auto*, const auto* args) {
             const auto value =
                 args ? make<ValueChanged>(makeBuffer({args->value.begin(), args->value.end()})) : nullptr;
             if (const auto sender = self())
                 raise([sender, handler, value] { handler->Invoke(sender.Get(), value.Get()); });
         };
-        return registrations_.add(out, [&] { return shown_->onValueChanged(tell); });
+        return handlers_.add(out, [&] { return shown_->onValueChanged(tell); });
     }
-    HRESULT remove_ValueChanged(EventRegistrationToken token) override {
-        return registrations_.remove(token);
-    }
+    HRESULT remove_ValueChanged(Token token) override { return handlers_.remove(token); }
 
   private:
-    EventRegistrations registrations_;
+    Registrations handlers_;
 };
 
-class StatusChanged final
-    : public View<StatusChanged, platform::GattSessionStatus, gatt::IGattSessionStatusChangedEventArgs> {
-  public:
+struct StatusChanged final
+    : View<StatusChanged, platform::GattSessionStatus, gatt::IGattSessionStatusChangedEventArgs> {
     using View::View;
 
     HRESULT get_Status(gatt::GattSessionStatus* out) override { return show(out, std::identity()); }
 };
 
-class Session final : public View<Session, std::shared_ptr<platform::GattSession>, gatt::IGattSession> {
-  public:
+struct Session final : View<Session, std::shared_ptr<platform::GattSession>, gatt::IGattSession> {
     using View::View;
 
-    HRESULT add_SessionStatusChanged(StatusChangedHandler* handler, EventRegistrationToken* out) override {
+    HRESULT add_SessionStatusChanged(StatusChangedHandler* handler, Token* out) override {
         const auto tell = [this, handler = ComPtr<StatusChangedHandler>(handler)](auto status) {
             if (const auto sender = self()) handler->Invoke(sender.Get(), make<StatusChanged>(status).Get());
         };
-        return registrations_.add(out, [&] { return shown_->onSessionStatusChanged(tell); });
+        return handlers_.add(out, [&] { return shown_->onSessionStatusChanged(tell); });
     }
-    HRESULT remove_SessionStatusChanged(EventRegistrationToken token) override {
-        return registrations_.remove(token);
-    }
+    HRESULT remove_SessionStatusChanged(Token token) override { return handlers_.remove(token); }
 
   private:
-    EventRegistrations registrations_;
+    Registrations handlers_;
 };
 
 using Characteristics = platform::GattCharacteristicsResult;
-class CharacteristicsResult final
-    : public View<CharacteristicsResult, Characteristics, gatt::IGattCharacteristicsResult> {
-  public:
+struct CharacteristicsResult final
+    : View<CharacteristicsResult, Characteristics, gatt::IGattCharacteristicsResult> {
     using View::View;
 
     HRESULT get_Status(gatt::GattCommunicationStatus* out) override {
@@ -107,9 +97,8 @@ class CharacteristicsResult final
 };
 
 using SeamService = platform::GattDeviceService;
-class Service final : public View<Service, std::shared_ptr<SeamService>, gatt::IGattDeviceService,
-                                  gatt::IGattDeviceService3> {
-  public:
+struct Service final
+    : View<Service, std::shared_ptr<SeamService>, gatt::IGattDeviceService, gatt::IGattDeviceService3> {
     using View::View;
 
     bool offers(REFIID iid) const { return iid != __uuidof(gatt::IGattDeviceService3) || !olderWindows(); }
@@ -128,8 +117,7 @@ class Service final : public View<Service, std::shared_ptr<SeamService>, gatt::I
 };
 
 using Services = platform::GattDeviceServicesResult;
-class ServicesResult final : public View<ServicesResult, Services, gatt::IGattDeviceServicesResult> {
-  public:
+struct ServicesResult final : View<ServicesResult, Services, gatt::IGattDeviceServicesResult> {
     using View::View;
 
     HRESULT get_Status(gatt::GattCommunicationStatus* out) override { return show(out, &Services::status); }
@@ -137,9 +125,8 @@ class ServicesResult final : public View<ServicesResult, Services, gatt::IGattDe
 };
 
 using SeamDevice = platform::BluetoothLEDevice;
-class Device final : public View<Device, std::shared_ptr<SeamDevice>, devices::IBluetoothLEDevice,
-                                 devices::IBluetoothLEDevice3> {
-  public:
+struct Device final
+    : View<Device, std::shared_ptr<SeamDevice>, devices::IBluetoothLEDevice, devices::IBluetoothLEDevice3> {
     using View::View;
 
     bool offers(REFIID iid) const { return iid != __uuidof(devices::IBluetoothLEDevice3) || !olderWindows(); }
@@ -159,9 +146,8 @@ class Device final : public View<Device, std::shared_ptr<SeamDevice>, devices::I
     }
 };
 
-class DeviceFactory final : public FactoryOf<DeviceFactory, devices::IBluetoothLEDeviceStatics,
-                                             devices::IBluetoothLEDeviceStatics2> {
-  public:
+struct DeviceFactory final
+    : FactoryOf<DeviceFactory, devices::IBluetoothLEDeviceStatics, devices::IBluetoothLEDeviceStatics2> {
     HRESULT FromBluetoothAddressAsync(UINT64 address,
                                       IAsyncOperation<devices::BluetoothLEDevice*>** out) override {
         return give<Device>(out, [&] { return platform::bluetoothLEDeviceFromAddressAsync(address); });

@@ -154,10 +154,9 @@ ComPtr<Class> make(Arguments&&... arguments) {
     return ComPtr<Class>(new Class(std::forward<Arguments>(arguments)...));
 }
 
-// The factory of a class; as it stands for one that has static methods only.
+// The factory of a class that has static methods only.
 template <class Self, class... Statics>
-class FactoryOf : public Object<Self, IActivationFactory, Statics...> {
-  public:
+struct FactoryOf : Object<Self, IActivationFactory, Statics...> {
     HRESULT ActivateInstance(IInspectable**) override { return E_NOTIMPL; }
 };
 

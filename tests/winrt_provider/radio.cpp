@@ -11,8 +11,7 @@ namespace {
 
 namespace radios = ABI::Windows::Devices::Radios;
 
-class Radio final : public View<Radio, std::shared_ptr<platform::Radio>, radios::IRadio> {
-  public:
+struct Radio final : View<Radio, std::shared_ptr<platform::Radio>, radios::IRadio> {
     using View::View;
 
     HRESULT SetStateAsync(radios::RadioState state,
@@ -24,8 +23,7 @@ class Radio final : public View<Radio, std::shared_ptr<platform::Radio>, radios:
     HRESULT get_Kind(radios::RadioKind* out) override { return show(out, &platform::Radio::kind); }
 };
 
-class RadioFactory final : public FactoryOf<RadioFactory, radios::IRadioStatics> {
-  public:
+struct RadioFactory final : FactoryOf<RadioFactory, radios::IRadioStatics> {
     HRESULT GetRadiosAsync(IAsyncOperation<IVectorView<radios::Radio*>*>** out) override {
         return give<Radio>(out, platform::getRadiosAsync);
     }

@@ -141,4 +141,10 @@ void put(const platform::AsyncOperationPtr<Seam>& operation, IAsyncOperation<Res
     if (operation) *out = make<AsyncOperation<Wrapper, Seam, Result>>(operation).Detach();
 }
 
+// The factory of a class that can be activated.
+template <class Class>
+struct Activator final : FactoryOf<Activator<Class>> {
+    HRESULT ActivateInstance(IInspectable** out) override { return give(out, make<Class>); }
+};
+
 }  // namespace provider
