@@ -126,7 +126,7 @@ std::pair<Texts, Texts> check(const std::string& devices) {
     return {world.log.texts(), world.log.troubles()};
 }
 
-long countOf(const Texts& lines, std::string_view begin) {
+std::ptrdiff_t countOf(const Texts& lines, std::string_view begin) {
     return std::count_if(lines.begin(), lines.end(),
                          [&](const auto& line) { return line.starts_with(begin); });
 }
