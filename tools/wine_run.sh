@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Runs a Windows program under Wine: wine_run.sh PROGRAM [ARGUMENT...]
-# It runs in the Wine prefix build/wine, which is made at the first call and set to Windows 10. No display is needed.
+# It runs in a Wine prefix in the folder build, which is made at the first call and set to Windows 10. No display is needed.
+# ZIQBLE_WINE_PREFIX gives a prefix of that name, and so a server of Wine of its own: one server has ended under the load of all
+# the tests at once.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-export WINEPREFIX=$root/build/wine WINEDEBUG=-all
+export WINEPREFIX=$root/build/wine${ZIQBLE_WINE_PREFIX:+-$ZIQBLE_WINE_PREFIX} WINEDEBUG=-all
 # Keeps Wine from offering to install other software, and from making menu entries on the machine.
 export WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d"
 unset DISPLAY WAYLAND_DISPLAY
