@@ -67,12 +67,16 @@ TEST(Adapters, Number) {
 struct PairingRequest : platform::DevicePairingRequestedEventArgs {
     explicit PairingRequest(std::uint32_t number) : kind(number) {}
     platform::DevicePairingKinds pairingKind() const override { return platform::DevicePairingKinds{kind}; }
-    std::wstring pin() const override { return L"123456"; }
+    std::wstring pin() const override {
+        pinRead = true;
+        return L"123456";
+    }
     void accept() override { answer += "accept"; }
     void acceptWithPin(const std::wstring& pin) override { answer += pin.empty() ? "empty pin" : "pin"; }
 
     std::uint32_t kind;
     std::string answer;
+    mutable bool pinRead = false;
 };
 
 TEST(PairingRequest, AnsweredByKind) {
@@ -82,6 +86,7 @@ TEST(PairingRequest, AnsweredByKind) {
         PairingRequest request(kind);
         onPairingRequested(request);
         EXPECT_EQ(request.answer, answer) << kind;
+        EXPECT_EQ(request.pinRead, kind == 8) << kind;
     }
 }
 
