@@ -48,7 +48,7 @@ def pytest_runtest_makereport(item, call):
     """Adds the end of each program's log to a failure."""
     report = (yield).get_result()
     rig = getattr(item, "funcargs", {}).get("rig")
-    if report.failed and rig:
+    if report.failed and rig and rig.folder.exists():
         rig.failed = True
         for program in rig.programs:
             report.sections.append((f"log of the program, exit code {program.process.poll()}", program.ends_of_logs()))
@@ -93,7 +93,8 @@ class Rig:
         """Ends what still runs, as a user does."""
         for program in self.programs:
             if program.running():
-                program.interrupt()
+                if "terminate APP command" not in program.log_text():  # otherwise it is about to end by itself
+                    program.interrupt()
                 assert program.wait() == 0
             if program.process.returncode == 0:
                 program.check_errors(PROVIDER)
