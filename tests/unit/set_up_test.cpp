@@ -50,6 +50,8 @@ Texts setUp(const std::string& generation, const test::TableRow& row) {
         return cells == row.cells;
     };
     test::eventually(asExpected, std::chrono::seconds(5));
+    link.stop();
+    EXPECT_TRUE(link.ended());  // nobody sleeps any more while the recorder goes
     return cells;
 }
 
