@@ -97,7 +97,7 @@ def end_daemon(command, how=signal.SIGKILL):
 
 def end_controllers():
     end_daemon(TWO_CONTROLLERS)
-    wait_until(lambda: HOST_ADAPTER not in objects(), DEADLINE, "the adapter's end")
+    wait_until(lambda: objects().keys().isdisjoint({HOST_ADAPTER, PERIPHERAL_ADAPTER}), DEADLINE, "the adapters' end")
 
 
 def plug_in():
