@@ -119,7 +119,7 @@ def test_start_with_the_only_adapter_off(rig):
     try:
         wait_until(lambda: machine.powered(HOST_ADAPTER), DEADLINE, "the adapter")
         machine.power(False, HOST_ADAPTER)
-        bridge = Bridge(rig.launch(), PERIPHERAL_ADDRESS)
+        bridge = Bridge(rig.start_bridge(), PERIPHERAL_ADDRESS)  # its pipe is there before the adapter is on
         assert machine.powered(HOST_ADAPTER) and "BLE ON" in bridge.stats()
         bridge.exit()
     finally:
