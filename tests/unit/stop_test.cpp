@@ -20,10 +20,12 @@ constexpr const wchar_t* kHealthyAddress = L" 00:00:00:00:00:02";
 const char* const kNewer = R"("os_version": [10, 0, 15063])";
 const char* const kOlder = R"("os_version": [10, 0, 15062])";
 
-// The first peripheral is as described, the second one is healthy.
+// The first peripheral is as described, the second one is healthy. Without an MTU no other thread calls the
+// first one.
 std::string scenario(const char* generation, const std::string& first) {
-    return std::string("{") + generation + R"(, "peripherals": [{)" + first +
-           R"(}, {"address": "00:00:00:00:00:02"}]})";
+    return std::string("{") + generation +
+           R"(, "peripherals": [{"characteristics": ["TX", "RX", "CRTX", "CRRX"])" +
+           (first.empty() ? "" : ", ") + first + R"(}, {"address": "00:00:00:00:00:02"}]})";
 }
 
 // From the stop on: no line, no call to the peripheral, no radio but one that is switched on again.
