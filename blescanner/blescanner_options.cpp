@@ -23,7 +23,7 @@ void setUpLogFile(const std::string& givenName) {
 }
 
 void parse(popl::OptionParser& parser, const std::vector<std::string>& arguments) {
-    std::vector<const char*> argv{""};
+    std::vector<const char*> argv{""};  // the parser skips the program's name
     for (const std::string& argument : arguments)
         argv.push_back(argument.c_str());
     parser.parse(static_cast<int>(argv.size()), argv.data());

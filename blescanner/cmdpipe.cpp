@@ -48,12 +48,13 @@ platform::IoResult CNamedPipe::write(std::span<const std::uint8_t> bytes, std::i
     return pipe_->finish(writeRequest_, std::chrono::milliseconds(factor * msPerByte));
 }
 
-void CNamedPipe::writeText(const std::wstring& text) {
+void CNamedPipe::writeText(std::wstring& text) {
     const std::size_t end = text.ends_with(L"\r\n") ? text.size() - 2 : text.size();
     LOG_S(INFO) << "SHELL: " << platform::printable(text.substr(0, end))
                 << platform::toUtf8(text.substr(end));
-    if (!pipe_) return;
     const std::string bytes = lowBytes(text);
+    text.clear();
+    if (!pipe_) return;
     const auto data = reinterpret_cast<const std::uint8_t*>(bytes.data());
     const auto outcome = write({data, bytes.size()}, kReplyMsPerCharacter);
     if (outcome.error == platform::SystemError::none) return;

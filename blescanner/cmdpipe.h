@@ -35,8 +35,8 @@ class CNamedPipe {
     // Logs who has connected.
     void logClient() const;
 
-    // Sends a reply, one byte per UTF-16 unit. Gives up after 100 ms a character.
-    void writeText(const std::wstring& text);
+    // Sends a reply, one byte per UTF-16 unit, and empties the text. Gives up after 100 ms a character.
+    void writeText(std::wstring& text);
     // Sends bytes of the link, and returns how many of them the client's end took. Gives up after 50 ms a
     // byte.
     std::size_t writeBytes(std::span<const std::uint8_t> bytes);

@@ -102,7 +102,7 @@ void CommandSet::stopSession() {
     platform::sleepFor(kStopGrace);
 }
 
-void CommandSet::reply(const std::wstring& text) {
+void CommandSet::reply(std::wstring text) {
     shell_.writeText(text);
 }
 

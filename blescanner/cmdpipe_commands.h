@@ -49,7 +49,7 @@ class CommandSet {
     void stats();
     std::wstring bluetoothStats();
     bool replyIfBluetoothUnusable();
-    void reply(const std::wstring& text);
+    void reply(std::wstring text);
     void replyAndLog(const wchar_t* text, const char* logged);
 
     CNamedPipe& shell_;

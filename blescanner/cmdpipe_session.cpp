@@ -277,9 +277,10 @@ platform::IoResult ShellSession::waitForRead() {
 }
 
 void ShellSession::deliverLinkLines() {
-    while (const auto line = linkNotification().take()) {
+    while (auto line = linkNotification().take()) {
+        const bool dropped = *line == L"TIO DROP\r\n";
         shell_.writeText(*line);
-        if (*line == L"TIO DROP\r\n") commands_.closeDataPipe();
+        if (dropped) commands_.closeDataPipe();
     }
 }
 

@@ -30,7 +30,9 @@ class Commands : public ShellWorld {
         return repliesSoFar();
     }
     std::string repliesSoFar() {
-        shell.writeText(L"#");
+        std::wstring end = L"#";
+        shell.writeText(end);
+        EXPECT_TRUE(end.empty());
         const std::string text = client.readUntil("#");
         return std::regex_replace(text.substr(0, text.size() - 1), std::regex("\r\n"), "<br>");
     }
@@ -63,7 +65,8 @@ TEST(Commands, TextsOfTheLog) {
     EXPECT_EQ(shell.log.texts(),
               (Texts{"SHELL: BLE DISABLED!\r\n", "BLE DISABLED\r\n", "SHELL: BLE NOT FOUND\r\n",
                      "BLE NOT FOUND\r\n", "SHELL: LE NOT SUPPORTED\r\n", "LE NOT SUPPORTED\r\n"}));
-    shell.shell.writeText(L"no\x1B end");
+    std::wstring text = L"no\x1B end";
+    shell.shell.writeText(text);
     EXPECT_EQ(shell.log.texts().back(), "SHELL: no\\x1b end");
 }
 
@@ -175,7 +178,8 @@ TEST(Writes, AreGivenUpAfterATimeByLength) {
 
 TEST(Writes, WithoutAPipeGoNowhere) {
     CNamedPipe never;
-    never.writeText(L"dropped");
+    std::wstring text = L"dropped";
+    never.writeText(text);
     EXPECT_TRUE(!never.isOpen() && never.clientLeft() && never.flush(1ms));
     EXPECT_EQ(never.writeBytes(std::vector<std::uint8_t>(1)) + never.cancel(never.readRequest).bytes, 0U);
     never.disconnect();

@@ -34,7 +34,7 @@ TEST(Radios, AreUsedAsTheDocumentSays) {
         EXPECT_EQ(stopped, cells[0].find("stopped") != std::string::npos);
         EXPECT_FALSE(isBluetoothResetting());
         Texts switched, log = world.log.texts();
-        for (const auto state : world.world().radioRequests())
+        for (const auto state : world.world().radioRequests.all())
             switched.emplace_back(state == platform::RadioState::on ? "on" : "off");
         std::erase_if(log, [](const auto& line) { return line.starts_with("Radio object state is now"); });
         return {joined(slept), joined(switched, ", "), joined(log, "<br>")};
@@ -100,7 +100,7 @@ TEST(ScanTiming, IsSentAsTheDocumentSays) {
         const Texts log = world.log.texts();
         EXPECT_EQ(setScanIntervals(), cells[0] != "[]");
         Texts commands;
-        for (const auto& command : world.world().scanCommands())
+        for (const auto& command : world.world().scanCommands.all())
             commands.push_back(joined({command.begin(), command.end()}));
         return {joined(commands, "<br>"), joined(world.sleeps.sleeps()), joined(log, "<br>")};
     });

@@ -161,7 +161,7 @@ TEST(Link, TellsOfNotificationsWithoutValues) {
     auto data = link.openData();
     data.send("still here");
     EXPECT_EQ(data.readBytes(10), "still here");
-    EXPECT_EQ(link.world().scans(), std::vector{platform::ScanningMode::passive});
+    EXPECT_EQ(link.world().scans.all(), std::vector{platform::ScanningMode::passive});
 }
 
 TEST(Link, WithoutCreditsNothingIsSentUntilTheLinkDrops) {

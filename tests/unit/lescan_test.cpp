@@ -35,7 +35,7 @@ TEST(LeScan, ResultLine) {
         EXPECT_EQ(result, expected) << peripherals;
         EXPECT_EQ(recorder.sleeps(), (std::vector<long long>{500, 2000, 200}));
         // Names come with an active scan only.
-        EXPECT_EQ(world.world().scans(),
+        EXPECT_EQ(world.world().scans.all(),
                   (std::vector{platform::ScanningMode::passive, platform::ScanningMode::active}));
     }
 }

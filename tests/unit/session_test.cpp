@@ -92,7 +92,7 @@ TEST(Start, SwitchesASingleRadioOnAndServes) {
     for (const auto& [scenario, requests, driverChecks] : cases) {
         Session session("{" + scenario + R"(, "drivers": [{"compatible": [{}]}]})");
         EXPECT_EQ(session.command("disconnect\n"), "OK\r\n");
-        EXPECT_EQ(session.world().radioRequests(), requests);
+        EXPECT_EQ(session.world().radioRequests.all(), requests);
         EXPECT_EQ(session.log.count("---------------"), driverChecks) << scenario;
     }
 }

@@ -31,7 +31,7 @@ std::string scenario(const char* generation, const std::string& first) {
 // From the stop on: no line, no call to the peripheral, no radio but one that is switched on again.
 struct SeenAtStop {
     explicit SeenAtStop(test::Link& link)
-        : calls(link.peripheral().hostCalls()), radioRequests(link.world().radioRequests().size()) {}
+        : calls(link.peripheral().hostCalls()), radioRequests(link.world().radioRequests.all().size()) {}
 
     std::uint64_t calls;
     std::size_t radioRequests;
@@ -40,7 +40,7 @@ struct SeenAtStop {
 void expectQuiet(test::Link& link, const SeenAtStop& seen) {
     EXPECT_EQ(link.line(1ms), "");
     EXPECT_EQ(link.peripheral().hostCalls(), seen.calls);
-    const auto requests = link.world().radioRequests();
+    const auto requests = link.world().radioRequests.all();
     const std::vector<platform::RadioState> since(requests.begin() + seen.radioRequests, requests.end());
     const bool leftOff =
         seen.radioRequests > 0 && requests[seen.radioRequests - 1] == platform::RadioState::off;

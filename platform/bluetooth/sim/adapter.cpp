@@ -36,7 +36,7 @@ class SimAdapter final : public platform::Adapter {
 
     // The three layouts have 8, 16 and 24 bytes.
     SystemError scanCommand(std::span<const std::uint8_t> command, std::span<std::uint8_t>) override {
-        world_->noteScanCommand(command);
+        world_->scanCommands.note({command.begin(), command.end()});
         const std::size_t layout = command.size() / 8;
         if (command.size() % 8 != 0 || layout < 1 || layout > 3) return kInvalidParameter;
         return scenario_.scanCommandErrors[layout - 1];

@@ -64,7 +64,7 @@ class Watcher final : public platform::AdvertisementWatcher {
 
     void start() override {
         if (scan_) return;
-        world_->noteScan(mode_);
+        world_->scans.note(mode_);
         scan_ = std::make_shared<Scan>(*world_, mode_, listeners_);
         world_->runtime()->launch(scan_);
     }

@@ -25,7 +25,7 @@ class SimRadio final : public platform::Radio, public std::enable_shared_from_th
 
     platform::AsyncOperationPtr<RadioAccessStatus> setStateAsync(RadioState state) override {
         if (const auto world = world_.lock()) {
-            world->noteRadioRequest(state);
+            world->radioRequests.note(state);
             if (const auto fault = world->pass({FaultPoint::Call::radioState}))
                 return faultyOperation<RadioAccessStatus>(*world->runtime(), *fault);
             if (!scenario_.stuck) request(*world, state);

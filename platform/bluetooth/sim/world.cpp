@@ -78,38 +78,8 @@ void World::dropLinks() {
 }
 
 std::optional<Fault> World::pass(const FaultPoint& point) {
-    const std::lock_guard lock(requestsMutex_);
+    const std::lock_guard lock(faultsMutex_);
     return faults_.pass(point);
-}
-
-void World::noteRadioRequest(platform::RadioState state) {
-    const std::lock_guard lock(requestsMutex_);
-    radioRequests_.push_back(state);
-}
-
-std::vector<platform::RadioState> World::radioRequests() const {
-    const std::lock_guard lock(requestsMutex_);
-    return radioRequests_;
-}
-
-void World::noteScan(platform::ScanningMode mode) {
-    const std::lock_guard lock(requestsMutex_);
-    scans_.push_back(mode);
-}
-
-std::vector<platform::ScanningMode> World::scans() const {
-    const std::lock_guard lock(requestsMutex_);
-    return scans_;
-}
-
-void World::noteScanCommand(std::span<const std::uint8_t> command) {
-    const std::lock_guard lock(requestsMutex_);
-    scanCommands_.emplace_back(command.begin(), command.end());
-}
-
-std::vector<std::vector<std::uint8_t>> World::scanCommands() const {
-    const std::lock_guard lock(requestsMutex_);
-    return scanCommands_;
 }
 
 void World::end() {

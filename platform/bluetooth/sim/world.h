@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "peripheral.h"
@@ -18,6 +18,26 @@
 #include "world_runtime.h"
 
 namespace sim {
+
+// What a world has been asked for, in order.
+//
+// Threads: any.
+template <typename Item>
+class Record {
+  public:
+    void note(Item item) {
+        const std::lock_guard lock(mutex_);
+        items_.push_back(std::move(item));
+    }
+    std::vector<Item> all() const {
+        const std::lock_guard lock(mutex_);
+        return items_;
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<Item> items_;
+};
 
 class World {
   public:
@@ -38,17 +58,12 @@ class World {
     // Called by a radio whose state has changed: a Bluetooth radio that goes off takes all links with it.
     void radioChanged(platform::RadioState before, platform::RadioState now);
 
-    // The states that radios were asked for, in order.
-    void noteRadioRequest(platform::RadioState state);
-    std::vector<platform::RadioState> radioRequests() const;
-
-    // The modes of the scans that were started, in order.
-    void noteScan(platform::ScanningMode mode);
-    std::vector<platform::ScanningMode> scans() const;
-
-    // The scan commands that the adapters were sent, in order, refused ones too.
-    void noteScanCommand(std::span<const std::uint8_t> command);
-    std::vector<std::vector<std::uint8_t>> scanCommands() const;
+    // The states that radios were asked for.
+    Record<platform::RadioState> radioRequests;
+    // The modes of the scans that were started.
+    Record<platform::ScanningMode> scans;
+    // The scan commands that the adapters were sent, refused ones too.
+    Record<std::vector<std::uint8_t>> scanCommands;
 
     // Pending operations become cancelled, callbacks end, links drop. Objects that are still held stay safe
     // to call.
@@ -66,11 +81,8 @@ class World {
     const std::shared_ptr<WorldRuntime> runtime_ = std::make_shared<WorldRuntime>();
     std::vector<std::shared_ptr<TioPeripheral>> peripherals_;
     platform::RadioList radios_;
-    mutable std::mutex requestsMutex_;  // for all below
+    std::mutex faultsMutex_;
     FaultTable faults_;
-    std::vector<platform::RadioState> radioRequests_;
-    std::vector<platform::ScanningMode> scans_;
-    std::vector<std::vector<std::uint8_t>> scanCommands_;
 };
 
 std::shared_ptr<platform::Radio> makeRadio(const RadioScenario& scenario, std::weak_ptr<World> world);
