@@ -44,15 +44,6 @@ DetachedThreads& sessionThreads() {
 }
 
 // Called inside a catch block only.
-void logCurrentException() {
-    try {
-        throw;
-    } catch (const std::exception& error) {
-        LOG_S(ERROR) << platform::printable(error.what());
-    } catch (...) {
-    }
-}
-
 void logUntold(const wchar_t* line) {
     LOG_S(INFO) << "No client to tell: " << platform::toUtf8(line);
 }
@@ -99,6 +90,15 @@ const TioStatistics& copyShownCredits(const TioContext& context) {
     figures.localCreditsShown = context.localCredits;
     figures.remoteCreditsShown = context.remoteCredits;
     return figures;
+}
+
+void logCurrentException() {
+    try {
+        throw;
+    } catch (const std::exception& error) {
+        LOG_S(ERROR) << platform::printable(error.what());
+    } catch (...) {
+    }
 }
 
 std::uint64_t parseBleAddress(const std::wstring& text) {

@@ -84,6 +84,9 @@ void resetTioContext(TioContext& context);
 // Copies the context's credits to the shown ones and returns the figures. Shell thread.
 const TioStatistics& copyShownCredits(const TioContext& context);
 
+// For a catch block: logs the text of the exception that it handles, if that has one. Any thread.
+void logCurrentException();
+
 // Six hexadecimal bytes separated by colons, the first one the most significant. One-digit fields are taken;
 // anything before or behind that the scan format does not take is refused. Throws std::runtime_error naming
 // the text.

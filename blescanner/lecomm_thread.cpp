@@ -205,10 +205,8 @@ void commThread(const std::shared_ptr<TioContext>& context, const std::wstring& 
     } catch (const platform::PlatformError& error) {
         LOG_S(ERROR) << describe(error) << ":" << platform::printable(error.what());
         abandon(context, "commThread TERM!");
-    } catch (const std::exception& error) {
-        LOG_S(ERROR) << platform::printable(error.what());
-        abandon(context, "commThread TERM (unknown exception) !");
     } catch (...) {
+        logCurrentException();
         abandon(context, "commThread TERM (unknown exception) !");
     }
 }

@@ -2,7 +2,7 @@
 
 #include <winternl.h>
 
-#include <algorithm>
+#include <cstdint>
 #include <stdexcept>
 #include <vector>
 
@@ -12,64 +12,46 @@ namespace machine {
 
 namespace {
 
-// Reads one of the system's lists. Only these have the right counts of threads and handles under Wine.
-std::vector<std::byte> systemList(int which) {
+// Reads the system's list of processes: nothing else has the right counts of threads under Wine.
+std::vector<std::byte> processList() {
     static const auto query = reinterpret_cast<decltype(&::NtQuerySystemInformation)>(reinterpret_cast<void*>(
         ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
     std::vector<std::byte> list(1 << 20);
     ULONG length = 0;
-    const auto status = query(static_cast<SYSTEM_INFORMATION_CLASS>(which), list.data(),
-                              static_cast<ULONG>(list.size()), &length);
-    if (status < 0) throw std::runtime_error("NtQuerySystemInformation failed");
+    if (query(SystemProcessInformation, list.data(), static_cast<ULONG>(list.size()), &length) < 0)
+        throw std::runtime_error("NtQuerySystemInformation failed");
     return list;
 }
 
-struct HandleEntry {
-    ULONG process;
-    BYTE type, flags;
-    USHORT value;
-    void* object;
-    ULONG access;
-};
-
-std::vector<HandleEntry> allHandles() {
-    constexpr int kSystemHandleInformation = 16;
-    const auto list = systemList(kSystemHandleInformation);
-    const auto first = reinterpret_cast<const HandleEntry*>(list.data() + sizeof(void*));
-    return {first, first + *reinterpret_cast<const ULONG*>(list.data())};
+bool isRegistryKey(HANDLE handle) {
+    return ::RegQueryInfoKeyW(static_cast<HKEY>(handle), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                              nullptr, nullptr, nullptr, nullptr, nullptr) != ERROR_INVALID_HANDLE;
 }
 
-// The system's number for the type of registry keys.
-BYTE keyType() {
-    HKEY key = nullptr;
-    ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"Software", 0, KEY_READ, &key);
-    const auto value = static_cast<USHORT>(reinterpret_cast<std::uintptr_t>(key));
-    BYTE type = 0;
-    for (const auto& entry : allHandles()) {
-        if (entry.process == ::GetCurrentProcessId() && entry.value == value) type = entry.type;
-    }
-    ::RegCloseKey(key);
-    return type;
-}
-
-// Registry keys are not counted: Wine leaves one open each time that a class of the Windows Runtime is looked
-// up.
-bool counts(const HandleEntry& handle) {
-    static const BYTE keys = keyType();
-    return handle.type != keys;
-}
-
+// The handles of a process but for its registry keys: Wine leaves one of those open each time that a class of
+// the Windows Runtime is looked up. The system's list of all handles would be simpler, but Wine 8's server
+// crashes over it while a process starts or ends.
 std::size_t handlesOf(DWORD process) {
-    const auto all = allHandles();
-    return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), [&](const auto& entry) {
-        return entry.process == process && counts(entry);
-    }));
+    constexpr std::uintptr_t kStep = 4, kLongestGap = 500 * kStep;
+    const HANDLE owner = ::OpenProcess(PROCESS_DUP_HANDLE, FALSE, process);
+    std::size_t handles = 0;
+    for (std::uintptr_t value = kStep, end = kLongestGap; value < end; value += kStep) {
+        HANDLE copy = nullptr;
+        if (!::DuplicateHandle(owner, reinterpret_cast<HANDLE>(value), ::GetCurrentProcess(), &copy, 0, FALSE,
+                               DUPLICATE_SAME_ACCESS))
+            continue;
+        handles += !isRegistryKey(copy);
+        ::CloseHandle(copy);
+        end = value + kLongestGap;
+    }
+    ::CloseHandle(owner);
+    return handles;
 }
 
 }  // namespace
 
 Resources resourcesOf(std::uint32_t process) {
-    const auto list = systemList(SystemProcessInformation);
+    const auto list = processList();
     for (const std::byte* entry = list.data();;) {
         const auto& info = *reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(entry);
         if (reinterpret_cast<std::uintptr_t>(info.UniqueProcessId) == process) {

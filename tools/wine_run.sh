@@ -1,14 +1,23 @@
 #!/usr/bin/env bash
 # Runs a Windows program under Wine: wine_run.sh PROGRAM [ARGUMENT...]
+# wine_run.sh --end ends Wine's servers and the programs that still run under them.
 # It runs in a Wine prefix in the folder build, which is made at the first call and set to Windows 10. No display is needed.
-# ZIQBLE_WINE_PREFIX gives a prefix of that name, and so a server of Wine of its own: one server has ended under the load of all
-# the tests at once.
+# ZIQBLE_WINE_PREFIX gives a prefix of that name, and so a server of Wine of its own, because one server has one thread for all its
+# programs. Prefixes are copies of one, because making one takes long.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+template=$root/build/wine-template
 export WINEPREFIX=$root/build/wine${ZIQBLE_WINE_PREFIX:+-$ZIQBLE_WINE_PREFIX} WINEDEBUG=-all
 # Keeps Wine from offering to install other software, and from making menu entries on the machine.
 export WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d"
 unset DISPLAY WAYLAND_DISPLAY
+
+if [[ ${1-} == --end ]]; then
+    for folder in "$root"/build/wine*/; do
+        WINEPREFIX=$folder wineserver -k 2>/dev/null || true # if it runs
+    done
+    exit
+fi
 
 # With random addresses one program in two thousand does not start, because its heap lies where Wine needs a page of its own.
 # setarch -R gives the same addresses every time, if the machine allows it.
@@ -28,22 +37,38 @@ settings() {
     done
 }
 
-# Ends Wine's server afterwards, so that start_wine can start one that stays.
+up_to_date() {
+    cmp -s "$1/settings.reg" <(settings)
+}
+
+# Ends Wine's server afterwards, so that the prefix can be copied.
+make_template() (
+    export WINEPREFIX=$template
+    "${wine[@]}" wineboot --init && settings >"$template/new.reg" &&
+        "${wine[@]}" regedit /S "Z:$template/new.reg" && wineserver -k && mv "$template/new.reg" "$template/settings.reg"
+)
+
 make_prefix() {
-    "${wine[@]}" wineboot --init && settings >"$WINEPREFIX/new.reg" &&
-        "${wine[@]}" regedit /S "Z:$WINEPREFIX/new.reg" && wineserver -k && mv "$WINEPREFIX/new.reg" "$WINEPREFIX/settings.reg"
+    mkdir -p "$template"
+    exec 8>"$template.lock"
+    flock 8
+    up_to_date "$template" || make_template 8>&- || return
+    exec 8>&-
+    wineserver -k || true # if it runs
+    rm -rf "$WINEPREFIX"
+    cp -a "$template" "$WINEPREFIX"
 }
 
 # Starts Wine's server and its services, if they do not run, and lets them stay for 60 s: a program that starts just when the
 # server ends would find none. They are not left to the first program, because they would keep its output open.
 start_wine() {
-    cmp -s "$WINEPREFIX/settings.reg" <(settings) || make_prefix
+    up_to_date "$WINEPREFIX" || make_prefix || return
     ! wineserver -p60 || "${wine[@]}" wineboot
 }
 
 # When several programs start at once, one of them does this and the others wait.
-mkdir -p "$WINEPREFIX"
-exec 9>"$WINEPREFIX/.lock"
+mkdir -p "$root/build"
+exec 9>"$WINEPREFIX.lock"
 flock 9
 start_wine >"$WINEPREFIX.log" 2>&1 </dev/null 9>&- || { cat "$WINEPREFIX.log" >&2; exit 1; }
 exec 9>&-

@@ -46,7 +46,7 @@ def test_bytes_go_both_ways_in_packets_that_fit(rig, mtu):
     assert stats.startswith("RX 0 bytes. TX 0 bytes. LC 0. RC 0. V" + VERSION)
     assert SYSTEM in stats and stats.endswith(";TIODISCONNECTED")
     if not LAB:
-        assert bridge.ask("LESCAN 1000") == ADDRESS.lower() + ";TIO-SIM"
+        assert bridge.ask("LESCAN 5000") == ADDRESS.lower() + ";TIO-SIM"
     bridge.connect()
     bridge.echo(size, seconds=120)
     wait_until(lambda: bridge.stats().startswith(f"RX {size} bytes. TX {size} bytes. LC "), DEADLINE, "counting every byte")
@@ -289,7 +289,7 @@ def test_no_control_character_gets_through(rig):
                         "--logfile=log" + argument])
     bridge.shell.send(b"evil\x1b[2J\0\x9b\x7f\n")
     bridge.ask("connect \x1b", "OK", "ERROR TIO")
-    assert bridge.ask("lescan 1000") == f"{ADDRESS.lower()};{in_reply}"
+    assert bridge.ask("lescan 5000") == f"{ADDRESS.lower()};{in_reply}"
     stats = bridge.stats()
     bridge.exit()
     logged = ["Radio object is " + in_log, "non_option_args: stray" + shown, "unknown_options: --bogus" + shown,
@@ -307,7 +307,7 @@ def test_no_control_character_gets_through(rig):
 def test_a_bad_scenario_is_refused_before_any_pipe_exists(rig):
     program = rig.launch(peripheral(tx_mtu="large"))
     assert program.wait() == 2
-    assert "tx_mtu" in program.errors.read_text() and program.log_text() == "" and not any(map(rig.host.exists, rig.pipes))
+    assert re.match("ZIQBLEConnect: .*tx_mtu", program.errors.read_text()) and program.log_text() == "" and not any(map(rig.host.exists, rig.pipes))
 
 
 @pytest.mark.parametrize("world, logged", [
@@ -322,14 +322,18 @@ def test_ends_by_itself_without_usable_bluetooth(rig, world, logged):
     assert re.search(".*".join(map(re.escape, [*logged, "Goodbye!"])), program.log_text().replace("\r", ""), re.DOTALL)
 
 
-def test_command_line(rig):
-    incomplete = rig.launch(arguments=["--cmdPipe"])
+def test_command_line(rig, monkeypatch):
+    with monkeypatch.context() as environment:
+        environment.setenv("ZIQBLE_LOG_TIME", "1")
+        incomplete = rig.launch(arguments=["--cmdPipe"])
     assert incomplete.wait() == 0
+    assert re.match(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +blescanner\.cpp", incomplete.log_text())
     incomplete.wait_for_log("missing argument for --cmdPipe\n")
     pipes = ["--cmdPipe", rig.pipes[0], "--datPipe", rig.pipes[1]]
     bridge = rig.start(arguments=[*pipes, "extra", "--bogus", "-h", "--logfile=name.txt"])
     bridge.exit()
-    for text in ("ZIQBLEConnect 1.00.4\n", "Windows " + VERSION, "Allowed options:\n", "non_option_args: extra\n",
+    assert re.match(r" +blescanner\.cpp:\d+ +INFO\| ZIQBLEConnect 1\.00\.4\n", bridge.program.log_text())
+    for text in ("Windows " + VERSION, "Allowed options:\n", "non_option_args: extra\n",
                  "unknown_options: --bogus\n", "Using log file: name.txt\n"):
         assert text in bridge.program.log_text()
     # The log goes to this file, whatever name was given.

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -171,15 +172,22 @@ TEST(Link, WithoutCreditsNothingIsSentUntilTheLinkDrops) {
                                          "characteristics": ["TX", "RX", "CRTX", "CRRX"]}]})");
     link.connect();
     ASSERT_EQ(link.line(), "CONNECT TIO");
+    std::atomic<int> waits = 0, waitsUntold = 0;
+    platform::setSleepObserver([&](std::chrono::milliseconds duration) {
+        waits += duration == 20ms;
+        if (!log.find("Link: the peripheral grants no credits")) waitsUntold = waits.load();
+    });
     auto data = link.openData();
     data.send(std::string(100, 'x'));
-    ASSERT_TRUE(eventually([&] { return log.find("Link: the peripheral grants no credits"); }));
+    ASSERT_TRUE(eventually([&] { return waits > 60; }));
+    EXPECT_EQ(waitsUntold, 49) << "a second without credits";
     EXPECT_EQ(link.peripheral().counters().packetsIn, 0U);
     link.peripheral().dropLink();
     EXPECT_EQ(link.line(), "STATUS CLOSED");
     EXPECT_TRUE(eventually([&] { return log.find("Disconnect detected while waiting for remote credits"); }));
     EXPECT_TRUE(eventually([&] { return log.find("Link: 100 bytes of the client not sent"); }));
     EXPECT_NE(link.context().dataPipe.load(), nullptr);
+    platform::setSleepObserver({});
 }
 
 TEST(Link, AClientThatOpensTheDataPipeTooEarlyHasToOpenItAgain) {

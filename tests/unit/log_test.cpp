@@ -128,6 +128,7 @@ TEST(LogWriter, PushesReturnWhileTheOutputBlocksAndMissingLinesAreCounted) {
     };
     writer.push("first\n");
     EXPECT_TRUE(blocked.try_acquire_for(test::kDeadline));
+    EXPECT_FALSE(writer.drain(std::chrono::milliseconds(20))) << "it is being written";
     for (const char* line : {"second 901234\n", "third 8901234\n", "too long\n", "x\n", "y\n"})
         writer.push(line);
     EXPECT_FALSE(writer.drain(std::chrono::milliseconds(20)));

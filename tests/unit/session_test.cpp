@@ -1,4 +1,5 @@
 // The shell session: its start, its clients one after another, and its end.
+#include <cstdio>
 #include <future>
 
 #include "blescanner/cmdpipe_notification.h"
@@ -49,6 +50,7 @@ void connectLink(Session& session, PipeClient& data) {
     data = session.openData();
     data.send("abc");
     EXPECT_EQ(data.readBytes(3), "abc");
+    EXPECT_TRUE(session.waitForLog("SNT=3")) << "the bytes may be back before their write has ended";
 }
 
 TEST(Start, WithoutUsableBluetoothTellsWaitingClientsAndEndsAsTheDocumentSays) {
@@ -207,6 +209,40 @@ TEST(LinkLines, ArriveWholeAndOnlyForAClient) {
     EXPECT_EQ(session.command("disconnect\n"), "OK\r\n");
 }
 
+TEST(Clients, OddEndsOfTheDataPipe) {
+    Session session;
+    session.control.dataThrows = true;
+    EXPECT_EQ(session.command(kConnect), "OK\r\n");
+    EXPECT_EQ(session.client.readUntil("\r\n"), "ERROR EXP\r\n");
+    EXPECT_TRUE(session.waitForLog("commThread TERM (unknown exception) !"));
+    EXPECT_EQ(joined(session.log.troubles(), "<br>"),
+              "ERROR: odd pipe<br>ERROR: commThread TERM (unknown exception) !");
+    session.control.dataThrows = false;
+
+    PipeClient data;
+    connectLink(session, data);
+    session.control.dataTakes = 30;
+    session.world().peripheral(0).sendNotification(sim::CharacteristicKind::tx,
+                                                   std::vector<std::uint8_t>(100));
+    EXPECT_TRUE(session.waitForLog("Data pipe: 70 bytes for the client given up"));
+    session.sleeps.clear();
+    data.close();
+    EXPECT_TRUE(eventually([&] {
+        return session.sleeps.sleeps() == Sleeps(session.sleeps.sleeps().size(), 100) &&
+               session.sleeps.sleeps().size() > 3;
+    })) << "the link stays until the client ends it";
+    EXPECT_TRUE(session.command("stats\n").ends_with(";TIOCONNECTED\r\n"));
+}
+
+// GoogleTest prints what such a process writes to its standard error, but not its failures.
+[[noreturn]] void endTestProcess() {
+    const auto& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
+    for (int part = 0; part < result.total_part_count(); ++part)
+        std::fprintf(stderr, "%s\n", result.GetTestPartResult(part).message());
+    std::fflush(stderr);
+    platform::endProcess(result.Failed() ? 1 : 0);
+}
+
 // The program's end is for good, so each of these plays in a process of its own.
 TEST(ProgramEnd, LeavesNothingOpenAndKeepsItsReplies) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -243,7 +279,7 @@ TEST(ProgramEnd, LeavesNothingOpenAndKeepsItsReplies) {
             EXPECT_TRUE(platform::isStopRequested());
         };
         SCOPED_TRACE(commands);
-        EXPECT_EXIT((play(), platform::endProcess(HasFailure() ? 1 : 0)), testing::ExitedWithCode(0), "");
+        EXPECT_EXIT((play(), endTestProcess()), testing::ExitedWithCode(0), "");
     }
 }
 

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 
 #include "blescanner/blehelper.h"
@@ -37,8 +39,10 @@ struct PipeControl {
     }
 
     std::atomic<bool> connectFails = false, flushed = true;
-    std::atomic<bool> stalled = false;             // time-outs of writes pass at once
-    std::atomic<int> failingReads = 0, reads = 0;  // of the command pipe
+    std::atomic<bool> stalled = false;              // time-outs of writes pass at once
+    std::atomic<int> failingReads = 0, reads = 0;   // of the command pipe
+    std::atomic<bool> dataThrows = false;           // as only a fault in the host's code does
+    std::atomic<std::size_t> dataTakes = SIZE_MAX;  // bytes of a write, before it is given up
     std::mutex mutex;
     Texts noted;
 };
@@ -52,6 +56,7 @@ class WatchedPipe : public platform::Pipe {
         : real_(std::move(real)), name_(std::move(name)), control_(control) {}
 
     SystemError startConnect(IoRequest& request) override {
+        if (control_.dataThrows && name_ == "data") throw std::runtime_error("odd pipe");
         return control_.connectFails ? kFailure : real_->startConnect(request);
     }
     IoResult startRead(IoRequest& request, std::span<std::uint8_t> buffer) override {
@@ -62,7 +67,8 @@ class WatchedPipe : public platform::Pipe {
         return {kFailure, 0};
     }
     IoResult startWrite(IoRequest& request, std::span<const std::uint8_t> buffer) override {
-        return real_->startWrite(request, buffer);
+        if (name_ != "data" || buffer.size() <= control_.dataTakes) return real_->startWrite(request, buffer);
+        return {SystemError::operationAborted, control_.dataTakes};
     }
     IoResult finish(IoRequest& request, std::chrono::milliseconds timeout) override {
         if (!control_.stalled) return real_->finish(request, timeout);
