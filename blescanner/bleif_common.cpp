@@ -24,11 +24,6 @@ std::uint16_t readU16(std::span<const std::uint8_t> value) {
     return static_cast<std::uint16_t>(value[0] | high << 8);
 }
 
-std::string withoutBraces(const platform::Guid& uuid) {
-    const std::string text = platform::toString(uuid);
-    return text.substr(1, text.size() - 2);
-}
-
 }  // namespace
 
 platform::AsyncOperationPtr<std::shared_ptr<platform::BluetoothLEDevice>> IBLEIF::startDeviceLookUp(
@@ -154,8 +149,8 @@ void IBLEIF::valueChanged(platform::GattCharacteristic* sender,
     if (uuid == context_.txUuid) return dataReceived(args);
     if (uuid == context_.crtxUuid) return creditsReceived(args);
     if (uuid == context_.txmtuUuid) return mtuReceived(args);
-    LOG_S(INFO) << "Notification from {" << withoutBraces(uuid) << "} : " << (args ? args->value.size() : 0)
-                << " bytes";
+    LOG_S(INFO) << "Notification from " << platform::toString(uuid) << " : "
+                << (args ? args->value.size() : 0) << " bytes";
 }
 
 void IBLEIF::dataReceived(const platform::GattValueChangedEventArgs* args) {

@@ -189,8 +189,8 @@ TEST(Drivers, LaterDuplicatesLimitsAndFailures) {
 
 TEST(DriversDb, Lines) {
     const std::string other =
-        "WARNING: Driver check: known.db has lines that are not UTF-8 and are not used: 2. "
-        "Save the file as UTF-8.";
+                          "WARNING: Driver check: known.db has lines that are not UTF-8 and are not used: ",
+                      advice = ". Save the file as UTF-8.";
     const std::tuple<std::string, DriversDb, Texts> cases[] = {
         {"", {}, {}},
         {"a,b", {{L"a#b", L""}}, {}},
@@ -201,7 +201,8 @@ TEST(DriversDb, Lines) {
         {"M\xC3\xBCller,1.0.0.0,\xC3\xBC\n", {{L"M\u00FCller#1.0.0.0", L"\u00FC"}}, {}},
         {{"\xFF\xFE\xFC\0,\0b\0\n\0d\0,\0e\0\n\0?", 19}, {{L"\u00FC#b", L""}, {L"d#e", L""}}, {}},
         {{"\xFE\xFF\0\xFC\0,\0b\0\r\0\n", 12}, {{L"\u00FC#b", L""}}, {}},
-        {"M\xFCller,1,a\na,b,c\nd,e,\xFC\n", {{L"a#b", L"c"}}, {other}}};
+        {"M\xFCller,1,a\n", {}, {other + "1" + advice}},
+        {"M\xFCller,1,a\na,b,c\nd,e,\xFC\n", {{L"a#b", L"c"}}, {other + "2" + advice}}};
     for (const auto& [text, records, told] : cases) {
         const LogCapture log;
         EXPECT_EQ(parseDriversDb(text, "known.db"), records) << text;

@@ -234,6 +234,17 @@ TEST(Clients, OddEndsOfTheDataPipe) {
     EXPECT_TRUE(session.command("stats\n").ends_with(";TIOCONNECTED\r\n"));
 }
 
+TEST(Clients, AreToldOfADataWriteThatThrows) {
+    Session session(R"({"peripherals": [{"faults": [
+        {"on": "write:RX", "after": 1, "times": 1, "do": "no-operation"}]}]})");
+    PipeClient data;
+    connectLink(session, data);
+    data.send("never sent");
+    EXPECT_EQ(session.client.readUntil("\r\n"), "ERROR EXP\r\n");
+    EXPECT_TRUE(session.waitForLog("No operation came back for a data write"));
+    EXPECT_TRUE(session.command("stats\n").starts_with("RX 3 bytes. TX 3 bytes."));
+}
+
 // GoogleTest prints what such a process writes to its standard error, but not its failures.
 [[noreturn]] void endTestProcess() {
     const auto& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
