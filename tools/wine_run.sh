@@ -2,8 +2,8 @@
 # Runs a Windows program under Wine: wine_run.sh PROGRAM [ARGUMENT...]
 # wine_run.sh --end ends Wine's servers and the programs that still run under them.
 # It runs in a Wine prefix in the folder build, which is made at the first call and set to Windows 10. No display is needed.
-# ZIQBLE_WINE_PREFIX gives a prefix of that name, and so a server of Wine of its own, because one server has one thread for all its
-# programs. Prefixes are copies of one, because making one takes long.
+# ZIQBLE_WINE_PREFIX gives a prefix of that name, and so a server of Wine of its own: under the load of all rigs at once Wine 8's
+# server crashes now and then. Prefixes are copies of one, because making one takes long.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 template=$root/build/wine-template

@@ -39,6 +39,9 @@ def test_peripheral_that_comes_back(rig):
     bridge.expect_loss()
     bridge.ask(f"connect {PERIPHERAL_ADDRESS}", "OK", "ERROR TIO")
     lab.peripheral.do("appear")
+    # The emulated radio of a busy machine may miss it for the whole of one connect.
+    bridge.ask(f"connect {PERIPHERAL_ADDRESS}", "OK")
+    assert bridge.shell.line(180) in ("CONNECT TIO", "ERROR TIO")
     bridge.session()
 
 
