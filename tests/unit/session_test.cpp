@@ -227,10 +227,7 @@ TEST(Clients, OddEndsOfTheDataPipe) {
     EXPECT_TRUE(session.waitForLog("Data pipe: 70 bytes for the client given up"));
     session.sleeps.clear();
     data.close();
-    EXPECT_TRUE(eventually([&] {
-        return session.sleeps.sleeps() == Sleeps(session.sleeps.sleeps().size(), 100) &&
-               session.sleeps.sleeps().size() > 3;
-    })) << "the link stays until the client ends it";
+    EXPECT_TRUE(eventually([&] { return session.sleeps.sleeps() >= Sleeps(4, 100); })) << "the link stays";
     EXPECT_TRUE(session.command("stats\n").ends_with(";TIOCONNECTED\r\n"));
 }
 
@@ -250,7 +247,6 @@ TEST(Clients, AreToldOfADataWriteThatThrows) {
     const auto& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
     for (int part = 0; part < result.total_part_count(); ++part)
         std::fprintf(stderr, "%s\n", result.GetTestPartResult(part).message());
-    std::fflush(stderr);
     platform::endProcess(result.Failed() ? 1 : 0);
 }
 
